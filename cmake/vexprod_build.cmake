@@ -1,0 +1,70 @@
+# What every target of the project shares: language level, warnings, sanitizers, output folders, and the two helpers
+# vexprod_add_library() and vexprod_add_test().
+
+include(GNUInstallDirs)
+
+option(VEXPROD_WERROR "Treat warnings as errors" ON)
+option(VEXPROD_BENCH "Build the benchmarks" ON)
+option(VEXPROD_COVERAGE "Instrument for gcov" OFF)
+set(VEXPROD_SANITIZE "" CACHE STRING "Sanitizers, as for -fsanitize= (address,undefined or thread)")
+
+set(CMAKE_C_STANDARD 11)
+set(CMAKE_C_STANDARD_REQUIRED ON)
+set(CMAKE_CXX_STANDARD 20)
+set(CMAKE_CXX_STANDARD_REQUIRED ON)
+set(CMAKE_CXX_EXTENSIONS OFF)
+set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
+set(CMAKE_RUNTIME_OUTPUT_DIRECTORY "${CMAKE_BINARY_DIR}/bin")
+set(CMAKE_LIBRARY_OUTPUT_DIRECTORY "${CMAKE_BINARY_DIR}/lib")
+set(CMAKE_ARCHIVE_OUTPUT_DIRECTORY "${CMAKE_BINARY_DIR}/lib")
+
+find_program(VEXPROD_CCACHE ccache)
+if(VEXPROD_CCACHE)
+    set(CMAKE_C_COMPILER_LAUNCHER "${VEXPROD_CCACHE}")
+    set(CMAKE_CXX_COMPILER_LAUNCHER "${VEXPROD_CCACHE}")
+endif()
+
+add_compile_options(-Wall -Wextra -Wpedantic -Wshadow -Wconversion -fno-omit-frame-pointer)
+if(VEXPROD_WERROR)
+    add_compile_options(-Werror)
+endif()
+# 64-bit offsets everywhere; GNU for memfd_create, close_range and friends, in C++ as in C.
+add_compile_definitions(_GNU_SOURCE _FILE_OFFSET_BITS=64)
+
+if(VEXPROD_SANITIZE)
+    add_compile_options(-fsanitize=${VEXPROD_SANITIZE} -fno-sanitize-recover=all)
+    add_link_options(-fsanitize=${VEXPROD_SANITIZE})
+else()
+    add_link_options(-Wl,-z,relro -Wl,-z,now)
+endif()
+if(VEXPROD_COVERAGE)
+    # Atomic counters: the code under test runs in many threads.
+    add_compile_options(--coverage -fprofile-update=atomic)
+    add_link_options(--coverage)
+endif()
+
+# vexprod_add_library(NAME SOURCES a.cpp ... [DEPS targets ...])
+# A static library NAME, linked as vexprod::NAME. Its own folder is its only public include path, so a target sees the
+# headers of exactly those targets that it names in DEPS.
+function(vexprod_add_library name)
+    cmake_parse_arguments(ARG "" "" "SOURCES;DEPS" ${ARGN})
+    add_library(vexprod_${name} STATIC ${ARG_SOURCES})
+    add_library(vexprod::${name} ALIAS vexprod_${name})
+    target_include_directories(vexprod_${name} PUBLIC "${CMAKE_CURRENT_SOURCE_DIR}")
+    target_link_libraries(vexprod_${name} PUBLIC ${ARG_DEPS})
+endfunction()
+
+# vexprod_add_test(NAME SOURCES a_test.cpp ... [DEPS targets ...] [TIMEOUT seconds])
+# One GoogleTest program. Each of its tests runs as a ctest entry of its own in a fresh simulated host (hostsim/enter),
+# so that tests use the daemon's fixed paths, cannot disturb one another and never touch the machine.
+function(vexprod_add_test name)
+    cmake_parse_arguments(ARG "" "TIMEOUT" "SOURCES;DEPS" ${ARGN})
+    if(NOT ARG_TIMEOUT)
+        set(ARG_TIMEOUT 120)
+    endif()
+    add_executable(${name} ${ARG_SOURCES})
+    target_link_libraries(${name} PRIVATE ${ARG_DEPS} GTest::gmock GTest::gtest_main)
+    set_target_properties(${name} PROPERTIES CROSSCOMPILING_EMULATOR "${PROJECT_SOURCE_DIR}/hostsim/enter"
+                                             RUNTIME_OUTPUT_DIRECTORY "${CMAKE_BINARY_DIR}/tests")
+    gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST PROPERTIES TIMEOUT ${ARG_TIMEOUT})
+endfunction()
