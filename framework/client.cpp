@@ -22,12 +22,16 @@ using ks::is_io;
 
 constexpr unsigned kMinimumTimeoutS = 5;
 
-bool is_epoll(const ks_epoll* epoll) { return epoll != nullptr && epoll->magic == KS_EPOLL_MAGIC; }
+bool is_epoll(const ks_epoll* epoll) {
+    return epoll != nullptr && epoll->magic == KS_EPOLL_MAGIC;
+}
 
-bool is_open(int fd) { return fd >= 0 && fcntl(fd, F_GETFD) != -1; }
+bool is_open(int fd) {
+    return fd >= 0 && fcntl(fd, F_GETFD) != -1;
+}
 
-// Answers the invitation: the request, then its descriptors. When one cannot be sent (too many in flight, see unix(7)) the
-// service must not wait for it: hanging up makes the next event an end of the request.
+// Answers the invitation: the request, then its descriptors. When one cannot be sent (too many in flight, see unix(7))
+// the service must not wait for it: hanging up makes the next event an end of the request.
 void send_request(const ks_io* io) {
     directive request = ks::make_directive(KS_DIRECTIVE_REQUEST);
     const bool extra = is_open(io->passfd);

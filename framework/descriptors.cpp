@@ -1,9 +1,9 @@
 // Descriptors and what is said over sockets: the fixed 259-byte directive, and one descriptor per message.
 //
 // Receiving descriptors (unix(7), SCM_RIGHTS) has three classic mistakes, all met here: a control buffer of
-// CMSG_SPACE(one int) has room for a second descriptor on 64-bit machines, because of its alignment, so every descriptor
-// that arrives is looked at and only the first is kept; received descriptors are close-on-exec from the start
-// (MSG_CMSG_CLOEXEC); and a control message of another kind is not mistaken for one.
+// CMSG_SPACE(one int) has room for a second descriptor on 64-bit machines, because of its alignment, so every
+// descriptor that arrives is looked at and only the first is kept; received descriptors are close-on-exec from the
+// start (MSG_CMSG_CLOEXEC); and a control message of another kind is not mistaken for one.
 #include "internal.h"
 
 #include <cerrno>

@@ -12,8 +12,8 @@
 
 #include <ctime>
 
-// Aborts with the fixed line unless `condition` holds. `text` is the condition as the line shows it, given as a literal:
-// a stringised condition would change with the formatter, and some of the texts are not what compiles here.
+// Aborts with the fixed line unless `condition` holds. `text` is the condition as the line shows it, given as a
+// literal: a stringised condition would change with the formatter, and some of the texts are not what compiles here.
 #define KS_REQUIRE(condition, text, ...)                                                                               \
     do {                                                                                                               \
         if (__builtin_expect(!(condition), 0)) {                                                                       \
@@ -37,7 +37,9 @@ namespace ks {
 [[noreturn, gnu::cold, gnu::format(printf, 3, 4)]] void abort_with(const char* function, const char* text,
                                                                    const char* fmt, ...);
 
-inline bool is_io(const ks_io* io) { return io != nullptr && io->magic == KS_IO_MAGIC; }
+inline bool is_io(const ks_io* io) {
+    return io != nullptr && io->magic == KS_IO_MAGIC;
+}
 
 // ---- descriptors.cpp
 
@@ -84,9 +86,9 @@ bool io_try_sync(ks_io* io);
 // Closes and clears everything that `io` owns, as a failed call leaves it: memfd, sockfd, passfd -1, nothing mapped.
 void io_reset(ks_io* io);
 
-// Whether a received descriptor can serve as a memory file: a regular file, open for reading and writing, and not sealed
-// against what the framework has to do with it. Where the file can still be sealed, seals it against further seals, so
-// that the answer stays true.
+// Whether a received descriptor can serve as a memory file: a regular file, open for reading and writing, and not
+// sealed against what the framework has to do with it. Where the file can still be sealed, seals it against further
+// seals, so that the answer stays true.
 bool is_memory_file(int fd);
 
 // ---- service.cpp
@@ -119,11 +121,17 @@ struct service {
     int32_t* in_transit;
 };
 
-inline service* service_of(ks_handle* handle) { return reinterpret_cast<service*>(handle); }
+inline service* service_of(ks_handle* handle) {
+    return reinterpret_cast<service*>(handle);
+}
 
-inline bool is_handle(const ks_handle* handle) { return handle != nullptr && handle->magic == KS_HANDLE_MAGIC; }
+inline bool is_handle(const ks_handle* handle) {
+    return handle != nullptr && handle->magic == KS_HANDLE_MAGIC;
+}
 
-inline bool is_stopping(const ks_handle* handle) { return __atomic_load_n(&handle->stopping, __ATOMIC_ACQUIRE) != 0; }
+inline bool is_stopping(const ks_handle* handle) {
+    return __atomic_load_n(&handle->stopping, __ATOMIC_ACQUIRE) != 0;
+}
 
 // Makes consumer `index`'s link and starts its thread or process (which does not return from here).
 void start_consumer(service* self, size_t index);

@@ -3,8 +3,8 @@
 //
 // On the service's side the file came from a stranger, who keeps a descriptor of it. is_memory_file() admits only files
 // on which our steps can work, but the stranger can still grow the file beyond what can be mapped, or pass one whose
-// file system refuses later. Our own program did nothing wrong then, so nothing aborts: the object lets the file go, ends
-// the connection and carries on with a private file that nobody reads.
+// file system refuses later. Our own program did nothing wrong then, so nothing aborts: the object lets the file go,
+// ends the connection and carries on with a private file that nobody reads.
 #include "internal.h"
 
 #include <cerrno>
@@ -44,7 +44,9 @@ bool map(ks_io* io, size_t size) {
 }
 
 // Whether somebody else has a hand on the memory file: as long as there is a connection, that is.
-bool is_shared(const ks_io* io) { return io->sockfd >= 0 || io->cred.pid != 0; }
+bool is_shared(const ks_io* io) {
+    return io->sockfd >= 0 || io->cred.pid != 0;
+}
 
 // Parts with a file that the other side has made unusable.
 void let_go(ks_io* io) {

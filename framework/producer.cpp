@@ -1,5 +1,5 @@
-// The producer worker: accepts callers, keeps those that no consumer can take yet, hands each to an idle consumer, turns
-// callers away when the service is paused or its list is full, and restarts consumer processes that have died.
+// The producer worker: accepts callers, keeps those that no consumer can take yet, hands each to an idle consumer,
+// turns callers away when the service is paused or its list is full, and restarts consumer processes that have died.
 //
 // One thread; it alone touches the waiting list, the cursor, the idle marks and in_transit.
 //
@@ -42,7 +42,9 @@ struct waiting_caller {
     bool muted;     // registered, but not for readability: it spoke while nobody could listen
 };
 
-waiting_caller* caller_of(ks_queue* queue) { return reinterpret_cast<waiting_caller*>(queue); }
+waiting_caller* caller_of(ks_queue* queue) {
+    return reinterpret_cast<waiting_caller*>(queue);
+}
 
 struct producer {
     service* self;
@@ -184,8 +186,8 @@ void dispatch(producer* p, const ks_queue* spoke) {
 void accept_caller(producer* p) {
     int fd = accept4(p->own->sockfd[1], nullptr, nullptr, SOCK_CLOEXEC);
     if (fd < 0) {
-        // Without a free descriptor or memory the caller stays in the backlog, and the socket stays readable: look again
-        // in a while instead of at once.
+        // Without a free descriptor or memory the caller stays in the backlog, and the socket stays readable: look
+        // again in a while instead of at once.
         if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
             p->accept_retry_at = now_ms() + kAcceptRetryMs;
             (void)watch(p, EPOLL_CTL_MOD, &p->own->queue, 0);
@@ -218,8 +220,8 @@ void accept_caller(producer* p) {
     head->prev->next = entry;
     head->prev = entry;
     ++p->waiting;
-    // Nearly always a consumer is idle and the caller leaves the list at once; only one that has to stay is watched. The
-    // list is in arrival order, so the newcomer is the last entry, if it is still there.
+    // Nearly always a consumer is idle and the caller leaves the list at once; only one that has to stay is watched.
+    // The list is in arrival order, so the newcomer is the last entry, if it is still there.
     dispatch(p, nullptr);
     if (p->waiting == 0 || head->prev != entry) {
         return;
