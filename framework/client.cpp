@@ -11,6 +11,7 @@
 #include <fcntl.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -42,6 +43,37 @@ void send_request(const ks_io* io) {
                       (!extra || ks::send_descriptor(io->sockfd, io->passfd));
     if (!sent) {
         (void)shutdown(io->sockfd, SHUT_RDWR);
+    }
+}
+
+constexpr int64_t kNoDeadline = -1;
+
+void set_send_timeout(int sockfd, int64_t timeout_ms) {
+    timeval timeout = {};
+    timeout.tv_sec = (time_t)(timeout_ms / 1000);
+    timeout.tv_usec = (suseconds_t)(timeout_ms % 1000 * 1000);
+    (void)setsockopt(sockfd, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof(timeout));
+}
+
+// connect(2) waits while the service's backlog is full, for ever when the service has been stopped (SIGSTOP). The
+// socket's send time-out bounds that wait, see socket(7); a signal starts it anew with what is left.
+// @param give_up_at  now_ms() of the end, or kNoDeadline.
+unsigned connect_socket(int sockfd, const sockaddr_un& address, int64_t give_up_at) {
+    for (;;) {
+        if (give_up_at != kNoDeadline) {
+            const int64_t left = give_up_at - ks::now_ms();
+            set_send_timeout(sockfd, left > 1 ? left : 1); // 0 would mean without end
+        }
+        if (connect(sockfd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0) {
+            if (give_up_at != kNoDeadline) {
+                set_send_timeout(sockfd, 0);
+            }
+            return KS_OK;
+        }
+        if (errno == EINTR) {
+            continue;
+        }
+        return give_up_at != kNoDeadline && errno == EAGAIN ? KS_TIMEOUT : KS_NO_SERVICE;
     }
 }
 
@@ -95,9 +127,14 @@ ks_epoll* ks_epoll_create(void) {
     return epoll;
 }
 
-unsigned ks_epoll_call(ks_epoll* epoll, const char* name, const char* command, ks_io* io, int passfd) {
-    KS_REQUIRE(is_epoll(epoll), KS_EPOLL_TEXT, "cannot call incorrect ks_epoll %p", (void*)epoll);
-    KS_REQUIRE(is_io(io), KS_IO_TEXT, "cannot make incorrect ks_io %p request", (void*)io);
+namespace {
+
+// ks_epoll_call(), which its lines name, with an end to the time that connecting may take.
+unsigned start_request(ks_epoll* epoll, const char* name, const char* command, ks_io* io, int passfd,
+                       int64_t give_up_at) {
+    constexpr const char* kCall = "ks_epoll_call";
+    KS_REQUIRE_IN(kCall, is_epoll(epoll), KS_EPOLL_TEXT, "cannot call incorrect ks_epoll %p", (void*)epoll);
+    KS_REQUIRE_IN(kCall, is_io(io), KS_IO_TEXT, "cannot make incorrect ks_io %p request", (void*)io);
     if (name == nullptr || strlen(name) > MAXIMUM_NAME_SIZE || command == nullptr ||
         strlen(command) >= sizeof(io->command)) {
         return KS_BAD_ARGUMENT;
@@ -106,34 +143,37 @@ unsigned ks_epoll_call(ks_epoll* epoll, const char* name, const char* command, k
     if (name[0] == '@') {
         (void)snprintf(path, sizeof(path), "%s", name + 1); // KEPT: unlike ks_create(), no "/" is asked for
     } else {
-        KS_REQUIRE(ks::hashed_socket_path(name, path, sizeof(path)), "SHA1Result(&sha1)",
-                   "generate request [%s] SHA1 fail", name);
+        KS_REQUIRE_IN(kCall, ks::hashed_socket_path(name, path, sizeof(path)), "SHA1Result(&sha1)",
+                      "generate request [%s] SHA1 fail", name);
     }
 
     ks::close_and_clear(&io->sockfd); // left by an earlier call that found no service
     io->sockfd = ks::above_stdio(socket(AF_UNIX, SOCK_STREAM, 0));
-    KS_REQUIRE(io->sockfd >= 0 && set_fd_cloexec(io->sockfd),
-               "(io->sockfd = socket(AF_UNIX, SOCK_STREAM, 0)) >= 0 && set_fd_cloexec(io->sockfd)",
-               "create request socket fail");
+    KS_REQUIRE_IN(kCall, io->sockfd >= 0 && set_fd_cloexec(io->sockfd),
+                  "(io->sockfd = socket(AF_UNIX, SOCK_STREAM, 0)) >= 0 && set_fd_cloexec(io->sockfd)",
+                  "create request socket fail");
     sockaddr_un address = {};
     address.sun_family = AF_UNIX;
     memcpy(address.sun_path, path, strlen(path) + 1);
-    int connected = 0;
-    do {
-        connected = connect(io->sockfd, reinterpret_cast<sockaddr*>(&address), sizeof(address));
-    } while (connected != 0 && errno == EINTR);
-    if (connected != 0) {
-        return KS_NO_SERVICE;
+    const unsigned connected = connect_socket(io->sockfd, address, give_up_at);
+    if (connected != KS_OK) {
+        return connected;
     }
     epoll_event event = {};
     event.events = EPOLLIN | EPOLLERR | EPOLLHUP | EPOLLRDHUP;
     event.data.ptr = io;
-    KS_REQUIRE(epoll_ctl(epoll->fd, EPOLL_CTL_ADD, io->sockfd, &event) == 0,
-               "epoll_ctl(epoll->fd, EPOLL_CTL_ADD, io->sockfd, ev) == 0", "epoll add request sockfd fail");
+    KS_REQUIRE_IN(kCall, epoll_ctl(epoll->fd, EPOLL_CTL_ADD, io->sockfd, &event) == 0,
+                  "epoll_ctl(epoll->fd, EPOLL_CTL_ADD, io->sockfd, ev) == 0", "epoll add request sockfd fail");
     ks::io_shm(io);
     io->passfd = passfd;
     (void)snprintf(io->command, sizeof(io->command), "%s", command);
     return KS_OK;
+}
+
+} // namespace
+
+unsigned ks_epoll_call(ks_epoll* epoll, const char* name, const char* command, ks_io* io, int passfd) {
+    return start_request(epoll, name, command, io, passfd, kNoDeadline);
 }
 
 ks_io* ks_epoll_perform(ks_epoll* epoll, unsigned timeout_ms, unsigned* status) {
@@ -192,9 +232,11 @@ void ks_epoll_free(ks_epoll* epoll) {
 unsigned ks_call(const char* name, const char* command, ks_io* io, unsigned timeout_s, int passfd) {
     ks_epoll* epoll = ks_epoll_create();
     const int64_t begin = ks::now_ms();
-    unsigned code = ks_epoll_call(epoll, name, command, io, passfd);
+    const int64_t allowed = (int64_t)(timeout_s < kMinimumTimeoutS ? kMinimumTimeoutS : timeout_s) * 1000;
+    unsigned code = start_request(epoll, name, command, io, passfd, begin + allowed);
     if (code == KS_OK) {
-        int64_t remaining = (int64_t)(timeout_s < kMinimumTimeoutS ? kMinimumTimeoutS : timeout_s) * 1000;
+        const int64_t left = begin + allowed - ks::now_ms(); // less than all only when the backlog was full
+        int64_t remaining = left > 0 ? left : 0;
         while (ks_epoll_perform(epoll, remaining < UINT_MAX ? (unsigned)remaining : UINT_MAX, &code) == nullptr) {
             // KEPT: each pass takes the whole time since the start off the budget, not just its own, so a request that
             // waited for a worker has less than the clock says. Callers have tuned their time-outs to it.
