@@ -1,7 +1,7 @@
 // The host's configuration reader and its hardware tool, run as the daemon runs them.
 
-#include "files.h"
 #include "shell.h"
+#include "test_files.h"
 
 #include <gtest/gtest.h>
 

@@ -1,5 +1,6 @@
 // Runs a command line of a test and collects what it printed.
-#pragma once
+#ifndef VEXPROD_TESTS_SHELL_H
+#define VEXPROD_TESTS_SHELL_H
 
 #include <array>
 #include <cstdio>
@@ -26,3 +27,5 @@ inline shell_result shell(const std::string& command) {
 inline int exit_code(const shell_result& result) {
     return WIFEXITED(result.status) ? WEXITSTATUS(result.status) : -1;
 }
+
+#endif

@@ -1,8 +1,8 @@
 // What every tool of the simulated host does besides its job: records of its calls, and answers that tests choose.
 
-#include "files.h"
 #include "host_tool.h"
 #include "shell.h"
+#include "test_files.h"
 #include "wait.h"
 
 #include <gmock/gmock.h>
@@ -157,18 +157,6 @@ TEST_F(HostTool, EveryToolOfTheTableIsInstalled) {
     for (const char* path : {"/sbin/cfgread", "/sbin/hwctl", "/share/VexHubServer/VexHubServer.sh"}) {
         EXPECT_TRUE(std::filesystem::is_regular_file(path)) << path;
     }
-}
-
-TEST(TempDir, IsFreshAndRemovedWithItsContent) {
-    std::string path;
-    {
-        const temp_dir dir;
-        path = dir.path();
-        write_file(dir.file("a/b/c"), "content", 0600);
-        EXPECT_EQ(read_file(path + "/a/b/c"), "content");
-        EXPECT_NE(temp_dir().path(), path);
-    }
-    EXPECT_FALSE(std::filesystem::exists(path));
 }
 
 TEST(WaitUntil, GivesUpAfterItsPatience) {

@@ -1,6 +1,6 @@
 #include "host_tool.h"
 
-#include "files.h"
+#include "test_files.h"
 
 #include <algorithm>
 #include <filesystem>

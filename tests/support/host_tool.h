@@ -8,7 +8,8 @@
 //
 // A tool that is told nothing does its job. Answers, exits and dies_by replace the job; delays and complains add to it.
 // The last argument of each chooses the call it is meant for, counted from 1; 0 is every call that has no own answer.
-#pragma once
+#ifndef VEXPROD_TESTS_HOST_TOOL_H
+#define VEXPROD_TESTS_HOST_TOOL_H
 
 #include <chrono>
 #include <string>
@@ -54,3 +55,5 @@ private:
     std::string calls_;
     std::string knobs_;
 };
+
+#endif
