@@ -1,5 +1,6 @@
 // The host's stand-in tools: one program under many paths.
-#pragma once
+#ifndef VEXPROD_HOSTSIM_TOOL_H
+#define VEXPROD_HOSTSIM_TOOL_H
 
 #include <span>
 #include <string>
@@ -24,3 +25,5 @@ const tool* running_tool();
 int succeed(const arguments& args);
 int read_config(const arguments& args);
 int control_hardware(const arguments& args);
+
+#endif
