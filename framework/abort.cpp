@@ -1,0 +1,29 @@
+#include "internal.h"
+
+#include <cstdarg>
+#include <cstdlib>
+#include <unistd.h>
+
+namespace ks {
+
+void abort_with(const char* function, const char* text, const char* fmt, ...) {
+    char message[512];
+    va_list arguments;
+    va_start(arguments, fmt);
+    (void)vsnprintf(message, sizeof(message), fmt, arguments);
+    va_end(arguments);
+
+    // One write, past stdio: the line stays whole beside other threads' output, and a lock that another thread holds
+    // cannot keep us alive.
+    char line[2048];
+    int length = snprintf(line, sizeof(line), "[ABORT] @%s() %s: `%s'\n", function, message, text);
+    if (length > 0) {
+        const size_t size = (size_t)length < sizeof(line) ? (size_t)length : sizeof(line) - 1;
+        if (write(STDERR_FILENO, line, size) < 0) {
+            // Nobody is left to tell.
+        }
+    }
+    abort();
+}
+
+} // namespace ks

@@ -1,0 +1,257 @@
+// The calling side, and the service's word that a reply is complete.
+//
+// A request in flight is a ks_io whose socket is registered in a ks_epoll with the object itself as event data; the
+// caller of ks_epoll_call() keeps owning it. Whatever fails, io_reset() leaves it empty and usable for the next call.
+#include "internal.h"
+
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/epoll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#define KS_EPOLL_TEXT "epoll && (*(u_int32_t*) epoll == KS_EPOLL_MAGIC)"
+
+namespace {
+
+using ks::is_io;
+
+constexpr unsigned kMinimumTimeoutS = 5;
+
+bool is_epoll(const ks_epoll* epoll) {
+    return epoll != nullptr && epoll->magic == KS_EPOLL_MAGIC;
+}
+
+bool is_open(int fd) {
+    return fd >= 0 && fcntl(fd, F_GETFD) != -1;
+}
+
+// Answers the invitation: the request, then its descriptors. When one cannot be sent (too many in flight, see unix(7))
+// the service must not wait for it: hanging up makes the next event an end of the request.
+void send_request(const ks_io* io) {
+    directive request = ks::make_directive(KS_DIRECTIVE_REQUEST);
+    const bool extra = is_open(io->passfd);
+    request.flags = extra ? KS_DIRECTIVE_HAS_FD : 0;
+    memcpy(request.data, io->command, strnlen(io->command, sizeof(io->command) - 1));
+    const bool sent = ks::send_directive(io->sockfd, request) &&
+                      (io->memfd < 0 || ks::send_descriptor(io->sockfd, io->memfd)) &&
+                      (!extra || ks::send_descriptor(io->sockfd, io->passfd));
+    if (!sent) {
+        (void)shutdown(io->sockfd, SHUT_RDWR);
+    }
+}
+
+// How one event changes the request.
+enum class step { waits, sent, done, failed };
+
+step advance(ks_epoll* epoll, uint32_t events, ks_io* io, unsigned* ret_code) {
+    *ret_code = KS_DISCONNECTED;
+    if ((events & (EPOLLERR | EPOLLHUP)) != 0 && (events & EPOLLRDHUP) == 0) {
+        return step::failed;
+    }
+    directive message = {};
+    if (!ks::receive_directive(io->sockfd, &message)) {
+        return step::failed;
+    }
+    switch (message.type) {
+    case KS_DIRECTIVE_BUSY:
+        *ret_code = KS_BUSY;
+        return step::failed;
+    case KS_DIRECTIVE_PAUSED:
+        *ret_code = KS_PAUSED;
+        return step::failed;
+    case KS_DIRECTIVE_REFUSED:
+        *ret_code = KS_REFUSED;
+        return step::failed;
+    case KS_DIRECTIVE_REPLY:
+        ks_epoll_cancel(epoll, io);
+        if (!ks::io_try_sync(io)) {
+            return step::failed; // the service left a file behind that cannot be mapped
+        }
+        *ret_code = KS_OK;
+        return step::done;
+    case KS_DIRECTIVE_ACCEPTED:
+        send_request(io);
+        *ret_code = KS_OK;
+        return step::sent;
+    default:
+        return step::waits;
+    }
+}
+
+} // namespace
+
+ks_epoll* ks_epoll_create(void) {
+    auto* epoll = static_cast<ks_epoll*>(calloc(1, sizeof(ks_epoll)));
+    KS_REQUIRE(epoll != nullptr, "(epoll = calloc(1, sizeof(ks_epoll)))", "alloc epoll memory fail");
+    epoll->fd = ks::above_stdio(epoll_create(1));
+    KS_REQUIRE(epoll->fd >= 0 && set_fd_cloexec(epoll->fd),
+               "((epoll->fd = epoll_create(1)) >= 0 && set_fd_cloexec(epoll->fd))", "create request epoll fail");
+    epoll->magic = KS_EPOLL_MAGIC;
+    return epoll;
+}
+
+unsigned ks_epoll_call(ks_epoll* epoll, const char* name, const char* command, ks_io* io, int passfd) {
+    KS_REQUIRE(is_epoll(epoll), KS_EPOLL_TEXT, "cannot call incorrect ks_epoll %p", (void*)epoll);
+    KS_REQUIRE(is_io(io), KS_IO_TEXT, "cannot make incorrect ks_io %p request", (void*)io);
+    if (name == nullptr || strlen(name) > MAXIMUM_NAME_SIZE || command == nullptr ||
+        strlen(command) >= sizeof(io->command)) {
+        return KS_BAD_ARGUMENT;
+    }
+    char path[ks::kSocketPathSize];
+    if (name[0] == '@') {
+        (void)snprintf(path, sizeof(path), "%s", name + 1); // KEPT: unlike ks_create(), no "/" is asked for
+    } else {
+        KS_REQUIRE(ks::hashed_socket_path(name, path, sizeof(path)), "SHA1Result(&sha1)",
+                   "generate request [%s] SHA1 fail", name);
+    }
+
+    ks::close_and_clear(&io->sockfd); // left by an earlier call that found no service
+    io->sockfd = ks::above_stdio(socket(AF_UNIX, SOCK_STREAM, 0));
+    KS_REQUIRE(io->sockfd >= 0 && set_fd_cloexec(io->sockfd),
+               "(io->sockfd = socket(AF_UNIX, SOCK_STREAM, 0)) >= 0 && set_fd_cloexec(io->sockfd)",
+               "create request socket fail");
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    memcpy(address.sun_path, path, strlen(path) + 1);
+    int connected = 0;
+    do {
+        connected = connect(io->sockfd, reinterpret_cast<sockaddr*>(&address), sizeof(address));
+    } while (connected != 0 && errno == EINTR);
+    if (connected != 0) {
+        return KS_NO_SERVICE;
+    }
+    epoll_event event = {};
+    event.events = EPOLLIN | EPOLLERR | EPOLLHUP | EPOLLRDHUP;
+    event.data.ptr = io;
+    KS_REQUIRE(epoll_ctl(epoll->fd, EPOLL_CTL_ADD, io->sockfd, &event) == 0,
+               "epoll_ctl(epoll->fd, EPOLL_CTL_ADD, io->sockfd, ev) == 0", "epoll add request sockfd fail");
+    ks::io_shm(io);
+    io->passfd = passfd;
+    (void)snprintf(io->command, sizeof(io->command), "%s", command);
+    return KS_OK;
+}
+
+ks_io* ks_epoll_perform(ks_epoll* epoll, unsigned timeout_ms, unsigned* status) {
+    KS_REQUIRE(is_epoll(epoll), KS_EPOLL_TEXT, "cannot perform incorrect ks_epoll %p", (void*)epoll);
+    unsigned ignored = 0;
+    unsigned* code = status != nullptr ? status : &ignored;
+    const int64_t give_up_at = ks::now_ms() + timeout_ms;
+    while (epoll->fd >= 0) {
+        const int64_t left = give_up_at - ks::now_ms();
+        epoll_event event = {};
+        const int ready = epoll_wait(epoll->fd, &event, 1, left <= 0 ? 0 : left < INT_MAX ? (int)left : INT_MAX);
+        if (ready < 0 && errno == EINTR) {
+            continue;
+        }
+        if (ready <= 0) {
+            break;
+        }
+        auto* io = static_cast<ks_io*>(event.data.ptr);
+        if (io == nullptr) {
+            break;
+        }
+        switch (advance(epoll, event.events, io, code)) {
+        case step::failed:
+            ks_epoll_cancel(epoll, io);
+            ks::io_reset(io);
+            return io;
+        case step::done:
+            return io;
+        case step::sent:
+            return nullptr;
+        case step::waits:
+            break;
+        }
+    }
+    *code = KS_TIMEOUT;
+    return nullptr;
+}
+
+void ks_epoll_cancel(ks_epoll* epoll, ks_io* io) {
+    KS_REQUIRE(is_epoll(epoll), KS_EPOLL_TEXT, "cannot cancel incorrect ks_epoll %p", (void*)epoll);
+    KS_REQUIRE(is_io(io), KS_IO_TEXT, "cannot cancel incorrect ks_io %p", (void*)io);
+    if (io->sockfd != -1) {
+        (void)epoll_ctl(epoll->fd, EPOLL_CTL_DEL, io->sockfd, nullptr);
+        (void)shutdown(io->sockfd, SHUT_RDWR);
+        ks::close_and_clear(&io->sockfd);
+    }
+}
+
+void ks_epoll_free(ks_epoll* epoll) {
+    KS_REQUIRE(is_epoll(epoll), KS_EPOLL_TEXT, "cannot free incorrect ks_epoll %p", (void*)epoll);
+    epoll->magic = 0;
+    close(epoll->fd);
+    free(epoll);
+}
+
+unsigned ks_call(const char* name, const char* command, ks_io* io, unsigned timeout_s, int passfd) {
+    ks_epoll* epoll = ks_epoll_create();
+    const int64_t begin = ks::now_ms();
+    unsigned code = ks_epoll_call(epoll, name, command, io, passfd);
+    if (code == KS_OK) {
+        int64_t remaining = (int64_t)(timeout_s < kMinimumTimeoutS ? kMinimumTimeoutS : timeout_s) * 1000;
+        while (ks_epoll_perform(epoll, remaining < UINT_MAX ? (unsigned)remaining : UINT_MAX, &code) == nullptr) {
+            // KEPT: each pass takes the whole time since the start off the budget, not just its own, so a request that
+            // waited for a worker has less than the clock says. Callers have tuned their time-outs to it.
+            const int64_t elapsed = ks::now_ms() - begin;
+            if (elapsed >= remaining) {
+                code = KS_TIMEOUT; // also when the last pass was the one that sent the request
+                break;
+            }
+            remaining -= elapsed;
+        }
+    }
+    if (code != KS_OK) {
+        ks::io_reset(io);
+    }
+    ks_epoll_free(epoll);
+    return code;
+}
+
+unsigned ks_ez_call(const char* name, const char* command, const void* data, size_t dsize, void** recv, size_t* rsize,
+                    unsigned timeout_s, int passfd) {
+    KS_REQUIRE(data != nullptr || dsize == 0, "data != NULL || (data == NULL && dsize == 0U)",
+               "data memory access violation with size (%zu)", dsize);
+    KS_REQUIRE(recv == nullptr || *recv == nullptr, "(recv == NULL || *recv == NULL)", "recv memory access violation");
+    ks_io* io = ks_io_create();
+    for (size_t written = 0; written < dsize;) {
+        const ssize_t count = ks_io_write(io, static_cast<const char*>(data) + written, dsize - written);
+        if (count <= 0) {
+            break; // out of memory or over a limit: the service sees a shorter text
+        }
+        written += (size_t)count;
+    }
+    const unsigned code = ks_call(name, command, io, timeout_s, passfd);
+    if (code == KS_OK && recv != nullptr) {
+        size_t size = io->shared_size;
+        void* reply = realloc(*recv, size);
+        KS_REQUIRE(reply != nullptr || size == 0, "(*recv = realloc(*recv, io->shared_size))",
+                   "cannot realloc recv memory");
+        // Not from the mapping: the service has a hand on the file and could shorten it under us.
+        size_t copied = 0;
+        while (copied < size) {
+            const ssize_t count = pread(io->memfd, static_cast<char*>(reply) + copied, size - copied, (off_t)copied);
+            if (count <= 0) {
+                break;
+            }
+            copied += (size_t)count;
+        }
+        *recv = reply;
+        if (rsize != nullptr) {
+            *rsize = copied;
+        }
+    }
+    ks_io_free(io);
+    return code;
+}
+
+void ks_reply(ks_io* io) {
+    KS_REQUIRE(is_io(io), KS_IO_TEXT, "cannot response incorrect ks_io %p", (void*)io);
+    (void)ks::send_directive(io->sockfd, ks::make_directive(KS_DIRECTIVE_REPLY));
+    (void)shutdown(io->sockfd, SHUT_RDWR);
+}

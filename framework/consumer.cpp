@@ -1,0 +1,248 @@
+// The consumer worker: serves one caller at a time.
+//
+// Conversation with a caller, whose connection it owns from the transfer to the request (the ks_io owns it then):
+//
+//     producer -> consumer   transfer + descriptor
+//     consumer -> producer   the transfer, echoed: the producer closes its copy
+//     consumer -> caller     accepted
+//     caller   -> consumer   request + memory file [+ extra descriptor]
+//     consumer -> producer   ready, once the callback has returned, or as soon as the caller failed at any step
+//
+// While a caller is being talked to, the producer says nothing but "stop", so anything on the link makes the consumer
+// part with a caller that has not sent its request. A caller that was invited has kPatienceMs for the whole of it.
+#include "internal.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <poll.h>
+#include <sys/epoll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace ks {
+
+namespace {
+
+constexpr int64_t kPatienceMs = 30000;
+
+struct caller {
+    int fd;             // owned connection
+    int link;           // borrowed: the worker's end of the link to the producer
+    int64_t give_up_at; // now_ms() of the end of patience
+};
+
+void report_ready(const ks_worker* worker) {
+    directive ready = make_directive(KS_DIRECTIVE_READY);
+    memcpy(ready.data, &worker->index, sizeof(worker->index));
+    (void)send_directive(worker->sockfd[0], ready); // fails when the producer is gone: the link then says so
+}
+
+void hang_up(int fd) {
+    (void)shutdown(fd, SHUT_RDWR);
+    close(fd);
+}
+
+// Waits until the caller has said something. False = it has gone, has been silent for too long, or the producer wants
+// us.
+bool wait_for_caller(const caller& who) {
+    for (;;) {
+        pollfd watched[2] = {{who.fd, POLLIN | POLLRDHUP, 0}, {who.link, POLLIN | POLLRDHUP, 0}};
+        const int64_t left = who.give_up_at - now_ms();
+        if (left <= 0) {
+            return false;
+        }
+        const int ready = poll(watched, 2, (int)left);
+        if (ready < 0 && errno == EINTR) {
+            continue;
+        }
+        if (ready <= 0 || watched[0].revents == 0) {
+            return false;
+        }
+        // Hung up in both directions: whatever it said before, nobody waits for an answer.
+        return watched[0].revents != (POLLIN | POLLHUP | POLLRDHUP);
+    }
+}
+
+// The next descriptor that the caller promised; owned by the receiver, or -1.
+int promised_descriptor(const caller& who) {
+    int fd = -1;
+    for (;;) {
+        switch (receive_descriptor(who.fd, MSG_DONTWAIT, &fd)) {
+        case received::descriptor:
+            return fd;
+        case received::nothing:
+            if (wait_for_caller(who)) {
+                continue;
+            }
+            return -1;
+        default:
+            return -1;
+        }
+    }
+}
+
+// KEPT: a process worker runs its callback in the caller's environment. An unreadable one leaves ours as it was.
+void adopt_environment(pid_t pid) {
+    char path[64];
+    (void)snprintf(path, sizeof(path), "/proc/%d/environ", (int)pid);
+    FILE* file = fopen(path, "ro");
+    if (file == nullptr) {
+        return;
+    }
+    char* entry = nullptr;
+    size_t capacity = 0;
+    bool cleared = false;
+    while (getdelim(&entry, &capacity, '\0', file) > 0) {
+        if (!cleared) {
+            clearenv();
+            cleared = true;
+        }
+        char* equals = strchr(entry, '=');
+        if (equals != nullptr && equals != entry) {
+            *equals = '\0';
+            (void)setenv(entry, equals + 1, 1);
+        }
+    }
+    if (!cleared && ferror(file) == 0) {
+        clearenv(); // readable and empty
+    }
+    free(entry);
+    (void)fclose(file);
+}
+
+// Runs the callback on a request that has arrived whole. Takes over the caller's connection and both descriptors; false
+// = the file cannot be mapped, and all of them are closed.
+bool execute(const ks_worker* worker, const directive& request, int connection, int memfd, int extra_fd) {
+    ks_io* io = ks_io_create();
+    io->memfd = memfd;
+    io->sockfd = connection;
+    (void)snprintf(io->command, sizeof(io->command), "%.*s", 256, request.data);
+    if (!io_try_sync(io)) {
+        (void)shutdown(io->sockfd, SHUT_RDWR);
+        ks_io_free(io);
+        if (extra_fd >= 0) {
+            close(extra_fd);
+        }
+        return false;
+    }
+    ucred peer = {};
+    socklen_t size = sizeof(peer);
+    if (getsockopt(connection, SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0) {
+        io->cred.pid = peer.pid;
+        io->cred.uid = peer.uid;
+        io->cred.gid = peer.gid;
+        if ((worker->flags & KS_PROCESS_MODE) != 0) {
+            adopt_environment(peer.pid);
+        }
+    }
+    // The callback frees `io` and may look at the command afterwards.
+    char command[sizeof(io->command)];
+    memcpy(command, io->command, sizeof(command));
+    (void)worker->exec(command, io, extra_fd);
+    return true;
+}
+
+// Hears one request of a caller that has been invited, and runs it. False = nothing was run, and `who.fd` is still
+// open.
+bool hear_request(const ks_worker* worker, const caller& who) {
+    directive request = {};
+    if (!wait_for_caller(who) || !receive_directive(who.fd, &request) || request.type != KS_DIRECTIVE_REQUEST) {
+        return false;
+    }
+    const int memfd = promised_descriptor(who);
+    if (memfd < 0) {
+        return false;
+    }
+    int extra_fd = -1;
+    if ((request.flags & KS_DIRECTIVE_HAS_FD) != 0) {
+        extra_fd = promised_descriptor(who);
+        if (extra_fd < 0) {
+            close(memfd);
+            return false;
+        }
+    }
+    if (!is_memory_file(memfd)) {
+        close(memfd);
+        if (extra_fd >= 0) {
+            close(extra_fd);
+        }
+        return false;
+    }
+    (void)execute(worker, request, who.fd, memfd, extra_fd);
+    return true;
+}
+
+// A caller's descriptor follows on the link. Ends with the worker ready again.
+void take_transfer(const ks_worker* worker, const directive& transfer) {
+    int fd = -1;
+    const received how = receive_descriptor(worker->sockfd[0], 0, &fd);
+    (void)send_directive(worker->sockfd[0], transfer);
+    if (how == received::descriptor) {
+        const caller who = {fd, worker->sockfd[0], now_ms() + kPatienceMs};
+        if (!send_directive(fd, make_directive(KS_DIRECTIVE_ACCEPTED)) || !hear_request(worker, who)) {
+            hang_up(fd);
+        }
+    }
+    report_ready(worker);
+}
+
+// Works on what the producer says. False = the loop must end.
+bool hear_producer(const ks_worker* worker) {
+    directive message = {};
+    ssize_t got = recv(worker->sockfd[0], &message, sizeof(message), 0);
+    if (got < 0 && errno == EINTR) {
+        return true;
+    }
+    if (got == 0) {
+        return false; // end of stream: it will never say anything again
+    }
+    if (got != (ssize_t)sizeof(message)) {
+        report_ready(worker);
+        return true;
+    }
+    switch (message.type) {
+    case KS_DIRECTIVE_STOP:
+        return false;
+    case KS_DIRECTIVE_TRANSFER:
+        take_transfer(worker, message);
+        return true;
+    default:
+        return false; // what else came down the link is none of the protocol: drop the link
+    }
+}
+
+} // namespace
+
+void run_consumer(ks_worker* worker) {
+    if (worker->init != nullptr) {
+        worker->init(worker->init_argument);
+    }
+    const int link = worker->sockfd[0];
+    worker->pollfd = above_stdio(epoll_create(1));
+    if (worker->pollfd >= 0) {
+        (void)set_fd_cloexec(worker->pollfd);
+        epoll_event event = {};
+        event.events = EPOLLIN | EPOLLERR | EPOLLHUP | EPOLLRDHUP;
+        event.data.fd = link;
+        (void)epoll_ctl(worker->pollfd, EPOLL_CTL_ADD, link, &event);
+    }
+    while (worker->pollfd >= 0) {
+        epoll_event event = {};
+        int ready = 0;
+        do {
+            ready = epoll_wait(worker->pollfd, &event, 1, -1);
+        } while (ready < 0 && errno == EINTR);
+        if (ready <= 0 || event.events == (EPOLLIN | EPOLLHUP | EPOLLRDHUP) || !hear_producer(worker)) {
+            close_and_clear(&worker->pollfd);
+        }
+    }
+    // The link's two ends go down here. Their numbers are closed by the thread that ends the run, which may still be
+    // about to send on one of them; a process worker's own go with the process.
+    (void)shutdown(link, SHUT_RDWR);
+    if (worker->fini != nullptr) {
+        worker->fini(worker->fini_argument);
+    }
+}
+
+} // namespace ks

@@ -1,0 +1,149 @@
+// Descriptors and what is said over sockets: the fixed 259-byte directive, and one descriptor per message.
+//
+// Receiving descriptors (unix(7), SCM_RIGHTS) has three classic mistakes, all met here: a control buffer of
+// CMSG_SPACE(one int) has room for a second descriptor on 64-bit machines, because of its alignment, so every
+// descriptor that arrives is looked at and only the first is kept; received descriptors are close-on-exec from the
+// start (MSG_CMSG_CLOEXEC); and a control message of another kind is not mistaken for one.
+#include "internal.h"
+
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+static_assert(sizeof(directive) == 259, "the directive is a wire format");
+static_assert(offsetof(directive, data) == 2, "the directive is a wire format");
+
+uint32_t set_fd_cloexec(int fd) {
+    const int flags = fcntl(fd, F_GETFL);
+    if (flags < 0) {
+        return 0;
+    }
+    // KEPT: status flags (F_SETFL), not descriptor flags. The kernel ignores the access mode bits here.
+    return fcntl(fd, F_SETFL, flags | FD_CLOEXEC) != -1 ? 1 : 0;
+}
+
+namespace ks {
+
+int above_stdio(int fd) {
+    if (fd < 0 || fd > STDERR_FILENO) {
+        return fd;
+    }
+    const int flags = fcntl(fd, F_GETFD);
+    const int moved = fcntl(fd, flags >= 0 && (flags & FD_CLOEXEC) != 0 ? F_DUPFD_CLOEXEC : F_DUPFD, STDERR_FILENO + 1);
+    const int saved = errno;
+    close(fd);
+    errno = saved;
+    return moved;
+}
+
+void close_and_clear(int32_t* fd) {
+    if (*fd >= 0) {
+        const int saved = errno;
+        close(*fd);
+        errno = saved;
+        *fd = -1;
+    }
+}
+
+directive make_directive(uint8_t type) {
+    directive message = {};
+    message.type = type;
+    return message;
+}
+
+bool send_directive(int sockfd, const directive& message) {
+    ssize_t sent = 0;
+    do {
+        sent = send(sockfd, &message, sizeof(message), MSG_DONTWAIT | MSG_NOSIGNAL);
+    } while (sent < 0 && errno == EINTR);
+    return sent == (ssize_t)sizeof(message);
+}
+
+bool receive_directive(int sockfd, directive* ret_message) {
+    ssize_t got = 0;
+    do {
+        got = recv(sockfd, ret_message, sizeof(*ret_message), MSG_DONTWAIT);
+    } while (got < 0 && errno == EINTR);
+    return got == (ssize_t)sizeof(*ret_message);
+}
+
+bool send_descriptor(int sockfd, int fd) {
+    char byte = 0;
+    iovec data = {&byte, sizeof(byte)};
+    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
+    msghdr message = {};
+    message.msg_iov = &data;
+    message.msg_iovlen = 1;
+    if (fd >= 0) {
+        message.msg_control = control;
+        message.msg_controllen = CMSG_LEN(sizeof(int));
+        cmsghdr* header = CMSG_FIRSTHDR(&message);
+        header->cmsg_len = CMSG_LEN(sizeof(int));
+        header->cmsg_level = SOL_SOCKET;
+        header->cmsg_type = SCM_RIGHTS;
+        memcpy(CMSG_DATA(header), &fd, sizeof(fd));
+    }
+    ssize_t sent = 0;
+    do {
+        sent = sendmsg(sockfd, &message, MSG_NOSIGNAL);
+    } while (sent < 0 && errno == EINTR);
+    return sent == 1;
+}
+
+received receive_descriptor(int sockfd, int flags, int* ret_fd) {
+    char byte = 0;
+    iovec data = {&byte, sizeof(byte)};
+    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))];
+    msghdr message = {};
+    message.msg_iov = &data;
+    message.msg_iovlen = 1;
+    message.msg_control = control;
+    message.msg_controllen = sizeof(control);
+    ssize_t got = 0;
+    do {
+        got = recvmsg(sockfd, &message, flags | MSG_CMSG_CLOEXEC);
+    } while (got < 0 && errno == EINTR);
+    if (got < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
+        return received::nothing;
+    }
+    int kept = -1;
+    if (got >= 0) {
+        for (cmsghdr* header = CMSG_FIRSTHDR(&message); header != nullptr; header = CMSG_NXTHDR(&message, header)) {
+            if (header->cmsg_level != SOL_SOCKET || header->cmsg_type != SCM_RIGHTS) {
+                continue;
+            }
+            const size_t count = (header->cmsg_len - CMSG_LEN(0)) / sizeof(int);
+            for (size_t i = 0; i < count; ++i) {
+                int fd = -1;
+                memcpy(&fd, CMSG_DATA(header) + i * sizeof(int), sizeof(fd));
+                if (kept < 0) {
+                    kept = fd;
+                } else {
+                    close(fd);
+                }
+            }
+        }
+    }
+    if (got <= 0) {
+        if (kept >= 0) {
+            close(kept);
+        }
+        return received::failed;
+    }
+    kept = above_stdio(kept);
+    if (kept < 0) {
+        return received::bare;
+    }
+    *ret_fd = kept;
+    return received::descriptor;
+}
+
+int64_t now_ms() {
+    timespec now = {};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return (int64_t)now.tv_sec * 1000 + now.tv_nsec / 1000000;
+}
+
+} // namespace ks

@@ -1,0 +1,447 @@
+// The producer worker: accepts callers, keeps those that no consumer can take yet, hands each to an idle consumer,
+// turns callers away when the service is paused or its list is full, and restarts consumer processes that have died.
+//
+// One thread; it alone touches the waiting list, the cursor, the idle marks and in_transit.
+//
+// Ownership of a caller's connection: the waiting list's entry owns it; with the hand-over it is "in transit": the
+// consumer gets a descriptor of its own by message, and the number here stays open, noted in in_transit, until the
+// consumer's echo says that its copy has arrived. A consumer that dies or stops in between never echoes; the number is
+// then closed by the restart or by the end of the run. A consumer has at most one caller in transit, since it reports
+// ready only after its echo.
+//
+// An event of a batch may concern an entry that an earlier event of the same batch has freed, or a link that it has
+// replaced: whoever does so takes the pointer out of the rest of the batch (forget).
+#include "internal.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/epoll.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace ks {
+
+namespace {
+
+constexpr uint32_t kWatched = EPOLLIN | EPOLLERR | EPOLLHUP | EPOLLRDHUP;
+constexpr uint32_t kHungUp = EPOLLIN | EPOLLHUP | EPOLLRDHUP; // both directions are shut
+constexpr int kBatch = 64;
+constexpr int kBacklog = 128;
+constexpr size_t kMaxWaiting = 999; // one more may still be queued
+constexpr int64_t kAcceptRetryMs = 100;
+constexpr const char* kSetUp = "ks_producer_worker_init";
+
+struct waiting_caller {
+    ks_queue queue; // first, so that the two pointers convert
+    bool watched;   // registered in the producer's epoll
+    bool muted;     // registered, but not for readability: it spoke while nobody could listen
+};
+
+waiting_caller* caller_of(ks_queue* queue) {
+    return reinterpret_cast<waiting_caller*>(queue);
+}
+
+struct producer {
+    service* self;
+    ks_handle* handle;
+    ks_worker* own;            // the producer's table entry
+    size_t cursor;             // where the next search for an idle consumer begins
+    size_t waiting;            // entries in the list
+    size_t muted;              // of those, how many are muted
+    int64_t accept_retry_at;   // 0, or when a listening socket muted for want of descriptors is tried again
+    epoll_event batch[kBatch]; // the events being worked through
+    int batch_next;
+    int batch_size;
+};
+
+bool watch(const producer* p, int op, ks_queue* entry, uint32_t events) {
+    epoll_event event = {};
+    event.events = events;
+    event.data.ptr = entry;
+    return epoll_ctl(p->own->pollfd, op, entry->sockfd, &event) == 0;
+}
+
+void forget(producer* p, const ks_queue* entry) {
+    for (int i = p->batch_next; i < p->batch_size; ++i) {
+        if (p->batch[i].data.ptr == entry) {
+            p->batch[i].data.ptr = nullptr;
+        }
+    }
+}
+
+void hang_up(int fd) {
+    (void)shutdown(fd, SHUT_RDWR);
+    close(fd);
+}
+
+// Takes the entry out of the epoll, the list and the batch, and frees it. The connection stays open.
+void unlist(producer* p, ks_queue* entry) {
+    waiting_caller* caller = caller_of(entry);
+    if (caller->watched) {
+        (void)epoll_ctl(p->own->pollfd, EPOLL_CTL_DEL, entry->sockfd, nullptr);
+    }
+    if (caller->muted) {
+        --p->muted;
+    }
+    entry->prev->next = entry->next;
+    entry->next->prev = entry->prev;
+    --p->waiting;
+    forget(p, entry);
+    free(caller);
+}
+
+void remove_caller(producer* p, ks_queue* entry) {
+    const int fd = entry->sockfd;
+    unlist(p, entry);
+    hang_up(fd);
+}
+
+void turn_away(int fd, uint8_t why) {
+    (void)send_directive(fd, make_directive(why));
+    hang_up(fd);
+}
+
+void restart_consumer(producer* p, ks_worker* worker, int status) {
+    const char* how = "WIFEXITED";
+    int value = WEXITSTATUS(status);
+    if (WIFSTOPPED(status)) {
+        how = "WIFSTOPPED";
+        value = WSTOPSIG(status);
+    } else if (WIFSIGNALED(status)) {
+        how = "WIFSIGNALED";
+        value = WTERMSIG(status);
+    }
+    char line[256];
+    const int length =
+        snprintf(line, sizeof(line), "[KService] [WARN] [%s] consumer-worker[%zu].pid=%d %s=%d, restart it.\n",
+                 p->handle->name, worker->index, (int)worker->id.pid, how, value);
+    if (length > 0 && write(STDERR_FILENO, line, (size_t)length) < 0) {
+        // Standard error is closed: the restart matters more than the line.
+    }
+    worker->idle = 1;
+    worker->pollfd = -1;
+    forget(p, &worker->queue);
+    close_and_clear(&worker->sockfd[0]);
+    close_and_clear(&worker->sockfd[1]);
+    close_and_clear(&p->self->in_transit[worker->index]);
+    start_consumer(p->self, worker->index);
+    watch_consumer(p->self, worker->index);
+}
+
+// Hands the first waiting caller to `worker`, which is idle.
+// `spoke` is the waiting caller whose own readiness brought us here, or NULL.
+void hand_over(producer* p, ks_worker* worker, const ks_queue* spoke) {
+    ks_queue* first = p->own->queue.next;
+    const int fd = first->sockfd;
+    const bool spoke_itself = first == spoke;
+    directive transfer = make_directive(KS_DIRECTIVE_TRANSFER);
+    const int32_t number = fd;
+    memcpy(transfer.data, &number, sizeof(number));
+
+    const bool announced = send_directive(worker->sockfd[1], transfer);
+    if (announced && !send_descriptor(worker->sockfd[1], fd)) {
+        (void)send_descriptor(worker->sockfd[1], -1); // it waits for a message: let it find one, and report ready
+    }
+    worker->idle = 0;
+    unlist(p, first);
+    if (!announced) {
+        hang_up(fd); // the link is dead, and nobody will echo
+        return;
+    }
+    p->self->in_transit[worker->index] = fd;
+    if (spoke_itself) {
+        (void)shutdown(fd, SHUT_RDWR);
+        // The echo closes this number once more. The epoll's duplicate keeps it taken until then, so that no descriptor
+        // of somebody else's can come to stand there.
+        (void)dup3(p->own->pollfd, fd, O_CLOEXEC);
+    }
+}
+
+void dispatch(producer* p, const ks_queue* spoke) {
+    if (p->waiting == 0) {
+        return;
+    }
+    const size_t begin = p->cursor;
+    do {
+        ks_worker* candidate = &p->handle->worker[p->cursor];
+        if ((candidate->flags & KS_PROCESS_MODE) != 0) {
+            int status = 0;
+            if (waitpid(candidate->id.pid, &status, WNOHANG) != 0) {
+                restart_consumer(p, candidate, status);
+            }
+        }
+        p->cursor = (p->cursor + 1) % p->handle->service_size;
+        if (candidate->idle != 0) {
+            hand_over(p, candidate, spoke);
+            return;
+        }
+    } while (p->cursor != begin);
+}
+
+void accept_caller(producer* p) {
+    int fd = accept4(p->own->sockfd[1], nullptr, nullptr, SOCK_CLOEXEC);
+    if (fd < 0) {
+        // Without a free descriptor or memory the caller stays in the backlog, and the socket stays readable: look
+        // again in a while instead of at once.
+        if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
+            p->accept_retry_at = now_ms() + kAcceptRetryMs;
+            (void)watch(p, EPOLL_CTL_MOD, &p->own->queue, 0);
+        }
+        return;
+    }
+    fd = above_stdio(fd);
+    if (fd < 0) {
+        return;
+    }
+    if (__atomic_load_n(&p->handle->paused, __ATOMIC_ACQUIRE) != 0) {
+        turn_away(fd, KS_DIRECTIVE_PAUSED);
+        return;
+    }
+    if (p->waiting > kMaxWaiting) {
+        turn_away(fd, KS_DIRECTIVE_BUSY);
+        return;
+    }
+    auto* caller = static_cast<waiting_caller*>(calloc(1, sizeof(waiting_caller)));
+    if (caller == nullptr) {
+        hang_up(fd);
+        return;
+    }
+    ks_queue* entry = &caller->queue;
+    ks_queue* head = &p->own->queue;
+    entry->type = CLIENT_SOCK;
+    entry->sockfd = fd;
+    entry->next = head;
+    entry->prev = head->prev;
+    head->prev->next = entry;
+    head->prev = entry;
+    ++p->waiting;
+    // Nearly always a consumer is idle and the caller leaves the list at once; only one that has to stay is watched.
+    // The list is in arrival order, so the newcomer is the last entry, if it is still there.
+    dispatch(p, nullptr);
+    if (p->waiting == 0 || head->prev != entry) {
+        return;
+    }
+    caller->watched = watch(p, EPOLL_CTL_ADD, entry, kWatched);
+    if (!caller->watched) {
+        remove_caller(p, entry);
+    }
+}
+
+// Callers that spoke too early are listened to again: there may be somebody for them now.
+void unmute_callers(producer* p) {
+    for (ks_queue* each = p->own->queue.next; p->muted > 0 && each != &p->own->queue; each = each->next) {
+        if (caller_of(each)->muted && watch(p, EPOLL_CTL_MOD, each, kWatched)) {
+            caller_of(each)->muted = false;
+            --p->muted;
+        }
+    }
+}
+
+void hear_consumer(producer* p, ks_queue* link) {
+    directive message = {};
+    ssize_t got = recv(link->sockfd, &message, sizeof(message), MSG_DONTWAIT);
+    if (got < 0 && (errno == EAGAIN || errno == EINTR)) {
+        return; // a spurious wake-up; the event comes again if there is something
+    }
+    KS_REQUIRE_IN("ks_producer_worker", got == (ssize_t)sizeof(message),
+                  "read(event_queue->sockfd, &directive, sizeof(directive)) == sizeof(directive)",
+                  "producer-worker receive consumer_worker directive fail");
+    if (message.type == KS_DIRECTIVE_TRANSFER) {
+        int32_t number = -1;
+        memcpy(&number, message.data, sizeof(number));
+        KS_REQUIRE_IN("ks_producer_worker", number >= 0, "*((int*)&directive.data) >= 0",
+                      "producer-worker transfer client sockfd fail");
+        const size_t index =
+            (size_t)(reinterpret_cast<ks_worker*>((char*)link - offsetof(ks_worker, queue)) - p->handle->worker);
+        if (p->self->in_transit[index] == number) {
+            close_and_clear(&p->self->in_transit[index]);
+        }
+        return;
+    }
+    if (message.type == KS_DIRECTIVE_READY) {
+        size_t index = 0;
+        memcpy(&index, message.data, sizeof(index));
+        if (index >= p->handle->service_size) {
+            return;
+        }
+        p->handle->worker[index].idle = 1;
+        unmute_callers(p);
+    }
+    dispatch(p, nullptr);
+}
+
+void hear_caller(producer* p, ks_queue* entry) {
+    const bool first = p->own->queue.next == entry;
+    const size_t waiting = p->waiting;
+    dispatch(p, entry);
+    if (first && p->waiting < waiting) {
+        return; // it has been handed over, and freed
+    }
+    waiting_caller* caller = caller_of(entry);
+    if (caller->muted) {
+        return;
+    }
+    if (!watch(p, EPOLL_CTL_MOD, entry, 0)) { // errors and hang-ups are always reported
+        remove_caller(p, entry);
+        return;
+    }
+    caller->muted = true;
+    ++p->muted;
+}
+
+// Works on one event. False = the loop must end.
+bool handle_event(producer* p, uint32_t events, ks_queue* entry) {
+    if (entry == nullptr || entry->sockfd == 0) {
+        return true;
+    }
+    if (events == kHungUp) {
+        if (entry->type != CLIENT_SOCK) {
+            close_and_clear(&p->own->pollfd);
+            return false;
+        }
+        remove_caller(p, entry);
+        return true;
+    }
+    if ((events & (EPOLLERR | EPOLLHUP)) != 0 || (events & EPOLLIN) == 0) {
+        KS_REQUIRE_IN("ks_producer_worker", entry->type == CLIENT_SOCK, "event_queue->type == CLIENT_SOCK",
+                      "get non-client socket execption %d", (int)entry->type);
+        remove_caller(p, entry);
+        return true;
+    }
+    switch (entry->type) {
+    case LISTEN_SOCK:
+        accept_caller(p);
+        break;
+    case CONSUMER_SOCK:
+        hear_consumer(p, entry);
+        break;
+    default:
+        hear_caller(p, entry);
+        break;
+    }
+    return true;
+}
+
+// Waits for the next batch. False = the loop must end.
+bool next_batch(producer* p) {
+    for (;;) {
+        int timeout_ms = -1;
+        if (p->accept_retry_at != 0) {
+            const int64_t left = p->accept_retry_at - now_ms();
+            timeout_ms = left > 0 ? (int)left : 0;
+        }
+        p->batch_next = 0;
+        p->batch_size = epoll_wait(p->own->pollfd, p->batch, kBatch, timeout_ms);
+        if (p->batch_size < 0 && errno == EINTR) {
+            p->batch_size = 0;
+            if (is_stopping(p->handle)) {
+                return false;
+            }
+            continue;
+        }
+        if (p->accept_retry_at != 0 && now_ms() >= p->accept_retry_at) {
+            p->accept_retry_at = 0;
+            (void)watch(p, EPOLL_CTL_MOD, &p->own->queue, kWatched);
+            if (p->batch_size == 0) {
+                continue;
+            }
+        }
+        return p->batch_size > 0;
+    }
+}
+
+} // namespace
+
+void open_producer(service* self) {
+    ks_handle* handle = &self->handle;
+    ks_worker* own = &handle->worker[handle->service_size];
+    struct stat st = {};
+    if (lstat(handle->sockfile, &st) != 0) {
+        // One level only; bind() reports what is missing above.
+        char directory[sizeof(handle->sockfile)];
+        memcpy(directory, handle->sockfile, sizeof(directory));
+        char* slash = strrchr(directory, '/');
+        if (slash != nullptr && slash != directory) {
+            *slash = '\0';
+            (void)mkdir(directory, 0755);
+        }
+    } else {
+        KS_REQUIRE_IN(kSetUp, S_ISSOCK(st.st_mode), "S_ISSOCK(st.st_mode)", "%s is not a sock file", handle->sockfile);
+    }
+    (void)unlink(handle->sockfile);
+
+    own->index = handle->service_size;
+    own->pollfd = -1;
+    own->sockfd[1] = above_stdio(socket(AF_UNIX, SOCK_STREAM, 0));
+    KS_REQUIRE_IN(kSetUp, own->sockfd[1] >= 0 && set_fd_cloexec(own->sockfd[1]),
+                  "(producer_worker->sockfd[1] = socket(AF_UNIX, SOCK_STREAM, 0)) >= 0 && "
+                  "set_fd_cloexec(producer_worker->sockfd[1])",
+                  "producer-worker create listen socket fail");
+    // A caller can be gone again between the event and the accept, which must not block then.
+    (void)fcntl(own->sockfd[1], F_SETFL, O_NONBLOCK);
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    static_assert(sizeof(handle->sockfile) <= sizeof(address.sun_path));
+    memcpy(address.sun_path, handle->sockfile, sizeof(handle->sockfile));
+    KS_REQUIRE_IN(kSetUp, bind(own->sockfd[1], reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0,
+                  "bind(producer_worker->sockfd[1], (struct sockaddr *) &sockaddr, sizeof(struct sockaddr_un)) == 0",
+                  "producer-worker bind listen socket fail");
+    own->pollfd = above_stdio(epoll_create(1));
+    KS_REQUIRE_IN(kSetUp, own->pollfd >= 0 && set_fd_cloexec(own->pollfd),
+                  "(producer_worker->pollfd = epoll_create(1)) >= 0 && set_fd_cloexec(producer_worker->pollfd)",
+                  "producer-worker create epoll fail");
+    own->flags = KS_PTHREAD_MODE;
+    own->queue.type = LISTEN_SOCK;
+    own->queue.sockfd = own->sockfd[1];
+    own->queue.next = &own->queue;
+    own->queue.prev = &own->queue;
+    KS_REQUIRE_IN(kSetUp, listen(own->queue.sockfd, kBacklog) == 0,
+                  "listen(producer_worker->queue.sockfd, SOMAXCONN) == 0", "producer-worker listen socket fail");
+    // Any local user may call.
+    KS_REQUIRE_IN(kSetUp, chmod(handle->sockfile, 0777) == 0, "chmod(service_handle->sockfile, 0777) == 0",
+                  "producer-worker change socket file mode fail");
+    epoll_event event = {};
+    event.events = kWatched;
+    event.data.ptr = &own->queue;
+    KS_REQUIRE_IN("ks_start", epoll_ctl(own->pollfd, EPOLL_CTL_ADD, own->queue.sockfd, &event) == 0,
+                  "epoll_ctl(producer_worker->pollfd, EPOLL_CTL_ADD, producer_worker->queue.sockfd, ev) == 0",
+                  "producer-worker epoll add listen sockfd fail");
+}
+
+void watch_consumer(service* self, size_t index) {
+    ks_worker* worker = &self->handle.worker[index];
+    epoll_event event = {};
+    event.events = kWatched;
+    event.data.ptr = &worker->queue;
+    KS_REQUIRE_IN("ks_consumer_worker_init",
+                  epoll_ctl(self->handle.worker[self->handle.service_size].pollfd, EPOLL_CTL_ADD, worker->queue.sockfd,
+                            &event) == 0,
+                  "epoll_ctl(producer_worker->pollfd, EPOLL_CTL_ADD, worker->queue.sockfd, ev) == 0",
+                  "producer-worker epoll add consumer-worker sockfd fail");
+}
+
+void run_producer(service* self) {
+    producer p = {};
+    p.self = self;
+    p.handle = &self->handle;
+    p.own = &self->handle.worker[self->handle.service_size];
+    bool going = true;
+    while (going && !is_stopping(p.handle) && next_batch(&p) && !is_stopping(p.handle)) {
+        while (going && p.batch_next < p.batch_size) {
+            const epoll_event& event = p.batch[p.batch_next++];
+            going = handle_event(&p, event.events, static_cast<ks_queue*>(event.data.ptr));
+        }
+    }
+    while (p.own->queue.next != &p.own->queue) {
+        const int fd = p.own->queue.next->sockfd;
+        unlist(&p, p.own->queue.next);
+        close(fd);
+    }
+}
+
+} // namespace ks
