@@ -1,5 +1,6 @@
 #include "framework_support.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstddef>
 #include <cstdlib>
@@ -112,7 +113,7 @@ int64_t cpu_ms() {
 }
 
 std::string text_of(ks_io* io) {
-    std::string text(ks_io_size(io) < (1U << 24) ? ks_io_size(io) : (1U << 24), '\0');
+    std::string text(std::min<size_t>(ks_io_size(io), 1U << 16), '\0');
     const ssize_t got = pread(io->memfd, text.data(), text.size(), 0);
     text.resize(got < 0 ? 0 : (size_t)got);
     return text;

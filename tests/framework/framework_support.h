@@ -66,7 +66,7 @@ size_t thread_count();
 /// CPU time that the whole process has used, in milliseconds.
 int64_t cpu_ms();
 
-/// The request's bytes, read from the file and not from the mapping.
+/// The request's bytes (the first 64 KiB), read from the file and not from the mapping.
 std::string text_of(ks_io* io);
 /// Answers `text` if the caller still waits, and frees `io`.
 void answer(ks_io* io, std::string_view text);
