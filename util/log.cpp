@@ -1,0 +1,135 @@
+#include "log.h"
+
+#include "environment.h"
+#include "runner.h"
+#include "scoped.h"
+#include "unique_fd.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <ctime>
+#include <execinfo.h>
+#include <sys/stat.h>
+#include <sys/time.h>
+
+char cLogDirPath[256];
+char cLogFilePath[512];
+
+namespace {
+
+constexpr off_t kLargestUnrotatedBytes = 0x7FFFF;
+constexpr std::size_t kMessageLimit = 2047; // with its NUL
+constexpr std::size_t kLineSize = 2048;
+constexpr std::size_t kStampLength = 20; // of ctime's 24 characters: without the year, but with the blank before it
+
+// The time of one line. ctime() looks at TZ and the host's zone file every time, which costs more than all the rest of
+// a line, so each thread keeps the text of the second that it last asked for.
+struct stamp {
+    std::time_t second = -1;
+    char text[40] = {};
+};
+
+const char* current_stamp() {
+    thread_local stamp cached;
+    struct timeval now = {};
+    (void)::gettimeofday(&now, nullptr); // cannot fail with these arguments
+    if (now.tv_sec != cached.second) {
+        {
+            // ctime_r() alone would keep the zone of the first call for ever. TZ is read, so the environment must hold
+            // still; while somebody changes it, the zone of a moment ago will do.
+            const auto unchanged_environment = environment_try_lock();
+            if (unchanged_environment) {
+                ::tzset();
+            }
+        }
+        std::array<char, 64> whole{};
+        const char* text = ::ctime_r(&now.tv_sec, whole.data());
+        (void)std::snprintf(cached.text, sizeof cached.text, "%.*s", static_cast<int>(kStampLength),
+                            text == nullptr ? "" : text);
+        cached.second = now.tv_sec;
+    }
+    return cached.text;
+}
+
+void write_line(const char* file, const char* message) {
+    log_file_rotation(file);
+    const char* time_text = current_stamp();
+    const unique_fd log =
+        above_standard_streams(unique_fd(::open(file, O_RDWR | O_CREAT | O_APPEND | O_CLOEXEC, 0666)));
+    if (!log.ok()) {
+        return;
+    }
+    std::array<char, kLineSize> line;
+    const int length = std::snprintf(line.data(), line.size(), "[%05d] [%s] %s\n", ::getpid(), time_text, message);
+    const std::size_t kept = std::min(static_cast<std::size_t>(std::max(length, 0)), line.size() - 1);
+    // One write, so that no other line comes in between; one that fails is lost like one that cannot be opened.
+    [[maybe_unused]] const ssize_t written = ::write(log.get(), line.data(), kept);
+}
+
+void format_and_write(const char* file, const char* fmt, std::va_list arguments) {
+    const int saved_errno = errno;
+    std::array<char, kMessageLimit> message;
+    (void)std::vsnprintf(message.data(), message.size(), fmt, arguments);
+    write_line(file, message.data());
+    errno = saved_errno;
+}
+
+} // namespace
+
+void log_set_dir(const char* dir) {
+    struct stat status = {};
+    if (::stat(dir, &status) != 0) {
+        const int result = ::mkdir(dir, 0775);
+        if (result != 0) {
+            (void)std::printf("Error mkdir [%s] failed ret=%d\n", dir, result);
+        }
+    }
+    (void)std::snprintf(cLogDirPath, sizeof cLogDirPath, "%s", dir);
+    (void)std::snprintf(cLogFilePath, sizeof cLogFilePath, "%s/%s", cLogDirPath, ".lyn_ks_vexprod.log");
+    (void)current_stamp(); // the first reading of the time zone, while there is one thread
+}
+
+void dbg_printf2(const char* fmt, ...) {
+    if (cLogFilePath[0] == '\0') {
+        (void)std::fputs("Log file path not set. Please call log_set_dir() first.\n", stderr);
+        return;
+    }
+    std::va_list arguments;
+    va_start(arguments, fmt);
+    format_and_write(cLogFilePath, fmt, arguments);
+    va_end(arguments);
+}
+
+void dbg_printf(const char* file, const char* fmt, ...) {
+    std::va_list arguments;
+    va_start(arguments, fmt);
+    format_and_write(file, fmt, arguments);
+    va_end(arguments);
+}
+
+void log_file_rotation(const char* file) {
+    struct stat status = {};
+    if (::stat(file, &status) != 0 || status.st_size <= kLargestUnrotatedBytes) {
+        return;
+    }
+    // By the host's tool, never rename(2). Two threads may both come here: the second moves the new file or finds none.
+    std::array<char, 256> backup{};
+    (void)std::snprintf(backup.data(), backup.size(), "%s.bak", file);
+    (void)lyn_vexprod_corvo_exec(nullptr, nullptr, nullptr, "/bin/mv", file, backup.data(), nullptr);
+}
+
+void vexprod_debug_backtrace_dump() {
+    std::array<void*, 100> frames{};
+    const int count = ::backtrace(frames.data(), static_cast<int>(frames.size()));
+    const unique_heap<char*> names(::backtrace_symbols(frames.data(), count));
+    if (names) {
+        for (int i = 0; i < count; ++i) {
+            dbg_printf2("[%s][%d] %s", __func__, __LINE__, names.get()[i]);
+        }
+    }
+    dbg_printf2("[%s][%d]==========================", __func__, __LINE__);
+    dbg_printf2("[%s][%d]%s", __func__, __LINE__, program_invocation_name);
+}
