@@ -1,6 +1,7 @@
 #include "exchange.h"
 
 #include "ksctl.h"
+#include "kservice.h"
 #include "service_socket.h"
 
 #include <algorithm>
@@ -9,6 +10,7 @@
 #include <cstdint>
 #include <cstring>
 #include <limits>
+#include <memory>
 #include <unistd.h>
 
 namespace ksctl {

@@ -3,18 +3,12 @@
 // again this is the difference that matters.
 #pragma once
 
-#include "kservice.h"
+#include "scoped.h"
 
-#include <memory>
 #include <string>
 #include <string_view>
 
 namespace ksctl {
-
-struct free_io {
-    void operator()(ks_io* io) const noexcept { ks_io_free(io); }
-};
-using unique_io = std::unique_ptr<ks_io, free_io>;
 
 /// Below this the library's own calls do not go, and neither do these.
 constexpr unsigned kShortestTimeoutS = 5;
