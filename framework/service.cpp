@@ -13,8 +13,8 @@
 //   the table    is freed by ks_start() as it returns, or by ks_stop() after joining the producer with KS_STANDALONE.
 //
 // ks_stop() may come while ks_start() is still setting up: it waits until the service is up, then stops it. It may also
-// come from a signal handler on the very thread that is inside ks_start(): it then only leaves its mark and returns, and
-// ks_start() ends the run by itself.
+// come from a signal handler on a thread that is inside ks_start() or ks_stop() itself: it then only leaves its mark and
+// returns, and what it interrupted ends the run.
 #include "internal.h"
 
 #include <cerrno>
@@ -194,6 +194,11 @@ void* producer_thread(void* argument) {
     return nullptr;
 }
 
+void claim_join(service* self) {
+    self->join_claimed = true;
+    self->joiner = pthread_self();
+}
+
 void start_standalone(service* self) {
     ks_handle* handle = &self->handle;
     ks_worker* producer = &handle->worker[handle->service_size];
@@ -221,7 +226,9 @@ void start_standalone(service* self) {
         }
         // Stopped by a signal handler on this thread, which could not wait.
         join = self->stop_requested && !self->join_claimed;
-        self->join_claimed = join || self->join_claimed;
+        if (join) {
+            claim_join(self);
+        }
     }
     if (join) {
         pthread_join(producer->id.tid, nullptr);
@@ -234,15 +241,21 @@ void start_standalone(service* self) {
     guard.wake_all();
 }
 
-// What a stop does first, by whichever thread: no new callers, and the producer wakes up. Safe in a signal handler.
-void request_stop(service* self) {
-    (void)unlink(self->handle.sockfile);
-    set_byte(&self->handle.paused, 1);
-    set_byte(&self->handle.stopping, 1);
-    locked guard(self);
+// Takes the socket's name away and wakes the producer. The socket is not touched while open_producer() is still at it,
+// which would find its file gone: ks_start() then does this itself.
+void withdraw(service* self) {
     if (self->listening) {
+        (void)unlink(self->handle.sockfile);
         (void)shutdown(self->handle.worker[self->handle.service_size].sockfd[1], SHUT_RDWR);
     }
+}
+
+// What a stop does first, under the lock, so that it cannot meet the next run. Safe in a signal handler.
+void request_stop(service* self) {
+    self->stop_requested = true;
+    set_byte(&self->handle.paused, 1);
+    set_byte(&self->handle.stopping, 1);
+    withdraw(self);
 }
 
 } // namespace
@@ -372,6 +385,9 @@ void ks_start(ks_handle* handle) {
     {
         locked guard(self);
         self->listening = true;
+        if (self->stop_requested) {
+            ks::withdraw(self); // a signal handler on this thread could not
+        }
     }
     if ((handle->mode & KS_STANDALONE) != 0) {
         ks::start_standalone(self);
@@ -418,7 +434,8 @@ void ks_stop(ks_handle* handle) {
         if (handle->worker == nullptr) {
             return;
         }
-        own_thread = pthread_equal(self->producer, pthread_self()) != 0;
+        own_thread = pthread_equal(self->producer, pthread_self()) != 0 ||
+                     (self->join_claimed && pthread_equal(self->joiner, pthread_self()) != 0);
         generation = self->generation;
         while (!own_thread && self->state == service::phase::starting) {
             guard.wait();
@@ -428,15 +445,14 @@ void ks_stop(ks_handle* handle) {
         }
         ++self->users;
         first = !self->stop_requested;
-        self->stop_requested = true;
+        if (first) {
+            ks::request_stop(self);
+        }
         join = !own_thread && !self->join_claimed && (handle->mode & KS_STANDALONE) != 0;
         if (join) {
-            self->join_claimed = true;
+            ks::claim_join(self);
             producer = handle->worker[handle->service_size].id.tid;
         }
-    }
-    if (first) {
-        ks::request_stop(self);
     }
     if (join) {
         pthread_join(producer, nullptr);
