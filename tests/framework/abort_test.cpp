@@ -15,6 +15,7 @@
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
+#include <vector>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -51,6 +52,18 @@ class AbortDeathTest : public testing::Test {
 void limit(__rlimit_resource_t resource, rlim_t value) {
     const rlimit to = {value, value};
     setrlimit(resource, &to);
+}
+
+// Allows `count` more descriptors, wherever the free numbers are.
+void leave_room_for(int count) {
+    std::vector<int> taken;
+    for (int i = 0; i < count; ++i) {
+        taken.push_back(dup(2));
+    }
+    limit(RLIMIT_NOFILE, (rlim_t)taken.back() + 1);
+    for (const int each : taken) {
+        close(each);
+    }
 }
 
 void as_nobody() {
@@ -166,8 +179,10 @@ TEST_F(AbortDeathTest, MemoryFileCannotBeMapped) {
 void use_up_memory() {
     limit(RLIMIT_AS, 0);
     for (size_t size = 1 << 20; size >= 1; size /= 2) {
-        while (malloc(size) != nullptr) {
-        }
+        void* volatile last = nullptr; // or the compiler does without the allocations
+        do {
+            last = malloc(size);
+        } while (last != nullptr);
     }
 }
 
@@ -370,10 +385,7 @@ TEST_F(AbortDeathTest, ProducersEpollCannotBeMade) {
     EXPECT_ABORT(
         {
             ks_handle* handle = ks_create(name_.c_str(), 5, 1, echo);
-            // Room for the listening socket only.
-            const int lowest = dup(2);
-            close(lowest);
-            limit(RLIMIT_NOFILE, (rlim_t)lowest + 1);
+            leave_room_for(1); // the listening socket
             ks_start(handle);
         },
         line);
@@ -430,9 +442,7 @@ TEST_F(AbortDeathTest, LinkCannotBeMade) {
     EXPECT_ABORT(
         {
             ks_handle* handle = ks_create(name_.c_str(), 4, 1, echo);
-            const int lowest = dup(2);
-            close(lowest);
-            limit(RLIMIT_NOFILE, (rlim_t)lowest + 3); // the listening socket, the epoll, and half a pair
+            leave_room_for(3); // the listening socket, the epoll, and half a pair
             ks_start(handle);
         },
         "[ABORT] @ks_consumer_worker_init() consumer-worker create sockets fail: `socketpair(AF_UNIX, SOCK_STREAM, "

@@ -136,7 +136,8 @@ TEST_F(ConsumerTest, EveryOtherDirectiveOfACallerDropsIt) {
         const raw_caller caller = invited_caller();
         const int32_t number = 3;
         const std::string data(reinterpret_cast<const char*>(&number), sizeof(number));
-        ASSERT_TRUE(caller.send(make_record((unsigned char)type, 1, data)) && caller.send_fds({file.get()}));
+        ASSERT_TRUE(caller.send(make_record((unsigned char)type, 1, data)));
+        (void)caller.send_fds({file.get()}); // may have been dropped already
         EXPECT_TRUE(caller.hung_up()) << type;
     }
     expect_it_serves();

@@ -97,6 +97,15 @@ std::vector<int> open_descriptors() {
     return numbers;
 }
 
+size_t open_sockets() {
+    size_t count = 0;
+    for (const int fd : open_descriptors()) {
+        struct stat st = {};
+        count += fstat(fd, &st) == 0 && S_ISSOCK(st.st_mode) ? 1 : 0;
+    }
+    return count;
+}
+
 size_t thread_count() {
     size_t count = 0;
     for ([[maybe_unused]] const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {

@@ -60,8 +60,9 @@ class temp_dir {
 /// Opens /dev/null as descriptor 0 if nothing is there.
 void restore_stdin();
 
-/// Numbers of this process's open descriptors, and how many threads it has.
+/// Numbers of this process's open descriptors, how many of them are sockets, and how many threads it has.
 std::vector<int> open_descriptors();
+size_t open_sockets();
 size_t thread_count();
 /// CPU time that the whole process has used, in milliseconds.
 int64_t cpu_ms();
