@@ -54,7 +54,9 @@ const char* current_stamp() {
     return cached.text;
 }
 
-void write_line(const char* file, const char* message) {
+using message_buffer = std::array<char, kMessageLimit>;
+
+void write_line(const char* file, const message_buffer& message) {
     log_file_rotation(file);
     const char* time_text = current_stamp();
     const unique_fd log =
@@ -63,18 +65,11 @@ void write_line(const char* file, const char* message) {
         return;
     }
     std::array<char, kLineSize> line;
-    const int length = std::snprintf(line.data(), line.size(), "[%05d] [%s] %s\n", ::getpid(), time_text, message);
+    const int length =
+        std::snprintf(line.data(), line.size(), "[%05d] [%s] %s\n", ::getpid(), time_text, message.data());
     const std::size_t kept = std::min(static_cast<std::size_t>(std::max(length, 0)), line.size() - 1);
     // One write, so that no other line comes in between; one that fails is lost like one that cannot be opened.
     [[maybe_unused]] const ssize_t written = ::write(log.get(), line.data(), kept);
-}
-
-void format_and_write(const char* file, const char* fmt, std::va_list arguments) {
-    const int saved_errno = errno;
-    std::array<char, kMessageLimit> message;
-    (void)std::vsnprintf(message.data(), message.size(), fmt, arguments);
-    write_line(file, message.data());
-    errno = saved_errno;
 }
 
 } // namespace
@@ -97,17 +92,25 @@ void dbg_printf2(const char* fmt, ...) {
         (void)std::fputs("Log file path not set. Please call log_set_dir() first.\n", stderr);
         return;
     }
+    const int saved_errno = errno;
+    message_buffer message;
     std::va_list arguments;
     va_start(arguments, fmt);
-    format_and_write(cLogFilePath, fmt, arguments);
+    (void)std::vsnprintf(message.data(), message.size(), fmt, arguments);
     va_end(arguments);
+    write_line(cLogFilePath, message);
+    errno = saved_errno;
 }
 
 void dbg_printf(const char* file, const char* fmt, ...) {
+    const int saved_errno = errno;
+    message_buffer message;
     std::va_list arguments;
     va_start(arguments, fmt);
-    format_and_write(file, fmt, arguments);
+    (void)std::vsnprintf(message.data(), message.size(), fmt, arguments);
     va_end(arguments);
+    write_line(file, message);
+    errno = saved_errno;
 }
 
 void log_file_rotation(const char* file) {
