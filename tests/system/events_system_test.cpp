@@ -182,7 +182,7 @@ TEST_F(EventsSystemTest, WithoutAServiceEveryRecordIsLoggedAndTheDaemonGoesOn) {
             post(kEventQueue, i % 2 == 0 ? host_record::event(i, "u", "c") : host_record::connection(i, "u", "c")));
         ASSERT_TRUE(post(kNotifyQueue, host_record::notification(i, 1, 1, "x")));
     }
-    EXPECT_TRUE(comes_true([] {
+    EXPECT_TRUE(wait_until([] {
         const std::string log = read_file(kDaemonLog);
         return count_of(log, "] eventlog_handler fail\n") == 200;
     })) << read_file(kDaemonLog);
@@ -202,23 +202,23 @@ TEST_F(EventsSystemTest, AServiceThatNeverAnswersDelaysNeitherRequestsNorTheStop
         const notify_listener listener(notify_listener::manner::is_silent);
         pause();
     });
-    ASSERT_TRUE(comes_true([] { return file_exists(socket_path("VexHubServer_notify-vexprod")); }));
+    ASSERT_TRUE(wait_until([] { return file_exists(socket_path("VexHubServer_notify-vexprod")); }));
     ASSERT_TRUE(post(kEventQueue, host_record::event(1, "u", "c")));
     ASSERT_TRUE(post(kNotifyQueue, host_record::notification(1, 1, 1, "x")));
     EXPECT_TRUE(answers_soon());
-    EXPECT_TRUE(comes_true([] { return count_of(read_file(kDaemonLog), "] eventlog_handler fail\n") == 2; }));
+    EXPECT_TRUE(wait_until([] { return count_of(read_file(kDaemonLog), "] eventlog_handler fail\n") == 2; }));
 
     // Stopped in the middle of two calls that take their full time-out, with more to come.
     kill(service.pid(), SIGSTOP);
     for (int i = 0; i < 4; ++i) {
         ASSERT_TRUE(post(kNotifyQueue, host_record::notification(1, 1, 1, "x")));
     }
-    ASSERT_TRUE(comes_true([] { return queue_length(kNotifyQueue) == 3; }));
+    ASSERT_TRUE(wait_until([] { return queue_length(kNotifyQueue) == 3; }));
     std::this_thread::sleep_for(std::chrono::milliseconds(1500)); // so that the two calls do not end together
     for (int i = 0; i < 4; ++i) {
         ASSERT_TRUE(post(kEventQueue, host_record::event(1, "u", "c")));
     }
-    ASSERT_TRUE(comes_true([] { return queue_length(kEventQueue) == 3; }));
+    ASSERT_TRUE(wait_until([] { return queue_length(kEventQueue) == 3; }));
     EXPECT_TRUE(answers_soon());
     stops_within(&daemon, seconds(6));
     EXPECT_EQ(count_of(read_file(kDaemonLog), "] eventlog_handler fail\n"), 4U) << "no call began after the stop";
@@ -239,14 +239,14 @@ TEST_F(EventsSystemTest, AStoppedServiceWithoutRoomDelaysTheStopByOneCall) {
         const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
         return connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0; // and stays open
     };
-    ASSERT_TRUE(comes_true(connected));
+    ASSERT_TRUE(wait_until(connected));
     kill(service.pid(), SIGSTOP);
-    ASSERT_TRUE(comes_true([&] { return !connected(); })) << "its backlog never filled up";
+    ASSERT_TRUE(wait_until([&] { return !connected(); })) << "its backlog never filled up";
     for (int i = 0; i < 3; ++i) {
         ASSERT_TRUE(post(kEventQueue, host_record::event(1, "u", "c")));
         ASSERT_TRUE(post(kNotifyQueue, host_record::notification(1, 1, 1, "x")));
     }
-    ASSERT_TRUE(comes_true([] { return queue_length(kEventQueue) == 2 && queue_length(kNotifyQueue) == 2; }));
+    ASSERT_TRUE(wait_until([] { return queue_length(kEventQueue) == 2 && queue_length(kNotifyQueue) == 2; }));
     EXPECT_TRUE(answers_soon());
     stops_within(&daemon, seconds(6));
 }
@@ -255,7 +255,7 @@ TEST_F(EventsSystemTest, ARecordOfTheWrongSizeDoesNotKeepTheDaemonFromStopping) 
     daemon_process daemon;
     ASSERT_TRUE(daemon.serves());
     ASSERT_TRUE(post(kEventQueue, host_record(1, 2489)));
-    EXPECT_TRUE(comes_true([&] {
+    EXPECT_TRUE(wait_until([&] {
         return daemon.standard_error().rfind("msgrcv Error\xEF\xBC\x9A"
                                              "Argument list too long(7), msgid:",
                                              0) == 0;
@@ -338,7 +338,7 @@ TEST_F(EventsSystemTest, TheStopSignalsAreBlockedInAllThreadsButThoseThatAreMean
         return count;
     };
     // The two producer threads; under a sanitizer also its own.
-    EXPECT_TRUE(comes_true([&] { return kSanitized || takers() == 2; })) << takers();
+    EXPECT_TRUE(wait_until([&] { return kSanitized || takers() == 2; })) << takers();
     EXPECT_GE(takers(), 2U);
     stops_within(&daemon, seconds(5));
 }

@@ -233,8 +233,8 @@ TEST_F(StopSystemTest, InTheBackgroundItStopsInOrderToo) {
     const pid_t pid = static_cast<pid_t>(std::stol(log.substr(at + 1)));
     ASSERT_TRUE(queue_exists(kNotifyQueue));
     ASSERT_EQ(kill(pid, SIGTERM), 0);
-    EXPECT_TRUE(comes_true([] { return queues_are_gone(); }));
-    EXPECT_TRUE(comes_true([&] { return read_file("/proc/" + std::to_string(pid) + "/comm").empty(); }));
+    EXPECT_TRUE(wait_until([] { return queues_are_gone(); }));
+    EXPECT_TRUE(wait_until([&] { return read_file("/proc/" + std::to_string(pid) + "/comm").empty(); }));
     EXPECT_NE(read_file(kDaemonLog).find("] is_terminate"), std::string::npos);
 }
 
