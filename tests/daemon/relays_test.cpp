@@ -15,7 +15,6 @@
 #include <cstring>
 #include <ctime>
 #include <fcntl.h>
-#include <regex>
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <sys/un.h>
@@ -105,12 +104,11 @@ TEST_F(RelaysTest, ANotificationIsSentAsNotifyEvent) {
     const auto requests = notify_listener::wait_for(1);
     ASSERT_EQ(requests.size(), 1U);
     EXPECT_EQ(requests[0].first, "notify_event");
-    EXPECT_TRUE(
-        std::regex_match(requests[0].second,
-                         std::regex(R"(\{"evbus_action":-22,"evbus_extra_info":"volume 1",)"
-                                    R"("evbus_time":"[0-9]{2}/[0-9]{2}/[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2}:[0-9]{6}",)"
-                                    R"("evbus_type":11,"method":"notify","ret_flag":true\}\n)")))
-        << requests[0].second;
+    EXPECT_THAT(requests[0].second,
+                MatchesRegex(R"(\{"evbus_action":-22,"evbus_extra_info":"volume 1",)"
+                             R"("evbus_time":"[0-9]{2}/[0-9]{2}/[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2}:[0-9]{6}",)"
+                             R"("evbus_type":11,"method":"notify","ret_flag":true\})"
+                             "\n"));
 }
 
 TEST_F(RelaysTest, OnlyAReturnFlagOf1MeansTrue) {
@@ -162,7 +160,7 @@ TEST_F(RelaysTest, ANotificationLeavesItsTraceOnStandardError) {
     testing::internal::CaptureStderr();
     notify_handler(host_record::notification(1, 1, 1, "").data());
     const std::string trace = testing::internal::GetCapturedStderr();
-    EXPECT_TRUE(std::regex_match(trace, std::regex("str_publish_buf=\\[-?[0-9]+\\]  \n"))) << trace;
+    EXPECT_THAT(trace, MatchesRegex("str_publish_buf=\\[-?[0-9]+\\]  \n"));
 }
 
 TEST_F(RelaysTest, RecordsOfOneSecondAreNumberedAndANewSecondBeginsAt000) {
@@ -261,10 +259,9 @@ TEST_F(RelaysTest, WithoutTheServiceEveryRecordIsLoggedAndDropped) {
     eventlog_handler(host_record::connection(1, "u", "c").data());
     notify_handler(host_record::notification(1, 1, 1, "").data());
     const std::string log = read_file(kLog);
-    EXPECT_TRUE(std::regex_match(
-        log, std::regex(R"((\[[0-9]{5,}\] \[.{20}\] \[eventlog_handler\]\[[0-9]+\] eventlog_handler fail\n){2})"
-                        R"(\[[0-9]{5,}\] \[.{20}\] \[notify_handler\]\[[0-9]+\] eventlog_handler fail\n)")))
-        << log;
+    EXPECT_THAT(
+        log, MatchesRegex("(\\[[0-9]{5,}\\] \\[.{20}\\] \\[eventlog_handler\\]\\[[0-9]+\\] eventlog_handler fail\n){2}"
+                          "\\[[0-9]{5,}\\] \\[.{20}\\] \\[notify_handler\\]\\[[0-9]+\\] eventlog_handler fail\n"));
 }
 
 TEST_F(RelaysTest, ARecordThatFailedIsNotSentLater) {
