@@ -161,8 +161,8 @@ TEST_F(DaemonSystemTest, AnyLocalUserMayCall) {
 TEST_F(DaemonSystemTest, ManyClientsGetTheirOwnRepliesAndLeaveNothingBehind) {
     daemon_process daemon;
     ASSERT_TRUE(daemon.serves());
-    const size_t descriptors = daemon.count("fd");
-    const size_t threads = daemon.count("task");
+    const size_t threads = daemon.settled("task");
+    const size_t descriptors = daemon.settled("fd");
     std::atomic<int> wrong = 0;
     std::vector<std::thread> clients;
     for (int client = 0; client < 8; ++client) {
