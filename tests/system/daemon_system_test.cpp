@@ -5,9 +5,8 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <thread>
-
 #include <sys/stat.h>
+#include <thread>
 
 namespace {
 
