@@ -12,6 +12,7 @@
 #include <poll.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -87,8 +88,31 @@ int wait_time(int64_t give_up_at) {
     return left <= 0 ? 0 : left < INT_MAX ? (int)left : INT_MAX;
 }
 
+constexpr int64_t kNoDeadline = -1;
+
+// connect(2) waits while the service's backlog is full, and for ever when the service has been stopped (SIGSTOP). The
+// socket's send time-out bounds that wait, see socket(7); after a signal the wait goes on with what is left. The
+// time-out stays: nothing else that is sent may take longer either.
+unsigned connect_until(int sockfd, const sockaddr_un& address, int64_t give_up_at) {
+    for (;;) {
+        if (give_up_at != kNoDeadline) {
+            const int64_t left = give_up_at - ks::now_ms();
+            const int64_t timeout_ms = left > 1 ? left : 1; // 0 would mean without end
+            const timeval timeout = {(time_t)(timeout_ms / 1000), (suseconds_t)(timeout_ms % 1000 * 1000)};
+            (void)setsockopt(sockfd, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof(timeout));
+        }
+        if (connect(sockfd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0) {
+            return KS_OK;
+        }
+        if (errno != EINTR) {
+            return give_up_at != kNoDeadline && errno == EAGAIN ? KS_TIMEOUT : KS_NO_SERVICE;
+        }
+    }
+}
+
 // Checks the arguments, connects and makes `io` a request. Afterwards it waits for its invitation.
-unsigned open_request(const char* name, const char* command, ks_io* io, int passfd) {
+// @param give_up_at  now_ms() of the end of connecting, or kNoDeadline.
+unsigned open_request(const char* name, const char* command, ks_io* io, int passfd, int64_t give_up_at) {
     KS_REQUIRE_IN("ks_epoll_call", is_io(io), KS_IO_TEXT, "cannot make incorrect ks_io %p request", (void*)io);
     if (name == nullptr || strlen(name) > MAXIMUM_NAME_SIZE || command == nullptr ||
         strlen(command) >= sizeof(io->command)) {
@@ -110,12 +134,9 @@ unsigned open_request(const char* name, const char* command, ks_io* io, int pass
     sockaddr_un address = {};
     address.sun_family = AF_UNIX;
     memcpy(address.sun_path, path, strlen(path) + 1);
-    int connected = 0;
-    do {
-        connected = connect(io->sockfd, reinterpret_cast<sockaddr*>(&address), sizeof(address));
-    } while (connected != 0 && errno == EINTR);
-    if (connected != 0) {
-        return KS_NO_SERVICE;
+    const unsigned connected = connect_until(io->sockfd, address, give_up_at);
+    if (connected != KS_OK) {
+        return connected;
     }
     ks::io_shm(io);
     io->passfd = passfd;
@@ -165,7 +186,7 @@ ks_epoll* ks_epoll_create(void) {
 unsigned ks_epoll_call(ks_epoll* epoll, const char* name, const char* command, ks_io* io, int passfd) {
     KS_REQUIRE(is_epoll(epoll), KS_EPOLL_TEXT, "cannot call incorrect ks_epoll %p", (void*)epoll);
     KS_REQUIRE(is_io(io), KS_IO_TEXT, "cannot make incorrect ks_io %p request", (void*)io);
-    const unsigned code = open_request(name, command, io, passfd);
+    const unsigned code = open_request(name, command, io, passfd, kNoDeadline);
     if (code != KS_OK) {
         return code;
     }
@@ -238,9 +259,11 @@ void ks_epoll_free(ks_epoll* epoll) {
 unsigned ks_call(const char* name, const char* command, ks_io* io, unsigned timeout_s, int passfd) {
     // No set is made for one request: waiting for its socket alone saves a quarter of the caller's system calls.
     const int64_t begin = ks::now_ms();
-    unsigned code = open_request(name, command, io, passfd);
+    const int64_t allowed = (int64_t)(timeout_s < kMinimumTimeoutS ? kMinimumTimeoutS : timeout_s) * 1000;
+    unsigned code = open_request(name, command, io, passfd, begin + allowed);
     if (code == KS_OK) {
-        int64_t remaining = (int64_t)(timeout_s < kMinimumTimeoutS ? kMinimumTimeoutS : timeout_s) * 1000;
+        const int64_t left = begin + allowed - ks::now_ms(); // less than all only when the backlog was full
+        int64_t remaining = left > 0 ? left : 0;
         while (!perform_alone(io, remaining < UINT_MAX ? (unsigned)remaining : UINT_MAX, &code)) {
             // KEPT: each pass takes the whole time since the start off the budget, not just its own, so a request that
             // waited for a worker has less than the clock says. Callers have tuned their time-outs to it.
