@@ -15,6 +15,18 @@ constexpr std::array kTools = std::to_array<tool>({
     {"/sbin/cfgread",                          read_config},
     {"/sbin/hwctl",                            control_hardware},
     {"/share/VexHubServer/VexHubServer.sh",    succeed},
+    {"/sbin/zcli",                             log_in},
+    {"/usr/local/bin/nimbo_auth_tool",         sign_in_to_cloud},
+    {"/usr/local/bin/nimbo_device_tool",       describe_cloud_devices},
+    {"/usr/local/bin/nimbo_tunnel_agent_tool", drive_cloud_tunnel},
+    {"/usr/bin/nimbo_cli",                     print_user_token},
+    {"/usr/sbin/nimbo_tool",                   print_board_kind},
+    {"/usr/sbin/get_nimbo_host",               print_cloud_host},
+    {"/sbin/board_uid",                        print_board_number},
+    {"/sbin/board_serial",                     print_board_number},
+    {"/script/operate_zpkgcenter_app.sh",      succeed},
+    {"/share/ZpkgCenter/script/operate_zpkgcenter_app.sh",                   succeed},
+    {"/share/VexHubServer/ext_service/ExtVexCloudAgent/vex_agent_cli",       succeed},
 });
 // clang-format on
 
