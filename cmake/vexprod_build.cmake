@@ -2,6 +2,7 @@
 # vexprod_add_library() and vexprod_add_test().
 
 include(GNUInstallDirs)
+include(GoogleTest)
 
 option(VEXPROD_WERROR "Treat warnings as errors" ON)
 option(VEXPROD_BENCH "Build the benchmarks" ON)
@@ -64,7 +65,10 @@ function(vexprod_add_test name)
     endif()
     add_executable(${name} ${ARG_SOURCES})
     target_link_libraries(${name} PRIVATE ${ARG_DEPS} GTest::gmock GTest::gtest_main)
-    set_target_properties(${name} PROPERTIES CROSSCOMPILING_EMULATOR "${PROJECT_SOURCE_DIR}/hostsim/enter"
-                                             RUNTIME_OUTPUT_DIRECTORY "${CMAKE_BINARY_DIR}/tests")
+    # CMake's name for "run it through this": ctest uses it both to list the tests and to run each of them.
+    set_target_properties(${name} PROPERTIES
+        CROSSCOMPILING_EMULATOR "${PROJECT_SOURCE_DIR}/hostsim/enter;--build;${CMAKE_BINARY_DIR}"
+        RUNTIME_OUTPUT_DIRECTORY "${CMAKE_BINARY_DIR}/tests")
+    add_dependencies(${name} hostsim)
     gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST PROPERTIES TIMEOUT ${ARG_TIMEOUT})
 endfunction()

@@ -1,0 +1,26 @@
+// The host's stand-in tools: one program under many paths.
+#pragma once
+
+#include <span>
+#include <string>
+#include <vector>
+
+/// What a tool's job gets to see: its arguments, argument 0 left out.
+using arguments = std::vector<std::string>;
+
+/// One tool of the host.
+struct tool {
+    const char* path;                  ///< Where the host keeps it.
+    int (*job)(const arguments& args); ///< Does the tool's work; the result is the exit status.
+};
+
+/// Every tool, in tools.cpp.
+std::span<const tool> all_tools();
+
+/// The tool that this process runs as, by the file that was executed: argument 0 is the caller's choice. Null for none.
+const tool* running_tool();
+
+// The jobs. Each stands in a file named after it.
+int succeed(const arguments& args);
+int read_config(const arguments& args);
+int control_hardware(const arguments& args);

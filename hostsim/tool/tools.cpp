@@ -1,0 +1,48 @@
+// Which tools the host has. A new one is one line here; `succeed` is the job of a tool that only has to be called.
+
+#include "tool.h"
+
+#include <array>
+#include <filesystem>
+#include <system_error>
+
+namespace fs = std::filesystem;
+
+namespace {
+
+// clang-format off
+constexpr std::array kTools = std::to_array<tool>({
+    {"/sbin/cfgread",                          read_config},
+    {"/sbin/hwctl",                            control_hardware},
+    {"/share/VexHubServer/VexHubServer.sh",    succeed},
+});
+// clang-format on
+
+/// The path with the links in its folder resolved: on many systems /sbin leads to /usr/sbin.
+fs::path real_path(const fs::path& path) {
+    std::error_code missing;
+    const fs::path folder = fs::canonical(path.parent_path(), missing);
+    return missing ? path : folder / path.filename();
+}
+
+} // namespace
+
+std::span<const tool> all_tools() {
+    return kTools;
+}
+
+const tool* running_tool() {
+    std::error_code unreadable;
+    const fs::path self = fs::read_symlink("/proc/self/exe", unreadable);
+    for (const tool& candidate : kTools) {
+        if (self.filename() == fs::path(candidate.path).filename() && self == real_path(candidate.path)) {
+            return &candidate;
+        }
+    }
+    return nullptr;
+}
+
+/// Succeeds quietly.
+int succeed(const arguments& /*args*/) {
+    return 0;
+}
