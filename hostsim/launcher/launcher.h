@@ -1,5 +1,6 @@
 // What the launcher's files share: the request, and failure as an exception that names the step.
-#pragma once
+#ifndef VEXPROD_HOSTSIM_LAUNCHER_H
+#define VEXPROD_HOSTSIM_LAUNCHER_H
 
 #include <cerrno>
 #include <string>
@@ -61,3 +62,5 @@ public:
 private:
     int fd_;
 };
+
+#endif

@@ -1,5 +1,6 @@
 // What a tool leaves behind about its call, and what a test told it to do instead of its job.
-#pragma once
+#ifndef VEXPROD_HOSTSIM_RECORD_H
+#define VEXPROD_HOSTSIM_RECORD_H
 
 #include <optional>
 #include <string>
@@ -33,3 +34,5 @@ private:
     std::string knobs_;
     unsigned number_ = 0; ///< this call's, from 1, once recorded
 };
+
+#endif

@@ -1,5 +1,6 @@
 // The host's stand-in tools: one program under many paths.
-#pragma once
+#ifndef VEXPROD_HOSTSIM_TOOL_H
+#define VEXPROD_HOSTSIM_TOOL_H
 
 #include <span>
 #include <string>
@@ -31,3 +32,5 @@ int log_event(const arguments& args);
 int log_connection(const arguments& args);
 int guard_shares(const arguments& args);
 int browse_remotely(const arguments& args);
+
+#endif

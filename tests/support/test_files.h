@@ -10,6 +10,7 @@
 #include <functional>
 #include <iterator>
 #include <string>
+#include <string_view>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -39,7 +40,9 @@ inline std::string read_file(const std::string& path) {
     return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
 }
 
-inline void write_file(const std::string& path, const std::string& text) {
+/// Makes or replaces `path`, with the folders above it.
+inline void write_file(const std::string& path, std::string_view text) {
+    std::filesystem::create_directories(std::filesystem::absolute(path).parent_path());
     std::ofstream file(path, std::ios::binary | std::ios::trunc);
     file << text;
     file.close();
