@@ -53,4 +53,31 @@ int hos_web_kiosk_handler(ks_io* io, int fd);
 // ban_list.cpp
 int hos_update_ip_ban_list_handler(ks_io* io, int fd);
 
+// account.cpp: login sessions, users, groups, SMS settings.
+int hos_get_sess_id_handler(ks_io* io, int fd);
+int hos_vex_auth_add_session_handler(ks_io* io, int fd);
+int hos_vex_auth_get_session_handler(ks_io* io, int fd);
+int hos_get_sms_config_handler(ks_io* io, int fd);
+int hos_get_all_users_handler(ks_io* io, int fd);
+int hos_get_all_groups_handler(ks_io* io, int fd);
+int hos_get_group_members_handler(ks_io* io, int fd);
+
+// cloud_account.cpp: the host's cloud account and its identity as a cloud device.
+int hos_get_hwsn_handler(ks_io* io, int fd);
+int hos_system_call_cloud_get_device_list_handler(ks_io* io, int fd);
+int hos_system_call_cloud_get_device_info_handler(ks_io* io, int fd);
+int hos_system_call_cloud_get_device_status_handler(ks_io* io, int fd);
+int hos_system_call_cloud_get_xid_service_handler(ks_io* io, int fd);
+int hos_system_call_cloud_get_user_token_handler(ks_io* io, int fd);
+int hos_system_call_cloud_get_host_endpoint_handler(ks_io* io, int fd);
+int hos_system_call_cloud_get_host_site_handler(ks_io* io, int fd);
+int hos_system_call_cloud_get_access_token_handler(ks_io* io, int fd);
+
+// cloud_tunnel.cpp: the cloud's messaging tunnel.
+int hos_system_call_cloud_ncm_tunnel_agent_handler(ks_io* io, int fd);
+
+// applications.cpp: programs that belong to a package rather than to the host.
+int hos_install_app_handler(ks_io* io, int fd);
+int vex_agent_cli_handler(ks_io* io, int fd);
+
 #endif

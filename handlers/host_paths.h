@@ -61,4 +61,26 @@ inline constexpr const char* kWebServer = "/usr/local/apache/bin/apache_proxy";
 inline constexpr const char* kWebServerConfig = "/etc/apache-sys-proxy.conf";
 inline constexpr const char* kTunnelScript = "/etc/init.d/stunnel.sh";
 
+// Sessions and accounts.
+inline constexpr const char* kLoginTool = "/sbin/zcli";
+inline constexpr const char* kSessionLibrary = "/usr/lib/libhcore_nasauth.so.1.0.0";
+inline constexpr const char* kConfigLibrary = "/usr/lib/libhcore_config.so.0.0";
+inline constexpr const char* kAccountLibrary = "/usr/lib/libhcore_NAS.so.0.0";
+
+// The cloud account.
+inline constexpr const char* kCloudAuthTool = "/usr/local/bin/nimbo_auth_tool";
+inline constexpr const char* kCloudDeviceTool = "/usr/local/bin/nimbo_device_tool";
+inline constexpr const char* kCloudTunnelTool = "/usr/local/bin/nimbo_tunnel_agent_tool";
+inline constexpr const char* kCloudTool = "/usr/sbin/nimbo_tool";
+inline constexpr const char* kCloudHostTool = "/usr/sbin/get_nimbo_host";
+inline constexpr const char* kCloudCli = "/usr/bin/nimbo_cli";
+inline constexpr const char* kConfigReader = "/sbin/cfgread";
+inline constexpr const char* kCloudAccountConfig = "/etc/config/xid.conf";
+inline constexpr const char* kBoardUidTool = "/sbin/board_uid";       ///< Serial number of boards made for the cloud.
+inline constexpr const char* kBoardSerialTool = "/sbin/board_serial"; ///< Serial number of all others.
+
+// Below a folder that the request or the registry names.
+inline constexpr const char* kInstallScript = "/script/operate_zpkgcenter_app.sh";      ///< Of the package centre.
+inline constexpr const char* kAgentCli = "/ext_service/ExtVexCloudAgent/vex_agent_cli"; ///< Of this package.
+
 #endif

@@ -3,17 +3,14 @@
 // Departs from the template: members have defaults, an empty rule list has a code of its own, and an unknown action and
 // a tool that fails end without a reply, as does a member that cannot be converted (see stream_request.h).
 #include "argument_vector.h"
-#include "base64.h"
 #include "handlers.h"
 #include "host_paths.h"
 #include "log.h"
-#include "runner.h"
 #include "stream_request.h"
-#include "temp_file.h"
+#include "tool_run.h"
 
 #include <cstdint>
 #include <string>
-#include <utility>
 #include <vector>
 
 namespace {
@@ -63,27 +60,23 @@ std::vector<std::string> tool_vector(const std::string& action, const container_
 }
 
 /// Runs the tool. @return False when it failed: the request then ends without a reply.
-bool run_tool(handler_call& call, std::vector<std::string> entries) {
-    for (std::size_t i = 0; i <= entries.size(); ++i) { // the terminator as well
+bool run_container_tool(handler_call& call, const std::vector<std::string>& argv) {
+    for (std::size_t i = 0; i <= argv.size(); ++i) { // the terminator as well
         dbg_printf2("[%s][%d] argv[%d] = [%s]", call.function(), __LINE__, static_cast<int>(i),
-                    i < entries.size() ? entries[i].c_str() : "(null)");
+                    i < argv.size() ? argv[i].c_str() : "(null)");
     }
-    const argument_vector argv(std::move(entries));
-    temp_file printed;
-    const int status = lyn_vexprod_corvo_exec_v(printed.path(), nullptr, nullptr, kContainerTool, argv.data());
-    if (status != 0) {
-        dbg_printf2("[%s][%d] exec %s failed, ret=[%d]", call.function(), __LINE__, kContainerTool, status);
-        (void)printed.release(); // what the tool said stays for inspection
+    tool_run run = run_tool(kContainerTool, argv);
+    if (run.status != 0) {
+        dbg_printf2("[%s][%d] exec %s failed, ret=[%d]", call.function(), __LINE__, kContainerTool, run.status);
+        (void)run.output.release(); // what the tool said stays for inspection
         return false;
     }
-    const std::string output = printed.read_all();
-    dbg_printf2("[%s][%d] exec %s succ, ret_out=[%s]", call.function(), __LINE__, kContainerTool, output.c_str());
-    (void)printed.remove();
-    std::string encoded;
-    base64_encode(output, encoded);
-    call.reply()["result_out"] = encoded;
+    dbg_printf2("[%s][%d] exec %s succ, ret_out=[%s]", call.function(), __LINE__, kContainerTool,
+                run.output.read_all().c_str());
+    call.reply()["result_out"] = output_base64(run);
     call.reply()["cli_ret"] = 0;
     call.reply()["result"] = 0;
+    (void)run.output.remove();
     return true;
 }
 
@@ -106,10 +99,10 @@ int hos_web_kiosk_handler(ks_io* io, int /*fd*/) {
         return call.send();
     }
     const container_arguments container = take_container_arguments(rules[Json::ArrayIndex{0}], auth_token);
-    std::vector<std::string> entries = tool_vector(action, container);
-    if (entries.empty()) {
+    const std::vector<std::string> argv = tool_vector(action, container);
+    if (argv.empty()) {
         dbg_printf2("[%s][%d] unknown action = %s", __func__, __LINE__, action.c_str());
         return 0; // without a reply
     }
-    return run_tool(call, std::move(entries)) ? call.send() : 0;
+    return run_container_tool(call, argv) ? call.send() : 0;
 }

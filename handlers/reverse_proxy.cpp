@@ -3,15 +3,13 @@
 // Departs from the template: members have defaults, and an unknown action and a proxy that fails end without a reply,
 // as does a member that cannot be converted (see stream_request.h).
 #include "argument_vector.h"
-#include "base64.h"
 #include "fresh_file.h"
 #include "handlers.h"
 #include "host_paths.h"
 #include "log.h"
 #include "reverse_proxy_rule.h"
-#include "runner.h"
 #include "stream_request.h"
-#include "temp_file.h"
+#include "tool_run.h"
 
 #include <cerrno>
 #include <string>
@@ -88,14 +86,15 @@ proxy_operation choose_operation(const handler_call& call, const std::string& ac
     return {kProxyProgram, {"-k", "graceful", "-f", kProxyConfig}};
 }
 
-argument_vector traced_vector(const handler_call& call, const proxy_operation& operation) {
-    std::vector<std::string> entries = {base_name(operation.program)};
-    entries.insert(entries.end(), operation.arguments.begin(), operation.arguments.end());
-    for (std::size_t i = 0; i <= entries.size(); ++i) { // the terminator as well
+/// The program's whole vector, argument 0 included.
+std::vector<std::string> traced_vector(const handler_call& call, const proxy_operation& operation) {
+    std::vector<std::string> argv = {base_name(operation.program)};
+    argv.insert(argv.end(), operation.arguments.begin(), operation.arguments.end());
+    for (std::size_t i = 0; i <= argv.size(); ++i) { // the terminator as well
         dbg_printf2("[%s][%d] argv[%d] = [%s] ", call.function(), __LINE__, static_cast<int>(i),
-                    i < entries.size() ? entries[i].c_str() : "(null)");
+                    i < argv.size() ? argv[i].c_str() : "(null)");
     }
-    return argument_vector(std::move(entries));
+    return argv;
 }
 
 } // namespace
@@ -117,20 +116,16 @@ int hos_reverse_proxy_handler(ks_io* io, int /*fd*/) {
     }
 
     const proxy_operation operation = choose_operation(call, action);
-    const argument_vector argv = traced_vector(call, operation);
-    temp_file printed;
-    const int status = lyn_vexprod_corvo_exec_v(printed.path(), nullptr, nullptr, operation.program, argv.data());
-    if (status != 0) {
-        dbg_printf2("[%s][%d] exec %s failed, ret=[%d]", __func__, __LINE__, operation.program, status);
-        (void)printed.release(); // what the program said stays for inspection
-        return 0;                // without a reply
+    tool_run run = run_tool(operation.program, traced_vector(call, operation));
+    if (run.status != 0) {
+        dbg_printf2("[%s][%d] exec %s failed, ret=[%d]", __func__, __LINE__, operation.program, run.status);
+        (void)run.output.release(); // what the program said stays for inspection
+        return 0;                   // without a reply
     }
-    const std::string output = printed.read_all();
-    dbg_printf2("[%s][%d] exec %s succ, ret_out=[%s]", __func__, __LINE__, operation.program, output.c_str());
-    std::string encoded;
-    base64_encode(output, encoded);
-    call.reply()["cli_ret"] = printed.remove(); // KEPT: the removal's status, not the program's
-    call.reply()["result_out"] = encoded;
+    dbg_printf2("[%s][%d] exec %s succ, ret_out=[%s]", __func__, __LINE__, operation.program,
+                run.output.read_all().c_str());
+    call.reply()["result_out"] = output_base64(run);
+    call.reply()["cli_ret"] = run.output.remove(); // KEPT: the removal's status, not the program's
     call.reply()["result"] = 0;
     return call.send();
 }

@@ -6,6 +6,7 @@
 #include "host_paths.h"
 #include "log.h"
 #include "runner.h"
+#include "tool_run.h"
 
 #include <array>
 #include <cstdint>
@@ -40,11 +41,9 @@ int run_provider_command(const char* function, ks_io* io) {
     return call.send();
 }
 
-/// Runs a log tool. KEPT: its argument 0 is the path after the first slash ("sbin/log_tool"), not the base name.
-int run_log_tool(const char* path, const std::vector<std::string>& arguments) {
-    std::vector<std::string> entries = {path + 1};
-    entries.insert(entries.end(), arguments.begin(), arguments.end());
-    const argument_vector argv(std::move(entries));
+/// Runs a log tool; what it prints is not wanted.
+int run_log_tool(const char* path, std::vector<std::string> arguments) {
+    const argument_vector argv(first_slash_argv(path, std::move(arguments)));
     return lyn_vexprod_corvo_exec_v(nullptr, nullptr, nullptr, path, argv.data());
 }
 
