@@ -22,6 +22,37 @@ int hos_is_generic_model_handler(ks_io* io, int fd);
 int hos_get_platform_display_name_handler(ks_io* io, int fd);
 int hos_system_is_VXB_model_handler(ks_io* io, int fd);
 
+// mail.cpp
+int hos_sendmail_handler(ks_io* io, int fd);
+
+// integration.cpp: shares, product data, notifications, the media viewer.
+int hos_system_call_no_del_share_add_handler(ks_io* io, int fd);
+int hos_system_call_no_del_share_remove_handler(ks_io* io, int fd);
+int hos_system_call_findly_list_add_handler(ks_io* io, int fd);
+int hos_get_vpd_ext_area_handler(ks_io* io, int fd);
+int hos_system_vxb_smb_setfolder_priv_handler(ks_io* io, int fd);
+int hos_system_call_nc_notify_handler(ks_io* io, int fd);
+int hos_system_get_tiermount_cloud_usage_handler(ks_io* io, int fd);
+int hos_return_handler(ks_io* io, int fd);
+int hos_cmv_cli_handler(ks_io* io, int fd);
+
+// system_log.cpp: cloud analysis, event log, connection log.
+int hos_system_call_cloud_analysis_register_handler(ks_io* io, int fd);
+int hos_system_call_cloud_analysis_send_handler(ks_io* io, int fd);
+int hos_system_call_cloud_analysis_flush_handler(ks_io* io, int fd);
+int hos_system_call_cloud_analysis_unregister_handler(ks_io* io, int fd);
+int hos_system_call_log_tool_handler(ks_io* io, int fd);
+int hos_system_conn_log_tool_handler(ks_io* io, int fd);
+
+// reverse_proxy.cpp
+int hos_reverse_proxy_handler(ks_io* io, int fd);
+
+// remote_browser.cpp
+int hos_web_kiosk_handler(ks_io* io, int fd);
+
+// ban_list.cpp
+int hos_update_ip_ban_list_handler(ks_io* io, int fd);
+
 // account.cpp: login sessions, users, groups, SMS settings.
 int hos_get_sess_id_handler(ks_io* io, int fd);
 int hos_vex_auth_add_session_handler(ks_io* io, int fd);

@@ -33,5 +33,12 @@ int print_user_token(const arguments& args);
 int print_cloud_host(const arguments& args);
 int print_board_kind(const arguments& args);
 int print_board_number(const arguments& args);
+int run_web_server(const arguments& args);
+int send_mail(const arguments& args);
+int keep_service(const arguments& args);
+int log_event(const arguments& args);
+int log_connection(const arguments& args);
+int guard_shares(const arguments& args);
+int browse_remotely(const arguments& args);
 
 #endif

@@ -27,6 +27,24 @@ constexpr std::array kTools = std::to_array<tool>({
     {"/script/operate_zpkgcenter_app.sh",      succeed},
     {"/share/ZpkgCenter/script/operate_zpkgcenter_app.sh",                   succeed},
     {"/share/VexHubServer/ext_service/ExtVexCloudAgent/vex_agent_cli",       succeed},
+
+    {"/usr/sbin/sendmail",                     send_mail},
+
+    {"/sbin/no_del_share",                     guard_shares},
+    {"/etc/init.d/vex_smb_update.sh",          succeed},
+    {"/share/VexHubServer/script/nc_wrapper.sh", succeed},
+    {"/share/VexHubServer/vexpro_notify.sh",   succeed},
+    {"/share/CayinMediaViewer/bin/cfgread",    succeed},
+
+    {"/usr/local/bin/zanalytic_tool",          succeed},
+    {"/sbin/log_tool",                         log_event},
+    {"/sbin/conn_log_tool",                    log_connection},
+
+    {"/sbin/svc_keeper",                       keep_service},
+    {"/usr/sbin/reverseproxy_vexsurveillance", run_web_server},
+    {"/usr/sbin/vsh",                          browse_remotely},
+    {"/usr/local/apache/bin/apache_proxy",     run_web_server},
+    {"/etc/init.d/stunnel.sh",                 succeed},
 });
 // clang-format on
 
