@@ -70,6 +70,8 @@ function(vexprod_add_test name)
     endif()
     add_executable(${name} ${ARG_SOURCES})
     target_link_libraries(${name} PRIVATE ${ARG_DEPS} GTest::gmock GTest::gtest_main)
+    # Test code is compiled far more often than it runs: unoptimised it compiles in less than half the time.
+    target_compile_options(${name} PRIVATE -O0 -g1)
     # CMake's name for "run it through this": ctest uses it both to list the tests and to run each of them.
     set_target_properties(${name} PROPERTIES
         CROSSCOMPILING_EMULATOR "${PROJECT_SOURCE_DIR}/hostsim/enter;--build;${CMAKE_BINARY_DIR}"

@@ -113,7 +113,8 @@ struct service {
     pthread_t producer;      // the thread inside ks_start() while starting, the one that runs the loop while serving
     bool listening;          // the producer's listening socket is open and may be shut down
     bool stop_requested;     // somebody has asked this run to stop
-    bool join_claimed;       // KS_STANDALONE: somebody joins the producer's thread and frees the table
+    bool join_claimed;       // KS_STANDALONE: `joiner` joins the producer's thread and frees the table
+    pthread_t joiner;        // a signal handler on it must not wait for that
     unsigned users;          // threads inside ks_start() and ks_stop(); ks_free() waits for them
     uint8_t pause_requested; // what ks_pause() and ks_resume() last said; ks_stop() overwrites `paused` only
 

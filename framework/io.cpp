@@ -87,6 +87,9 @@ bool io_try_sync(ks_io* io) {
     if (fstat(io->memfd, &st) != 0) {
         st.st_size = 0;
     }
+    if (io->shared_data != nullptr && st.st_size > 0 && io->shared_size == (size_t)st.st_size) {
+        return true; // the mapping is shared, so it shows the file as it is now
+    }
     unmap(io);
     return st.st_size <= 0 || map(io, (size_t)st.st_size);
 }

@@ -315,8 +315,8 @@ KS_API void ks_epoll_cancel(ks_epoll* epoll, ks_io* io);
 /** Frees the set; the requests in it stay their owners'. Checked. */
 KS_API void ks_epoll_free(ks_epoll* epoll);
 /** Sends one request and waits for its reply.
- *  @param timeout_s  Seconds; values below 5 wait 5. KEPT: the budget shrinks faster than the clock when the request
- * has to wait for a worker first.
+ *  @param timeout_s  Seconds; values below 5 wait 5. Connecting counts. KEPT: the budget shrinks faster than the clock
+ * when the request has to wait for a worker first.
  *  @param passfd     Borrowed descriptor to hand to the service, or -1.
  *  @return KS_OK and the reply in `io` (read it with ks_io_read()), else a result code and `io` emptied.
  *  Any thread may call; two threads never share one `io`. */

@@ -39,7 +39,6 @@ constexpr const char* kSetUp = "ks_producer_worker_init";
 struct waiting_caller {
     ks_queue queue; // first, so that the two pointers convert
     bool watched;   // registered in the producer's epoll
-    bool muted;     // registered, but not for readability: it spoke while nobody could listen
 };
 
 waiting_caller* caller_of(ks_queue* queue) {
@@ -52,7 +51,6 @@ struct producer {
     ks_worker* own;            // the producer's table entry
     size_t cursor;             // where the next search for an idle consumer begins
     size_t waiting;            // entries in the list
-    size_t muted;              // of those, how many are muted
     int64_t accept_retry_at;   // 0, or when a listening socket muted for want of descriptors is tried again
     epoll_event batch[kBatch]; // the events being worked through
     int batch_next;
@@ -84,9 +82,6 @@ void unlist(producer* p, ks_queue* entry) {
     waiting_caller* caller = caller_of(entry);
     if (caller->watched) {
         (void)epoll_ctl(p->own->pollfd, EPOLL_CTL_DEL, entry->sockfd, nullptr);
-    }
-    if (caller->muted) {
-        --p->muted;
     }
     entry->prev->next = entry->next;
     entry->next->prev = entry->prev;
@@ -126,6 +121,9 @@ void restart_consumer(producer* p, ks_worker* worker, int status) {
     worker->idle = 1;
     worker->pollfd = -1;
     forget(p, &worker->queue);
+    // Other processes may hold copies of the link (a child forked by the program meanwhile): closing it would not take it
+    // out of the epoll, and its end would then be taken for that of the new link.
+    (void)epoll_ctl(p->own->pollfd, EPOLL_CTL_DEL, worker->sockfd[1], nullptr);
     close_and_clear(&worker->sockfd[0]);
     close_and_clear(&worker->sockfd[1]);
     close_and_clear(&p->self->in_transit[worker->index]);
@@ -232,16 +230,6 @@ void accept_caller(producer* p) {
     }
 }
 
-// Callers that spoke too early are listened to again: there may be somebody for them now.
-void unmute_callers(producer* p) {
-    for (ks_queue* each = p->own->queue.next; p->muted > 0 && each != &p->own->queue; each = each->next) {
-        if (caller_of(each)->muted && watch(p, EPOLL_CTL_MOD, each, kWatched)) {
-            caller_of(each)->muted = false;
-            --p->muted;
-        }
-    }
-}
-
 void hear_consumer(producer* p, ks_queue* link) {
     directive message = {};
     ssize_t got = recv(link->sockfd, &message, sizeof(message), MSG_DONTWAIT);
@@ -270,11 +258,12 @@ void hear_consumer(producer* p, ks_queue* link) {
             return;
         }
         p->handle->worker[index].idle = 1;
-        unmute_callers(p);
     }
     dispatch(p, nullptr);
 }
 
+// A waiting caller spoke. What it said stays unread for the consumer; so that it is not reported without end, only its
+// hang-up is watched from now on. Nothing is missed by that: whenever a consumer turns idle, a dispatch follows.
 void hear_caller(producer* p, ks_queue* entry) {
     const bool first = p->own->queue.next == entry;
     const size_t waiting = p->waiting;
@@ -282,16 +271,9 @@ void hear_caller(producer* p, ks_queue* entry) {
     if (first && p->waiting < waiting) {
         return; // it has been handed over, and freed
     }
-    waiting_caller* caller = caller_of(entry);
-    if (caller->muted) {
-        return;
-    }
     if (!watch(p, EPOLL_CTL_MOD, entry, 0)) { // errors and hang-ups are always reported
         remove_caller(p, entry);
-        return;
     }
-    caller->muted = true;
-    ++p->muted;
 }
 
 // Works on one event. False = the loop must end.

@@ -7,15 +7,14 @@
 //   ks_stop()    withdraws the socket, sets `stopping`, wakes the producer by shutting the listening socket down, and
 //                waits. It closes nothing itself: closing an epoll descriptor would not wake its waiter, and the number
 //                could be somebody else's a moment later.
-//   the thread that ran the producer loop then ends the run (end_run): it tells each consumer to stop, waits for it,
-//   and
+//   the thread that ran the producer loop then ends the run (end_run): it tells each consumer to stop, waits for it, and
 //                closes every descriptor. Nobody else touches the table any more, so nothing is read after it is freed,
 //                closed twice or waited for twice, however many threads call ks_stop().
 //   the table    is freed by ks_start() as it returns, or by ks_stop() after joining the producer with KS_STANDALONE.
 //
 // ks_stop() may come while ks_start() is still setting up: it waits until the service is up, then stops it. It may also
-// come from a signal handler on the very thread that is inside ks_start(): it then only leaves its mark and returns,
-// and ks_start() ends the run by itself.
+// come from a signal handler on a thread that is inside ks_start() or ks_stop() itself: it then only leaves its mark and
+// returns, and what it interrupted ends the run.
 #include "internal.h"
 
 #include <cerrno>
@@ -39,7 +38,7 @@ namespace {
 
 // Holds a service's lock with all signals blocked, so that a handler on this thread never finds it taken.
 class locked {
-public:
+  public:
     explicit locked(service* self) : self_(self) {
         sigset_t all;
         sigfillset(&all);
@@ -56,14 +55,12 @@ public:
     void wait() { pthread_cond_wait(&self_->changed, &self_->lock); }
     void wake_all() { pthread_cond_broadcast(&self_->changed); }
 
-private:
+  private:
     service* self_;
     sigset_t before_;
 };
 
-void set_byte(uint8_t* byte, uint8_t value) {
-    __atomic_store_n(byte, value, __ATOMIC_RELEASE);
-}
+void set_byte(uint8_t* byte, uint8_t value) { __atomic_store_n(byte, value, __ATOMIC_RELEASE); }
 
 // Thread start routines must be plain functions of one pointer.
 void* consumer_thread(void* argument) {
@@ -197,6 +194,11 @@ void* producer_thread(void* argument) {
     return nullptr;
 }
 
+void claim_join(service* self) {
+    self->join_claimed = true;
+    self->joiner = pthread_self();
+}
+
 void start_standalone(service* self) {
     ks_handle* handle = &self->handle;
     ks_worker* producer = &handle->worker[handle->service_size];
@@ -213,8 +215,7 @@ void start_standalone(service* self) {
         if (!threads) {
             start_all_consumers(self); // where no thread can be made, no process can: report that one first
         }
-        abort_with("ks_start",
-                   "pthread_create(&producer_worker->id.tid, &attr, ks_producer_worker, (void*) handle) == 0",
+        abort_with("ks_start", "pthread_create(&producer_worker->id.tid, &attr, ks_producer_worker, (void*) handle) == 0",
                    "producer-worker create thread fail");
     }
     bool join = false;
@@ -225,7 +226,9 @@ void start_standalone(service* self) {
         }
         // Stopped by a signal handler on this thread, which could not wait.
         join = self->stop_requested && !self->join_claimed;
-        self->join_claimed = join || self->join_claimed;
+        if (join) {
+            claim_join(self);
+        }
     }
     if (join) {
         pthread_join(producer->id.tid, nullptr);
@@ -238,15 +241,21 @@ void start_standalone(service* self) {
     guard.wake_all();
 }
 
-// What a stop does first, by whichever thread: no new callers, and the producer wakes up. Safe in a signal handler.
-void request_stop(service* self) {
-    (void)unlink(self->handle.sockfile);
-    set_byte(&self->handle.paused, 1);
-    set_byte(&self->handle.stopping, 1);
-    locked guard(self);
+// Takes the socket's name away and wakes the producer. The socket is not touched while open_producer() is still at it,
+// which would find its file gone: ks_start() then does this itself.
+void withdraw(service* self) {
     if (self->listening) {
+        (void)unlink(self->handle.sockfile);
         (void)shutdown(self->handle.worker[self->handle.service_size].sockfd[1], SHUT_RDWR);
     }
+}
+
+// What a stop does first, under the lock, so that it cannot meet the next run. Safe in a signal handler.
+void request_stop(service* self) {
+    self->stop_requested = true;
+    set_byte(&self->handle.paused, 1);
+    set_byte(&self->handle.stopping, 1);
+    withdraw(self);
 }
 
 } // namespace
@@ -376,6 +385,9 @@ void ks_start(ks_handle* handle) {
     {
         locked guard(self);
         self->listening = true;
+        if (self->stop_requested) {
+            ks::withdraw(self); // a signal handler on this thread could not
+        }
     }
     if ((handle->mode & KS_STANDALONE) != 0) {
         ks::start_standalone(self);
@@ -422,7 +434,8 @@ void ks_stop(ks_handle* handle) {
         if (handle->worker == nullptr) {
             return;
         }
-        own_thread = pthread_equal(self->producer, pthread_self()) != 0;
+        own_thread = pthread_equal(self->producer, pthread_self()) != 0 ||
+                     (self->join_claimed && pthread_equal(self->joiner, pthread_self()) != 0);
         generation = self->generation;
         while (!own_thread && self->state == service::phase::starting) {
             guard.wait();
@@ -432,15 +445,14 @@ void ks_stop(ks_handle* handle) {
         }
         ++self->users;
         first = !self->stop_requested;
-        self->stop_requested = true;
+        if (first) {
+            ks::request_stop(self);
+        }
         join = !own_thread && !self->join_claimed && (handle->mode & KS_STANDALONE) != 0;
         if (join) {
-            self->join_claimed = true;
+            ks::claim_join(self);
             producer = handle->worker[handle->service_size].id.tid;
         }
-    }
-    if (first) {
-        ks::request_stop(self);
     }
     if (join) {
         pthread_join(producer, nullptr);

@@ -1,11 +1,12 @@
 // Signal routing, and the crash reporter that writes a numbered stack to the kernel log.
 //
-// The reporter runs in a signal handler of a process that may have just corrupted its heap or died inside malloc(), so it
-// takes nothing from the heap and no lock of the C library: ks_backtrace() makes the first backtrace() call, which loads
-// the unwinder; the report's object stands in static storage; symbol texts go straight from the loader's tables into a
-// memory file (backtrace_symbols_fd(3)), which is read back line by line; and lines are put together in buffers on the
-// stack. What is knowingly left: the unwinder reads a stack that may be damaged, and the loader's tables are read under
-// its lock, which a crash inside dlopen() itself would hold. A second fault then ends the process at once, because the
+// The reporter runs in a signal handler of a process that may have just corrupted its heap or died inside malloc(), so
+// it takes nothing from the heap and no lock of the C library: ks_backtrace() makes the first backtrace() call, which
+// loads the unwinder; the report's object stands in static storage; symbol texts go straight from the loader's tables
+// into a memory file (backtrace_symbols_fd(3)), which is read back line by line; and lines are put together in buffers
+// on the stack. (A blank is put back between the symbol and its address, which only backtrace_symbols(3) writes.) What
+// is knowingly left: the unwinder reads a stack that may be damaged, and the loader's tables are read under its lock,
+// which a crash inside dlopen() itself would hold. A second fault then ends the process at once, because the
 // disposition resets itself.
 #include "internal.h"
 
@@ -72,6 +73,7 @@ void report_frames(int symbols_fd) {
     unsigned number = 1;
     char block[512];
     bool fresh = true;
+    char last = '\0';
     for (ssize_t got = 0; (got = read(symbols_fd, block, sizeof(block))) > 0;) {
         for (ssize_t i = 0; i < got; ++i) {
             if (fresh) {
@@ -80,6 +82,10 @@ void report_frames(int symbols_fd) {
                 line.add(". ");
                 fresh = false;
             }
+            if (last == ')' && block[i] == '[') {
+                line.add(" ");
+            }
+            last = block[i];
             if (block[i] != '\n') {
                 line.add(&block[i], 1);
                 continue;
@@ -143,7 +149,8 @@ void ks_backtrace(void) {
     }
 }
 
-__attribute__((noinline)) void _ks_backtrace(int sig) { // NOLINT(bugprone-reserved-identifier): the callers' name for it
+// NOLINTNEXTLINE(bugprone-reserved-identifier): the callers' name for it
+__attribute__((noinline)) void _ks_backtrace(int sig) {
     const char* known = sigdescr_np(sig);
     const char* description = known != nullptr ? known : "Unknown signal";
     line_buffer line = {};

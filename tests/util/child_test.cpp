@@ -236,6 +236,7 @@ TEST_F(ChildTest, ManyThreadsMakeChildrenWhileOthersLogAllocateAndChangeTheEnvir
             }
         });
         std::vector<std::thread> runners;
+        runners.reserve(8);
         for (int thread = 0; thread < 8; ++thread) {
             runners.emplace_back([&, thread] {
                 const std::string own_file = folder / ("out" + std::to_string(thread));

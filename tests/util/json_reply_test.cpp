@@ -18,22 +18,41 @@ using unique_service = std::unique_ptr<ks_handle, end_service>;
 
 constexpr std::chrono::seconds kDeadline{30};
 
-// What the service's worker and the test tell one another.
-std::promise<void>* request_arrived = nullptr;
-std::future<void>* caller_gone = nullptr;
-std::promise<std::string>* text_left_in_io = nullptr;
+// What the service's worker and the test tell one another, and wait for.
+class conversation {
+public:
+    void set(const std::string& what, const std::string& text = "") {
+        const std::lock_guard lock(mutex_);
+        said_[what] = text;
+        changed_.notify_all();
+    }
+    // The text that came with `what`; fails the test when it does not come in time.
+    std::string wait_for(const std::string& what) {
+        std::unique_lock lock(mutex_);
+        EXPECT_TRUE(changed_.wait_for(lock, kDeadline, [&] { return said_.count(what) != 0; })) << what;
+        return said_[what];
+    }
+
+private:
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    std::map<std::string, std::string> said_;
+};
+
+conversation talk;
 
 int serve(const char* command, ks_io* io, int fd) {
     (void)fd;
     const unique_io owner(io);
     if (std::string(command) == "late") {
-        request_arrived->set_value();
-        EXPECT_EQ(caller_gone->wait_for(kDeadline), std::future_status::ready);
+        talk.set("request arrived");
+        talk.wait_for("caller gone");
         for (const auto end = std::chrono::steady_clock::now() + kDeadline;
              ks_io_alive(io) != 0 && std::chrono::steady_clock::now() < end;) {
+            std::this_thread::yield();
         }
         ks_reply_json("too late", io);
-        text_left_in_io->set_value(request_text(io));
+        talk.set("text left", request_text(io));
         return 0;
     }
     ks_reply_json(std::string(command) + ":" + request_text(io) + " 100%s\n", io);
@@ -60,14 +79,6 @@ TEST_F(JsonReplyTest, ReplacesTheRequestByTheReply) {
 }
 
 TEST_F(JsonReplyTest, SendsNothingToACallerThatIsGone) {
-    std::promise<void> arrived;
-    std::promise<void> gone;
-    std::promise<std::string> left;
-    std::future<void> gone_future = gone.get_future();
-    request_arrived = &arrived;
-    caller_gone = &gone_future;
-    text_left_in_io = &left;
-
     const unique_io io(ks_io_create());
     ASSERT_EQ(ks_io_write(io.get(), "request", 7), 7);
     ks_epoll* calls = ks_epoll_create();
@@ -75,12 +86,10 @@ TEST_F(JsonReplyTest, SendsNothingToACallerThatIsGone) {
     unsigned status = 0;
     EXPECT_EQ(ks_epoll_perform(calls, 10000, &status), nullptr);
     ASSERT_EQ(status, 0U) << "the request is on its way";
-    ASSERT_EQ(arrived.get_future().wait_for(kDeadline), std::future_status::ready);
+    talk.wait_for("request arrived");
     ks_epoll_cancel(calls, io.get());
-    gone.set_value();
-    std::future<std::string> left_future = left.get_future();
-    ASSERT_EQ(left_future.wait_for(kDeadline), std::future_status::ready);
-    EXPECT_EQ(left_future.get(), "request");
+    talk.set("caller gone");
+    EXPECT_EQ(talk.wait_for("text left"), "request");
     ks_epoll_free(calls);
 }
 

@@ -219,6 +219,7 @@ TEST_F(LogTest, NeverTakesAStandardDescriptor) {
 
 TEST_F(LogTest, LinesOfManyThreadsDoNotMix) {
     std::vector<std::thread> writers;
+    writers.reserve(8);
     for (int thread = 0; thread < 8; ++thread) {
         writers.emplace_back([thread] {
             for (int i = 0; i < 200; ++i) {

@@ -1,0 +1,525 @@
+// The consumer: what it accepts from callers, what the callback gets, and whom it drops.
+#include "framework_support.h"
+#include "kservice.h"
+
+#include <atomic>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <functional>
+#include <memory>
+#include <spawn.h>
+#include <string>
+#include <sys/mman.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+namespace {
+
+using support::descriptor;
+using support::echo;
+using support::eventually;
+using support::make_record;
+using support::memory_file;
+using support::raw_caller;
+using support::service;
+
+std::string contents(const descriptor& file) {
+    char bytes[4096];
+    const ssize_t got = pread(file.get(), bytes, sizeof(bytes), 0);
+    return {bytes, got < 0 ? 0 : (size_t)got};
+}
+
+// A service of one consumer: whatever keeps that busy would be noticed by the next call.
+class ConsumerTest : public testing::Test {
+  protected:
+    void expect_it_serves() {
+        std::string reply;
+        EXPECT_EQ(support::call(one_.name(), "still", "there", &reply), 0U);
+        EXPECT_EQ(reply, "still|there|none");
+    }
+    raw_caller invited_caller() {
+        raw_caller caller(one_.path());
+        EXPECT_TRUE(caller.invited());
+        return caller;
+    }
+    // Sends a request with `fds` for the memory file's message; true = it was dropped without an answer.
+    bool dropped_for(const std::vector<int>& fds) {
+        const raw_caller caller = invited_caller();
+        EXPECT_TRUE(caller.send(make_record(8, 0, "c")) && caller.send_fds(fds));
+        return caller.hung_up();
+    }
+    service one_{5, 1, echo};
+};
+
+TEST_F(ConsumerTest, AnswersARequest) {
+    const raw_caller caller = invited_caller();
+    const descriptor file = memory_file("text");
+    EXPECT_TRUE(caller.request("name", file.get()));
+    EXPECT_EQ(contents(file), "name|text|none");
+    EXPECT_TRUE(caller.hung_up()) << "one request per connection";
+}
+
+TEST_F(ConsumerTest, HandsOverTheExtraDescriptor) {
+    const raw_caller caller = invited_caller();
+    const descriptor file = memory_file("text");
+    const descriptor extra = memory_file("extra");
+    ASSERT_TRUE(caller.send(make_record(8, 1, "name")) && caller.send_fds({file.get()}) &&
+                caller.send_fds({extra.get()}));
+    EXPECT_EQ(caller.receive(), make_record(9));
+    EXPECT_EQ(contents(file), "name|text|extra");
+}
+
+TEST_F(ConsumerTest, WaitsForDescriptorsThatComeLate) {
+    const raw_caller caller = invited_caller();
+    const descriptor file = memory_file("text");
+    const descriptor extra = memory_file("extra");
+    ASSERT_TRUE(caller.send(make_record(8, 1, "name")));
+    std::this_thread::sleep_for(std::chrono::milliseconds(30)); // lateness itself
+    ASSERT_TRUE(caller.send_fds({file.get()}));
+    std::this_thread::sleep_for(std::chrono::milliseconds(30));
+    ASSERT_TRUE(caller.send_fds({extra.get()}));
+    EXPECT_EQ(caller.receive(), make_record(9));
+    EXPECT_EQ(contents(file), "name|text|extra");
+}
+
+TEST_F(ConsumerTest, OtherFlagBitsPromiseNothing) {
+    const raw_caller caller = invited_caller();
+    const descriptor file = memory_file();
+    ASSERT_TRUE(caller.send(make_record(8, 0xFE, "c")) && caller.send_fds({file.get()}));
+    EXPECT_EQ(caller.receive(), make_record(9));
+    EXPECT_EQ(contents(file), "c||none");
+}
+
+TEST_F(ConsumerTest, LongCommandIsCutTo256Characters) {
+    const raw_caller caller = invited_caller();
+    const descriptor file = memory_file();
+    EXPECT_TRUE(caller.request(std::string(257, 'c'), file.get()));
+    EXPECT_EQ(contents(file), std::string(256, 'c') + "||none");
+}
+
+TEST_F(ConsumerTest, EmptyCommandAndEmptyFileAreServed) {
+    const raw_caller caller = invited_caller();
+    const descriptor file = memory_file();
+    EXPECT_TRUE(caller.request("", file.get()));
+    EXPECT_EQ(contents(file), "||none");
+}
+
+TEST_F(ConsumerTest, CallerThatGoesBeforeItsRequestFreesTheConsumer) {
+    for (int i = 0; i < 50; ++i) {
+        raw_caller caller = invited_caller();
+        caller.close();
+    }
+    expect_it_serves();
+}
+
+TEST_F(ConsumerTest, CallerThatIsGoneWhenInvitedFreesTheConsumer) {
+    for (int i = 0; i < 200; ++i) {
+        const raw_caller caller(one_.path());
+    }
+    expect_it_serves();
+}
+
+// Each type but 8, on the caller's connection: 6 and the stop are the producer's words only.
+TEST_F(ConsumerTest, EveryOtherDirectiveOfACallerDropsIt) {
+    const descriptor file = memory_file("text");
+    for (int type = 0; type < 256; ++type) {
+        if (type == 8) {
+            continue;
+        }
+        const raw_caller caller = invited_caller();
+        const int32_t number = 3;
+        const std::string data(reinterpret_cast<const char*>(&number), sizeof(number));
+        ASSERT_TRUE(caller.send(make_record((unsigned char)type, 1, data)));
+        (void)caller.send_fds({file.get()}); // may have been dropped already
+        EXPECT_TRUE(caller.hung_up()) << type;
+    }
+    expect_it_serves();
+}
+
+TEST_F(ConsumerTest, ShortDirectiveDropsTheCaller) {
+    for (const size_t size : {1UL, 2UL, 258UL}) {
+        const raw_caller caller = invited_caller();
+        ASSERT_TRUE(caller.send_bytes(make_record(8, 0, "c").data(), size));
+        EXPECT_TRUE(caller.hung_up()) << size;
+    }
+    expect_it_serves();
+}
+
+TEST_F(ConsumerTest, DataWithoutADescriptorDropsTheCaller) {
+    EXPECT_TRUE(dropped_for({}));
+    const raw_caller caller = invited_caller();
+    const descriptor file = memory_file("text");
+    ASSERT_TRUE(caller.send(make_record(8, 1, "c")) && caller.send_fds({file.get()}) && caller.send_fds({}));
+    EXPECT_TRUE(caller.hung_up()) << "no extra one after it was promised";
+    EXPECT_EQ(contents(file), "text") << "nothing was run";
+    expect_it_serves();
+}
+
+TEST_F(ConsumerTest, DescriptorsBeyondTheFirstAreClosed) {
+    expect_it_serves();
+    const auto before = support::open_descriptors();
+    const descriptor file = memory_file("text");
+    for (const size_t count : {2UL, 3UL, 64UL}) {
+        const raw_caller caller = invited_caller();
+        ASSERT_TRUE(caller.send(make_record(8, 0, "c")) && caller.send_fds(std::vector<int>(count, file.get())));
+        EXPECT_EQ(caller.receive(), make_record(9)) << count;
+    }
+    // On the directive itself, where nobody asked for one.
+    const raw_caller caller = invited_caller();
+    ASSERT_TRUE(caller.send_fds({file.get()}, 259));
+    EXPECT_TRUE(caller.hung_up());
+    expect_it_serves();
+    EXPECT_TRUE(eventually([&] { return support::open_descriptors().size() == before.size() + 2; }));
+}
+
+int report_flags(const char*, ks_io* io, int fd) {
+    support::answer(io, std::to_string(fcntl(io->memfd, F_GETFD)) + std::to_string(fcntl(io->sockfd, F_GETFD)) +
+                            std::to_string(fcntl(fd, F_GETFD)));
+    close(fd);
+    return 0;
+}
+
+TEST(ConsumerDescriptorTest, ReceivedDescriptorsAreCloseOnExec) {
+    for (const unsigned mode : {3U, 5U}) {
+        const service one(mode, 1, report_flags);
+        const descriptor extra = memory_file();
+        std::string reply;
+        ASSERT_EQ(support::call(one.name(), "c", "", &reply, extra.get()), 0U);
+        EXPECT_EQ(reply, "111") << mode;
+    }
+}
+
+// ---- Memory files on which the service's own steps would fail
+
+TEST_F(ConsumerTest, PlainReadWriteFilesAreWelcome) {
+    const support::temp_dir dir;
+    for (const std::string& path : {dir.file("f"), std::string("/dev/shm/ks-test-file")}) {
+        const descriptor file(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+        if (file.get() < 0) {
+            continue; // no /dev/shm here
+        }
+        unlink(path.c_str());
+        ASSERT_EQ(write(file.get(), "text", 4), 4);
+        const raw_caller caller = invited_caller();
+        EXPECT_TRUE(caller.request("c", file.get()));
+        EXPECT_EQ(contents(file), "c|text|none");
+    }
+}
+
+TEST_F(ConsumerTest, SealsTheFileAgainstFurtherSeals) {
+    const descriptor file = memory_file("text");
+    const raw_caller caller = invited_caller();
+    EXPECT_TRUE(caller.request("c", file.get()));
+    EXPECT_EQ(fcntl(file.get(), F_GET_SEALS), F_SEAL_SEAL);
+    EXPECT_EQ(fcntl(file.get(), F_ADD_SEALS, F_SEAL_WRITE), -1);
+    EXPECT_EQ(contents(file), "c|text|none");
+}
+
+TEST_F(ConsumerTest, FileWithTheSealAgainstSealsIsWelcome) {
+    const descriptor file = memory_file("text");
+    ASSERT_EQ(fcntl(file.get(), F_ADD_SEALS, F_SEAL_SEAL), 0);
+    const raw_caller caller = invited_caller();
+    EXPECT_TRUE(caller.request("c", file.get()));
+    const descriptor unsealable(memfd_create("x", 0));
+    const raw_caller other = invited_caller();
+    EXPECT_TRUE(other.request("c", unsealable.get()));
+}
+
+TEST_F(ConsumerTest, SealedFilesAreRefused) {
+    for (const int seal : {F_SEAL_WRITE, F_SEAL_FUTURE_WRITE, F_SEAL_SHRINK, F_SEAL_GROW}) {
+        const descriptor file = memory_file("text");
+        ASSERT_EQ(fcntl(file.get(), F_ADD_SEALS, seal), 0);
+        EXPECT_TRUE(dropped_for({file.get()})) << seal;
+        EXPECT_EQ(contents(file), "text");
+    }
+    expect_it_serves();
+}
+
+TEST_F(ConsumerTest, WhatIsNoReadWriteRegularFileIsRefused) {
+    const support::temp_dir dir;
+    const std::string path = dir.file("f");
+    const descriptor read_write(open(path.c_str(), O_RDWR | O_CREAT, 0600));
+    int ends[2];
+    ASSERT_EQ(pipe(ends), 0);
+    const descriptor pipe_read(ends[0]);
+    const descriptor pipe_write(ends[1]);
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
+    const descriptor socket_one(ends[0]);
+    const descriptor socket_two(ends[1]);
+    const struct {
+        const char* what;
+        descriptor fd;
+    } bad[] = {
+        {"read-only", descriptor(open(path.c_str(), O_RDONLY))},
+        {"write-only", descriptor(open(path.c_str(), O_WRONLY))},
+        {"path-only", descriptor(open(path.c_str(), O_PATH))},
+        {"directory", descriptor(open(dir.path().c_str(), O_RDONLY | O_DIRECTORY))},
+        {"device", descriptor(open("/dev/null", O_RDWR))},
+        {"pipe, reading", descriptor(dup(pipe_read.get()))},
+        {"pipe, writing", descriptor(dup(pipe_write.get()))},
+        {"socket", descriptor(dup(socket_one.get()))},
+    };
+    for (const auto& each : bad) {
+        ASSERT_GE(each.fd.get(), 0) << each.what;
+        EXPECT_TRUE(dropped_for({each.fd.get()})) << each.what;
+    }
+    expect_it_serves();
+}
+
+TEST_F(ConsumerTest, FileThatCannotBeMappedIsRefused) {
+    const descriptor file = memory_file("text");
+    ASSERT_EQ(ftruncate(file.get(), (off_t)1 << 62), 0);
+    EXPECT_TRUE(dropped_for({file.get()}));
+    expect_it_serves();
+}
+
+// ---- A caller that changes its file while the request is in hand
+
+support::gate* in_hand = nullptr;
+
+int read_late(const char*, ks_io* io, int) {
+    in_hand->pass();
+    (void)ks_io_read(io, nullptr); // maps; the bytes are the caller's and may go at any time
+    const std::string text = support::text_of(io);
+    in_hand->pass();
+    support::answer(io, "answer to " + std::to_string(text.size()));
+    return 0;
+}
+
+TEST(ConsumerChangedFileTest, TruncatingOrGrowingCostsTheServiceNothing) {
+    for (const unsigned mode : {3U, 5U}) {
+        support::gate here;
+        in_hand = &here;
+        const service one(mode, 1, read_late);
+        const off_t sizes[] = {0, 1, 1 << 20, (off_t)1 << 62};
+        for (const off_t before : sizes) {
+            for (const off_t after : sizes) {
+                const raw_caller caller(one.path());
+                const descriptor file = memory_file(std::string(10000, 't'));
+                ASSERT_TRUE(caller.invited());
+                ASSERT_TRUE(caller.send(make_record(8)) && caller.send_fds({file.get()}));
+                ASSERT_TRUE(here.await());
+                ASSERT_EQ(ftruncate(file.get(), before), 0);
+                here.open();
+                ASSERT_TRUE(here.await());
+                ASSERT_EQ(ftruncate(file.get(), after), 0);
+                here.open();
+                const auto what = caller.receive();
+                EXPECT_TRUE(!what || *what == make_record(9));
+            }
+        }
+        std::thread opener([&] {
+            EXPECT_TRUE(here.await());
+            here.open();
+            EXPECT_TRUE(here.await());
+            here.open();
+        });
+        std::string reply;
+        EXPECT_EQ(support::call(one.name(), "c", "1234", &reply), 0U);
+        EXPECT_EQ(reply, "answer to 4");
+        opener.join();
+    }
+}
+
+// ---- What the callback gets
+
+int who(const char* command, ks_io* io, int) {
+    const bool same = strcmp(command, io->command) == 0;
+    support::answer(io, std::to_string(ks_io_pid(io)) + " " + std::to_string(ks_io_uid(io)) + " " +
+                            std::to_string(ks_io_gid(io)) + " " + std::to_string(io->passfd) + (same ? " same" : ""));
+    return 0;
+}
+
+TEST(ConsumerCallbackTest, GetsTheCallersCredentials) {
+    const service one(5, 1, who);
+    std::string reply;
+    ASSERT_EQ(support::call(one.name(), "c", "", &reply), 0U);
+    EXPECT_EQ(reply, std::to_string(getpid()) + " " + std::to_string(getuid()) + " " + std::to_string(getgid()) +
+                         " -1 same");
+}
+
+TEST(ConsumerCallbackTest, CredentialsAreThoseOfTheConnection) {
+    const support::temp_dir dir;
+    ASSERT_EQ(chmod(dir.path().c_str(), 0755), 0);
+    const std::string name = "@" + dir.file("s");
+    const service one(name, 5, 1, who);
+    const pid_t child = fork();
+    if (child == 0) {
+        std::string reply;
+        const bool good = setgid(1234) == 0 && setuid(4321) == 0 &&
+                          support::call(name.c_str(), "c", "", &reply) == 0 &&
+                          reply == std::to_string(getpid()) + " 4321 1234 -1 same";
+        _exit(good ? 0 : 1);
+    }
+    int status = -1;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+}
+
+int tell_environment(const char* command, ks_io* io, int) {
+    const char* value = getenv(command);
+    support::answer(io, value == nullptr ? "(unset)" : value);
+    return 0;
+}
+
+// /proc/<pid>/environ shows what a program was started with, so the caller has to be a program of its own.
+std::string reply_to_a_caller_with(const std::vector<std::string>& environment, const std::string& service_name,
+                                   const std::string& command) {
+    const support::temp_dir dir;
+    std::vector<char*> envp;
+    for (const auto& each : environment) {
+        envp.push_back(const_cast<char*>(each.c_str()));
+    }
+    envp.push_back(nullptr);
+    char self[4096] = {};
+    (void)!readlink("/proc/self/exe", self, sizeof(self) - 1);
+    const std::string out = dir.file("out");
+    std::vector<std::string> words = {self, "--call", service_name, command, out};
+    std::vector<char*> argv;
+    for (auto& each : words) {
+        argv.push_back(each.data());
+    }
+    argv.push_back(nullptr);
+    pid_t child = 0;
+    int status = -1;
+    if (posix_spawn(&child, self, nullptr, nullptr, argv.data(), envp.data()) != 0 ||
+        waitpid(child, &status, 0) != child || status != 0) {
+        return "(failed)";
+    }
+    const descriptor file(open(out.c_str(), O_RDONLY));
+    return contents(file);
+}
+
+TEST(ConsumerEnvironmentTest, ProcessConsumerAdoptsTheCallersEnvironment) {
+    setenv("KS_OURS", "ours", 1);
+    const service one(3, 1, tell_environment);
+    const std::vector<std::string> theirs = {"KS_THEIRS=a=b", "KS_EMPTY=", "junk"};
+    EXPECT_EQ(reply_to_a_caller_with(theirs, one.name(), "KS_THEIRS"), "a=b");
+    EXPECT_EQ(reply_to_a_caller_with(theirs, one.name(), "KS_EMPTY"), "");
+    EXPECT_EQ(reply_to_a_caller_with(theirs, one.name(), "KS_OURS"), "(unset)");
+    // Each later request overwrites it again, and an empty one empties it.
+    EXPECT_EQ(reply_to_a_caller_with({"KS_THEIRS=second"}, one.name(), "KS_THEIRS"), "second");
+    EXPECT_EQ(reply_to_a_caller_with({"KS_OTHER=1"}, one.name(), "KS_THEIRS"), "(unset)");
+    EXPECT_EQ(reply_to_a_caller_with({}, one.name(), "KS_OTHER"), "(unset)");
+    EXPECT_STREQ(getenv("KS_OURS"), "ours");
+}
+
+TEST(ConsumerEnvironmentTest, ThreadConsumerKeepsItsOwn) {
+    setenv("KS_OURS", "ours", 1);
+    const service one(5, 1, tell_environment);
+    EXPECT_EQ(reply_to_a_caller_with({"KS_THEIRS=1"}, one.name(), "KS_THEIRS"), "(unset)");
+    EXPECT_EQ(reply_to_a_caller_with({"KS_THEIRS=1"}, one.name(), "KS_OURS"), "ours");
+}
+
+// The caller has gone when its request is run: its environment cannot be read, and ours stays.
+TEST(ConsumerEnvironmentTest, UnreadableEnvironmentLeavesOurs) {
+    setenv("KS_OURS", "ours", 1);
+    const service one(3, 1, [](const char*, ks_io* io, int fd) {
+        const char* value = getenv("KS_OURS");
+        if (fd >= 0) {
+            (void)!write(fd, value == nullptr ? "unset" : value, value == nullptr ? 5 : strlen(value));
+            close(fd);
+        }
+        support::answer(io, "");
+        return 0;
+    });
+    const descriptor noted = memory_file();
+    // SO_PEERCRED names who connected; here that one is gone when somebody else goes on with the connection.
+    int pair[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, pair), 0);
+    const descriptor from(pair[0]);
+    const descriptor to(pair[1]);
+    const descriptor file = memory_file("x");
+    const std::string path = one.path();
+    const pid_t child = fork();
+    if (child == 0) {
+        const raw_caller caller(path);
+        const bool good = caller.invited();
+        // Leaves the connection in the socket pair.
+        iovec data = {const_cast<char*>("x"), 1};
+        alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
+        msghdr message = {};
+        message.msg_iov = &data;
+        message.msg_iovlen = 1;
+        message.msg_control = control;
+        message.msg_controllen = sizeof(control);
+        cmsghdr* header = CMSG_FIRSTHDR(&message);
+        header->cmsg_len = CMSG_LEN(sizeof(int));
+        header->cmsg_level = SOL_SOCKET;
+        header->cmsg_type = SCM_RIGHTS;
+        const int fd = caller.fd();
+        memcpy(CMSG_DATA(header), &fd, sizeof(fd));
+        _exit(good && sendmsg(to.get(), &message, 0) == 1 ? 0 : 1);
+    }
+    int status = -1;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    ASSERT_EQ(status, 0);
+    char byte = 0;
+    iovec data = {&byte, 1};
+    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
+    msghdr message = {};
+    message.msg_iov = &data;
+    message.msg_iovlen = 1;
+    message.msg_control = control;
+    message.msg_controllen = sizeof(control);
+    ASSERT_EQ(recvmsg(from.get(), &message, MSG_CMSG_CLOEXEC), 1);
+    int number = -1;
+    ASSERT_NE(CMSG_FIRSTHDR(&message), nullptr);
+    memcpy(&number, CMSG_DATA(CMSG_FIRSTHDR(&message)), sizeof(number));
+    const descriptor connection(number);
+    const support::record request = make_record(8, 1, "c");
+    ASSERT_EQ(send(connection.get(), request.data(), request.size(), 0), 259);
+    for (const int each : {file.get(), noted.get()}) {
+        memcpy(CMSG_DATA(CMSG_FIRSTHDR(&message)), &each, sizeof(each));
+        message.msg_controllen = CMSG_LEN(sizeof(int));
+        ASSERT_EQ(sendmsg(connection.get(), &message, 0), 1);
+    }
+    EXPECT_TRUE(eventually([&] { return contents(noted) == "ours"; })) << contents(noted);
+}
+
+// ---- Patience: all of it in one test, as it takes half a minute
+
+TEST(ConsumerPatienceTest, SilentAndPromisingCallersAreDroppedAfterThirtySeconds) {
+    const service one(5, 4, echo);
+    const descriptor file = memory_file("text");
+    const auto begin = std::chrono::steady_clock::now();
+    const raw_caller says_nothing(one.path());
+    const raw_caller no_memory_file(one.path());
+    const raw_caller no_extra(one.path());
+    ASSERT_TRUE(says_nothing.invited());
+    ASSERT_TRUE(no_memory_file.invited() && no_memory_file.send(make_record(8)));
+    ASSERT_TRUE(no_extra.invited() && no_extra.send(make_record(8, 1)) && no_extra.send_fds({file.get()}));
+    std::string reply;
+    EXPECT_EQ(support::call(one.name(), "c", "", &reply), 0U) << "the fourth consumer";
+    for (const raw_caller* each : {&says_nothing, &no_memory_file, &no_extra}) {
+        EXPECT_TRUE(each->hung_up(std::chrono::seconds(60)));
+        const auto waited = std::chrono::steady_clock::now() - begin;
+        EXPECT_GE(waited, std::chrono::milliseconds(29900));
+        EXPECT_LT(waited, std::chrono::seconds(40));
+    }
+    EXPECT_EQ(contents(file), "text");
+    for (int i = 0; i < 4; ++i) {
+        EXPECT_EQ(support::call(one.name(), "c", "", &reply), 0U);
+    }
+}
+
+} // namespace
+
+// As a program of its own: "--call <service> <command> <file>" writes the reply into the file.
+__attribute__((constructor)) static void be_a_caller(int argc, char** argv, char**) {
+    if (argc != 5 || strcmp(argv[1], "--call") != 0) {
+        return;
+    }
+    std::string reply;
+    const unsigned code = support::call(argv[2], argv[3], "", &reply);
+    const descriptor out(open(argv[4], O_WRONLY | O_CREAT, 0600));
+    (void)!write(out.get(), reply.data(), reply.size());
+    _exit((int)code);
+}

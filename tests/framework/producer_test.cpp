@@ -1,0 +1,474 @@
+// The producer: the waiting list, turning callers away, hand-over, and the restart of dead consumers.
+#include "framework_support.h"
+#include "kservice.h"
+
+#include <atomic>
+#include <csignal>
+#include <cstring>
+#include <fcntl.h>
+#include <memory>
+#include <poll.h>
+#include <string>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+namespace {
+
+using support::echo;
+using support::eventually;
+using support::gate;
+using support::make_record;
+using support::raw_caller;
+using support::service;
+
+gate* held = nullptr;
+
+int hold(const char*, ks_io* io, int) {
+    held->pass();
+    support::answer(io, "done");
+    return 0;
+}
+
+// What the calls of one test say to standard error, in this process and its children.
+class captured_stderr {
+  public:
+    captured_stderr() : saved_(fcntl(2, F_DUPFD_CLOEXEC, 300)), file_(support::memory_file()) {
+        dup2(file_.get(), 2);
+    }
+    ~captured_stderr() { dup2(saved_.get(), 2); }
+    captured_stderr(const captured_stderr&) = delete;
+    captured_stderr& operator=(const captured_stderr&) = delete;
+    std::string text() const {
+        char bytes[4096];
+        const ssize_t got = pread(file_.get(), bytes, sizeof(bytes), 0);
+        return {bytes, got < 0 ? 0 : (size_t)got};
+    }
+
+  private:
+    support::descriptor saved_;
+    support::descriptor file_;
+};
+
+// A caller that has sent its request and whose answer is held back.
+class held_request {
+  public:
+    explicit held_request(const std::string& path) : caller_(path), file_(support::memory_file()) {
+        EXPECT_TRUE(caller_.invited());
+        EXPECT_TRUE(caller_.send(make_record(8, 0, "c")) && caller_.send_fds({file_.get()}));
+        EXPECT_TRUE(held->await());
+    }
+    raw_caller& caller() { return caller_; }
+
+  private:
+    raw_caller caller_;
+    support::descriptor file_;
+};
+
+// Connects a caller for whom nobody is free, and waits until the producer, which is in this process, has accepted it:
+// the process then has `sockets` sockets.
+std::unique_ptr<raw_caller> accepted_caller(const std::string& path, size_t sockets) {
+    auto caller = std::make_unique<raw_caller>(path);
+    EXPECT_TRUE(eventually([sockets] { return support::open_sockets() == sockets; })) << support::open_sockets();
+    return caller;
+}
+
+bool silent(const raw_caller& caller) {
+    pollfd watched = {caller.fd(), POLLIN, 0};
+    return poll(&watched, 1, 0) == 0;
+}
+
+// Number of listed callers, seen from outside: the producer's list itself is not to be read while it runs.
+void stays_waiting(const std::vector<std::unique_ptr<raw_caller>>& callers) {
+    for (const auto& each : callers) {
+        ASSERT_TRUE(silent(*each));
+    }
+}
+
+TEST(ProducerTest, ThousandthWaitingCallerIsQueuedAndTheNextTurnedAway) {
+    gate here;
+    held = &here;
+    const service one(5, 1, hold);
+    held_request busy(one.path());
+    std::vector<std::unique_ptr<raw_caller>> waiting;
+    for (int i = 0; i < 1000; ++i) {
+        waiting.push_back(std::make_unique<raw_caller>(one.path()));
+        ASSERT_TRUE(waiting.back()->connected());
+    }
+    EXPECT_GT(waiting.back()->fd(), 1023);
+    const raw_caller next(one.path());
+    const auto what = next.receive();
+    ASSERT_TRUE(what);
+    EXPECT_EQ(*what, make_record(2));
+    EXPECT_TRUE(next.hung_up());
+    stays_waiting(waiting);
+    std::string reply;
+    EXPECT_EQ(support::call(one.name(), "c", "", &reply), 6U);
+
+    // One gone makes room for one.
+    waiting[500].reset();
+    auto late = std::make_unique<raw_caller>(one.path());
+    const raw_caller too_late(one.path());
+    EXPECT_EQ(too_late.receive(), make_record(2));
+    EXPECT_TRUE(silent(*late));
+
+    // They are served in the order of arrival, those with high numbers too.
+    here.open();
+    EXPECT_EQ(busy.caller().receive(), make_record(9));
+    const support::descriptor file = support::memory_file();
+    here.open(3);
+    ASSERT_TRUE(waiting[0]->invited());
+    EXPECT_TRUE(silent(*waiting[1]));
+    EXPECT_TRUE(waiting[0]->request("c", file.get()));
+    for (size_t i = 1; i < 999; ++i) {
+        if (i != 500) {
+            ASSERT_TRUE(waiting[i]->invited()) << i;
+            waiting[i]->close();
+        }
+    }
+    ASSERT_TRUE(waiting[999]->invited());
+    EXPECT_TRUE(waiting[999]->request("c", file.get()));
+    ASSERT_TRUE(late->invited());
+    EXPECT_TRUE(late->request("c", file.get()));
+}
+
+TEST(ProducerTest, PausedTurnsNewCallersAwayAndKeepsTheWaiting) {
+    gate here;
+    held = &here;
+    const service one(5, 1, hold);
+    const size_t sockets = support::open_sockets();
+    held_request busy(one.path());
+    const auto waiting = accepted_caller(one.path(), sockets + 4); // both ends of both connections
+    ks_pause(one.handle());
+    for (int i = 0; i < 3; ++i) {
+        const raw_caller refused(one.path());
+        EXPECT_EQ(refused.receive(), make_record(4));
+        EXPECT_TRUE(refused.hung_up());
+    }
+    std::string reply;
+    EXPECT_EQ(support::call(one.name(), "c", "", &reply), 3U);
+    here.open(2);
+    EXPECT_EQ(busy.caller().receive(), make_record(9));
+    EXPECT_EQ(waiting->receive(), make_record(7));
+    const support::descriptor file = support::memory_file();
+    EXPECT_TRUE(waiting->request("c", file.get()));
+    ks_resume(one.handle());
+    here.open();
+    EXPECT_EQ(support::call(one.name(), "c", "", &reply), 0U);
+}
+
+TEST(ProducerTest, ConsumersTakeTurns) {
+    static std::atomic<int> next = 0;
+    thread_local int mine = -1;
+    next = 0;
+    const service one(5, 3, [](const char*, ks_io* io, int) {
+        if (mine < 0) {
+            mine = next++;
+        }
+        support::answer(io, std::to_string(mine));
+        return 0;
+    });
+    std::string order;
+    for (int i = 0; i < 9; ++i) {
+        std::string reply;
+        ASSERT_EQ(support::call(one.name(), "c", "", &reply), 0U);
+        order += reply;
+    }
+    EXPECT_EQ(order.substr(0, 3), order.substr(3, 3));
+    EXPECT_EQ(order.substr(0, 3), order.substr(6, 3));
+    EXPECT_EQ(next, 3);
+}
+
+TEST(ProducerTest, WaitingCallerThatHangsUpCostsNothing) {
+    gate here;
+    held = &here;
+    const service one(5, 1, hold);
+    held_request busy(one.path());
+    const auto before = support::open_descriptors().size();
+    for (int i = 0; i < 300; ++i) {
+        raw_caller gone(one.path());
+        if (i % 3 == 1) {
+            ASSERT_TRUE(gone.send_bytes("early", 5));
+        } else if (i % 3 == 2) {
+            gone.shut_write();
+        }
+    }
+    EXPECT_TRUE(eventually([&] { return support::open_descriptors().size() == before; }));
+    here.open(2);
+    EXPECT_EQ(busy.caller().receive(), make_record(9));
+    std::string reply;
+    EXPECT_EQ(support::call(one.name(), "c", "", &reply), 0U);
+}
+
+int64_t cpu_while_idle() {
+    const int64_t before = support::cpu_ms();
+    std::this_thread::sleep_for(std::chrono::milliseconds(500)); // the length of what is measured, not a wait
+    return support::cpu_ms() - before;
+}
+
+TEST(ProducerTest, CallersThatSpeakEarlyDoNotMakeItSpin) {
+    gate here;
+    held = &here;
+    const service one(5, 1, hold);
+    held_request busy(one.path());
+    std::vector<std::unique_ptr<raw_caller>> early;
+    for (int i = 0; i < 20; ++i) {
+        early.push_back(std::make_unique<raw_caller>(one.path()));
+        ASSERT_TRUE(early.back()->send_bytes("too early", 9));
+    }
+    const raw_caller half(one.path());
+    half.shut_write();
+    EXPECT_LT(cpu_while_idle(), 200);
+    here.open(2);
+    for (const auto& each : early) {
+        EXPECT_EQ(each->receive(), make_record(7)) << "invited in its turn, then dropped for what it said";
+        EXPECT_TRUE(each->hung_up());
+    }
+    std::string reply;
+    EXPECT_EQ(support::call(one.name(), "c", "", &reply), 0U);
+}
+
+// What it costs to serve n callers must not grow with the number of those that wait and have spoken.
+TEST(ProducerTest, CallersThatSpokeEarlyAreNotHeardAgainForEachRequest) {
+    gate here;
+    held = &here;
+    const service one(5, 1, hold);
+    held_request busy(one.path());
+    std::vector<std::unique_ptr<raw_caller>> early;
+    for (int i = 0; i < 990; ++i) {
+        early.push_back(std::make_unique<raw_caller>(one.path()));
+        ASSERT_TRUE(early.back()->send_bytes("too early", 9));
+    }
+    ASSERT_TRUE(eventually([] { return cpu_while_idle() < 100; }));
+    rusage before = {};
+    getrusage(RUSAGE_SELF, &before);
+    const int64_t begin = support::cpu_ms();
+    here.open();
+    ASSERT_TRUE(early.back()->invited());
+    ASSERT_TRUE(early.back()->hung_up());
+    const int64_t used = support::cpu_ms() - begin;
+    RecordProperty("cpu_ms", std::to_string(used));
+    printf("990 early callers dropped in %lld ms of CPU time\n", (long long)used);
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    EXPECT_LT(used, 1500);
+#else
+    EXPECT_LT(used, 250);
+#endif
+}
+
+TEST(ProducerTest, LackOfDescriptorsDoesNotMakeItSpin) {
+    const service one(5, 1, echo);
+    std::string reply;
+    ASSERT_EQ(support::call(one.name(), "c", "", &reply), 0U);
+    raw_caller ready_made(one.path()); // makes its socket and connects while that is possible
+    ASSERT_TRUE(ready_made.invited());
+    std::vector<support::descriptor> sockets;
+    for (int i = 0; i < 5; ++i) {
+        sockets.emplace_back(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    }
+    rlimit before = {};
+    getrlimit(RLIMIT_NOFILE, &before);
+    rlimit none = {3, before.rlim_max}; // 0, 1 and 2 are taken
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
+    for (const auto& each : sockets) {
+        sockaddr_storage address = {};
+        socklen_t size = sizeof(address);
+        ASSERT_EQ(getpeername(ready_made.fd(), reinterpret_cast<sockaddr*>(&address), &size), 0);
+        ASSERT_EQ(connect(each.get(), reinterpret_cast<sockaddr*>(&address), size), 0);
+    }
+    const int64_t used = cpu_while_idle();
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &before), 0);
+    EXPECT_LT(used, 200);
+    ready_made.close();
+    for (auto& each : sockets) {
+        pollfd watched = {each.get(), POLLIN, 0};
+        EXPECT_EQ(poll(&watched, 1, 30000), 1) << "accepted once there are descriptors again";
+        each.reset();
+    }
+    EXPECT_EQ(support::call(one.name(), "c", "", &reply), 0U);
+}
+
+TEST(ProducerTest, StopsWhileDescriptorsAreLacking) {
+    service one(5, 1, echo);
+    const raw_caller first(one.path());
+    ASSERT_TRUE(first.invited());
+    const support::descriptor other(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    sockaddr_storage address = {};
+    socklen_t size = sizeof(address);
+    ASSERT_EQ(getpeername(first.fd(), reinterpret_cast<sockaddr*>(&address), &size), 0);
+    rlimit before = {};
+    getrlimit(RLIMIT_NOFILE, &before);
+    rlimit none = {3, before.rlim_max}; // 0, 1 and 2 are taken
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
+    ASSERT_EQ(connect(other.get(), reinterpret_cast<sockaddr*>(&address), size), 0);
+    (void)cpu_while_idle();
+    ks_stop(one.handle());
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &before), 0);
+    support::restore_stdin();
+}
+
+pid_t worker_pid(const service& one, size_t index = 0) { return one.handle()->worker[index].id.pid; }
+
+void kill_and_await_death(pid_t pid, int signum) {
+    ASSERT_EQ(kill(pid, signum), 0);
+    siginfo_t info = {};
+    ASSERT_EQ(waitid(P_PID, (id_t)pid, &info, WEXITED | WNOWAIT), 0); // leaves the status to the producer
+}
+
+TEST(ProducerRestartTest, KilledConsumerIsReportedAndStartedAgain) {
+    captured_stderr said;
+    const service one(3, 1, echo);
+    std::string reply;
+    ASSERT_EQ(support::call(one.name(), "c", "", &reply), 0U);
+    const pid_t old = worker_pid(one);
+    kill_and_await_death(old, SIGKILL);
+    ASSERT_EQ(support::call(one.name(), "c", "", &reply), 0U);
+    EXPECT_EQ(reply, "c||none");
+    EXPECT_NE(worker_pid(one), old);
+    // The name is cut nowhere: it is short.
+    EXPECT_EQ(said.text(), std::string("[KService] [WARN] [") + one.name() + "] consumer-worker[0].pid=" +
+                               std::to_string(old) + " WIFSIGNALED=9, restart it.\n");
+}
+
+int leave(const char*, ks_io*, int) { _exit(7); }
+
+TEST(ProducerRestartTest, ExitedConsumerIsReportedWithItsStatus) {
+    captured_stderr said;
+    const service one(2, 2, leave);
+    pid_t old = 0;
+    {
+        const raw_caller caller(one.path());
+        const support::descriptor file = support::memory_file();
+        ASSERT_TRUE(caller.invited());
+        old = worker_pid(one);
+        ASSERT_TRUE(caller.send(make_record(8)) && caller.send_fds({file.get()}));
+        EXPECT_TRUE(caller.hung_up());
+    }
+    siginfo_t info = {};
+    ASSERT_EQ(waitid(P_PID, (id_t)old, &info, WEXITED | WNOWAIT), 0);
+    // The next dispatch goes to the other worker; the one after that comes round to this one.
+    for (int i = 0; i < 2; ++i) {
+        const raw_caller caller(one.path());
+        ASSERT_TRUE(caller.invited());
+    }
+    EXPECT_EQ(said.text(), std::string("[KService] [WARN] [") + one.name() + "] consumer-worker[0].pid=" +
+                               std::to_string(old) + " WIFEXITED=7, restart it.\n");
+}
+
+TEST(ProducerRestartTest, RestartedConsumerRunsTheInitCallbackAgain) {
+    const support::shared<std::atomic<int>> count;
+    captured_stderr said;
+    const service one(3, 1, echo, [&](ks_handle* handle) {
+        ks_worker_init(handle, [](void* argument) { ++*static_cast<std::atomic<int>*>(argument); }, &*count);
+    });
+    std::string reply;
+    for (int i = 1; i <= 5; ++i) {
+        ASSERT_EQ(support::call(one.name(), "c", "", &reply), 0U);
+        EXPECT_EQ(*count, i);
+        kill_and_await_death(worker_pid(one), SIGKILL);
+    }
+}
+
+TEST(ProducerRestartTest, RestartLeavesNoDescriptorsBehind) {
+    captured_stderr said;
+    const service one(3, 2, echo);
+    std::string reply;
+    ASSERT_EQ(support::call(one.name(), "c", "", &reply), 0U);
+    const auto before = support::open_descriptors().size();
+    for (int i = 0; i < 20; ++i) {
+        kill_and_await_death(worker_pid(one, (size_t)i % 2), SIGKILL);
+        ASSERT_EQ(support::call(one.name(), "c", "", &reply), 0U);
+        ASSERT_EQ(support::call(one.name(), "c", "", &reply), 0U);
+    }
+    EXPECT_TRUE(eventually([&] { return support::open_descriptors().size() == before; }));
+}
+
+// The dispatch that its own readiness causes restarts the dead consumer, and hands over and hangs up at once.
+TEST(ProducerRestartTest, WaitingCallerWhoseSpeechCausedTheHandOverIsShutDown) {
+    captured_stderr said;
+    gate here;
+    held = &here;
+    const service one(3, 1, hold);
+    const size_t sockets = support::open_sockets();
+    const auto before = support::open_descriptors().size();
+    {
+        held_request busy(one.path());
+        const auto waiting = accepted_caller(one.path(), sockets + 3); // the other caller's is with the consumer
+        kill_and_await_death(worker_pid(one), SIGKILL);
+        EXPECT_TRUE(busy.caller().hung_up());
+        ASSERT_TRUE(waiting->send_bytes("hello", 5));
+        EXPECT_TRUE(waiting->hung_up());
+    }
+    here.open();
+    std::string reply;
+    EXPECT_EQ(support::call(one.name(), "c", "", &reply), 0U);
+    EXPECT_TRUE(eventually([&] { return support::open_descriptors().size() == before; }));
+    EXPECT_THAT(said.text(), testing::HasSubstr(" WIFSIGNALED=9, restart it.\n"));
+}
+
+// A descriptor that somebody else opens between the early shut-down and the echo must not be the one that is closed.
+TEST(ProducerRestartTest, EarlyShutDownNeverClosesSomebodyElsesDescriptor) {
+    captured_stderr said;
+    gate here;
+    held = &here;
+    const service one(3, 1, hold);
+    const size_t sockets = support::open_sockets();
+    std::atomic<bool> done = false;
+    std::atomic<int> stolen = 0;
+    std::thread opener([&] {
+        while (!done) {
+            const int fd = open("/dev/null", O_RDONLY | O_CLOEXEC);
+            std::this_thread::sleep_for(std::chrono::microseconds(200));
+            stolen += close(fd) != 0;
+        }
+    });
+    for (int i = 0; i < 30; ++i) {
+        held_request busy(one.path());
+        const auto waiting = accepted_caller(one.path(), sockets + 3); // the other caller's is with the consumer
+        kill_and_await_death(worker_pid(one), SIGKILL);
+        ASSERT_TRUE(waiting->send_bytes("hello", 5));
+        EXPECT_TRUE(waiting->hung_up());
+    }
+    done = true;
+    opener.join();
+    EXPECT_EQ(stolen, 0);
+}
+
+// A program forks for reasons of its own and the child holds copies of all links. When it goes, the link that a restart
+// replaced hangs up for good; the producer must not take that for its present link.
+TEST(ProducerRestartTest, CopiesOfAReplacedLinkInOtherProcessesDoNoHarm) {
+    captured_stderr said;
+    const service one(3, 1, echo);
+    std::string reply;
+    ASSERT_EQ(support::call(one.name(), "c", "", &reply), 0U);
+    const int consumer_end = one.handle()->worker[0].sockfd[0];
+    const support::shared<std::atomic<int>> step;
+    const pid_t bystander = fork();
+    if (bystander == 0) {
+        while (*step == 0) {
+            usleep(1000);
+        }
+        close(consumer_end);
+        *step = 2;
+        for (;;) {
+            pause();
+        }
+    }
+    kill_and_await_death(worker_pid(one), SIGKILL);
+    ASSERT_EQ(support::call(one.name(), "c", "", &reply), 0U);
+    *step = 1;
+    ASSERT_TRUE(eventually([&] { return *step == 2; }));
+    for (int i = 0; i < 20 && !HasFailure(); ++i) {
+        EXPECT_EQ(support::call(one.name(), "c", "", &reply), 0U);
+    }
+    kill(bystander, SIGKILL);
+    waitpid(bystander, nullptr, 0);
+}
+
+} // namespace

@@ -1,0 +1,528 @@
+// Names, modes and the life of a service.
+#include "framework_support.h"
+#include "kservice.h"
+
+#include <atomic>
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <fcntl.h>
+#include <fstream>
+#include <string>
+#include <sys/prctl.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+namespace {
+
+using support::echo;
+using support::eventually;
+using support::service;
+
+const unsigned kModes[] = {2, 3, 4, 5};
+
+bool is_open(int fd) { return fcntl(fd, F_GETFD) != -1; }
+bool exists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
+
+struct created {
+    explicit created(const char* name, unsigned mode = 5) : handle(ks_create(name, mode, 1, echo)) {}
+    ~created() { ks_free(handle); }
+    created(const created&) = delete;
+    created& operator=(const created&) = delete;
+    ks_handle* handle;
+};
+
+TEST(ServiceNameTest, OrdinaryNameIsHashed) {
+    EXPECT_STREQ(created("abc").handle->sockfile, "/var/run/ks/A9993E36.sock");
+    EXPECT_STREQ(created("VexHubServer-vexprod").handle->sockfile, "/var/run/ks/5C7A9C5E.sock");
+}
+
+TEST(ServiceNameTest, HashedNameHasNoLeadingZeros) {
+    SHA1Context sha1;
+    for (int i = 0;; ++i) {
+        const std::string name = "service" + std::to_string(i);
+        SHA1Reset(&sha1);
+        SHA1Input(&sha1, reinterpret_cast<const unsigned char*>(name.data()), (unsigned)name.size());
+        ASSERT_EQ(SHA1Result(&sha1), 1);
+        if (sha1.digest[0] < 0x01000000U) {
+            const created one(name.c_str());
+            EXPECT_LT(strlen(one.handle->sockfile), strlen("/var/run/ks/A9993E36.sock") - 1);
+            EXPECT_NE(one.handle->sockfile[strlen("/var/run/ks/")], '0');
+            return;
+        }
+    }
+}
+
+TEST(ServiceNameTest, AbsoluteNameIsThePath) {
+    EXPECT_STREQ(created("@/tmp/x.sock").handle->sockfile, "/tmp/x.sock");
+}
+
+TEST(ServiceNameTest, SixtyFourCharactersAreTaken) {
+    const std::string name(64, 'n');
+    const created one(name.c_str());
+    EXPECT_EQ(std::string(one.handle->name), std::string(63, 'n')) << "of which 63 are kept";
+    const std::string path = "@/" + std::string(62, 'p');
+    const created two(path.c_str());
+    EXPECT_EQ(std::string(two.handle->sockfile), "/" + std::string(62, 'p'));
+    const created empty("");
+    EXPECT_STREQ(empty.handle->sockfile, "/var/run/ks/DA39A3EE.sock");
+}
+
+TEST(ServiceTest, HandleHoldsTheOptions) {
+    for (const unsigned mode : kModes) {
+        ks_handle* handle = ks_create("abc", mode, 7, echo);
+        EXPECT_EQ(memcmp(handle, "-VSk", 4), 0);
+        EXPECT_EQ(handle->paused, 0);
+        EXPECT_EQ(handle->stopping, 0);
+        EXPECT_STREQ(handle->name, "abc");
+        EXPECT_EQ(handle->mode, mode);
+        EXPECT_EQ(handle->service_size, 7U);
+        EXPECT_EQ(handle->exec, &echo);
+        EXPECT_EQ(handle->init, nullptr);
+        EXPECT_EQ(handle->fini, nullptr);
+        EXPECT_EQ(handle->worker, nullptr);
+        ks_free(handle);
+    }
+    support::restore_stdin();
+}
+
+TEST(ServiceTest, EveryModeServes) {
+    for (const unsigned mode : kModes) {
+        const service one(mode, 2, echo);
+        for (int i = 0; i < 5; ++i) {
+            std::string reply;
+            ASSERT_EQ(support::call(one.name(), "cmd", "text", &reply), 0U) << mode;
+            EXPECT_EQ(reply, "cmd|text|none") << mode;
+        }
+    }
+}
+
+TEST(ServiceTest, HashedNameIsPublishedForEverybody) {
+    umask(077);
+    {
+        const service one("abc", 5, 1, echo);
+        struct stat st = {};
+        ASSERT_EQ(stat("/var/run/ks/A9993E36.sock", &st), 0);
+        EXPECT_TRUE(S_ISSOCK(st.st_mode));
+        EXPECT_EQ(st.st_mode & 07777, 0777U);
+        std::string reply;
+        EXPECT_EQ(support::call("abc", "c", "", &reply), 0U);
+        EXPECT_EQ(reply, "c||none");
+    }
+    EXPECT_FALSE(exists("/var/run/ks/A9993E36.sock"));
+    umask(022);
+}
+
+TEST(ServiceTest, StartMakesOneMissingDirectoryLevel) {
+    const support::temp_dir dir;
+    umask(0);
+    {
+        const service one("@" + dir.file("new/s"), 5, 1, echo);
+        struct stat st = {};
+        ASSERT_EQ(stat(dir.file("new").c_str(), &st), 0);
+        EXPECT_EQ(st.st_mode & 07777, 0755U);
+        std::string reply;
+        EXPECT_EQ(support::call(one.name(), "c", "", &reply), 0U);
+    }
+    umask(022);
+}
+
+TEST(ServiceTest, StartReplacesAnOldSocket) {
+    const support::temp_dir dir;
+    const std::string name = "@" + dir.file("s");
+    EXPECT_EXIT(
+        {
+            ks_start(ks_create(name.c_str(), 5, 1, echo));
+            _exit(0); // leaves the socket behind
+        },
+        testing::ExitedWithCode(0), "");
+    ASSERT_TRUE(exists(dir.file("s")));
+    const service one(name, 5, 1, echo);
+    std::string reply;
+    EXPECT_EQ(support::call(one.name(), "c", "", &reply), 0U);
+}
+
+TEST(ServiceTest, TableDescribesTheWorkers) {
+    const service one(5, 3, echo);
+    const ks_handle* handle = one.handle();
+    for (size_t i = 0; i < 3; ++i) {
+        const ks_worker& worker = handle->worker[i];
+        EXPECT_EQ(worker.index, i);
+        EXPECT_EQ(worker.flags, 5U);
+        EXPECT_EQ(worker.exec, &echo);
+        EXPECT_EQ(worker.queue.type, 2U);
+        EXPECT_EQ(worker.queue.sockfd, worker.sockfd[1]);
+        EXPECT_GE(worker.sockfd[0], 3);
+        EXPECT_GE(worker.sockfd[1], 3);
+    }
+    const ks_worker& producer = handle->worker[3];
+    EXPECT_EQ(producer.flags, 4U);
+    EXPECT_EQ(producer.queue.type, 1U);
+    EXPECT_EQ(producer.queue.sockfd, producer.sockfd[1]);
+    EXPECT_EQ(producer.sockfd[0], 0) << "KEPT: never assigned";
+    EXPECT_EQ(producer.index, 3U);
+}
+
+TEST(ServiceTest, ProducerInTheCallersThreadIsMarkedAsAProcess) {
+    const service one(4, 1, echo);
+    std::string reply;
+    ASSERT_EQ(support::call(one.name(), "c", "", &reply), 0U); // the loop runs, and its entry is filled
+    EXPECT_EQ(one.handle()->worker[1].flags, 2U);
+    EXPECT_EQ(one.handle()->worker[1].id.pid, getpid());
+}
+
+TEST(ServiceTest, StopOfAnUnstartedServiceDoesNothing) {
+    ks_handle* handle = ks_create("abc", 5, 1, echo);
+    ASSERT_TRUE(is_open(0));
+    ks_stop(handle);
+    ks_stop(handle);
+    EXPECT_TRUE(is_open(0));
+    EXPECT_EQ(handle->stopping, 0);
+    ks_free(handle);
+    EXPECT_TRUE(is_open(0));
+}
+
+TEST(ServiceTest, StopWithdrawsTheServiceAndClosesDescriptorZero) {
+    for (const unsigned mode : kModes) {
+        ASSERT_TRUE(is_open(0));
+        const auto before = support::open_descriptors();
+        const size_t threads = support::thread_count();
+        {
+            const support::temp_dir dir;
+            const std::string name = "@" + dir.file("s");
+            ks_handle* handle = ks_create(name.c_str(), mode, 2, echo);
+            std::thread runner;
+            if ((mode & 1) != 0) {
+                ks_start(handle);
+            } else {
+                runner = std::thread([handle] { ks_start(handle); });
+                ASSERT_TRUE(eventually([&] {
+                    std::string reply;
+                    return support::call(name.c_str(), "c", "", &reply) == 0;
+                }));
+            }
+            ks_stop(handle);
+            if (runner.joinable()) {
+                runner.join();
+            }
+            EXPECT_EQ(handle->worker, nullptr);
+            EXPECT_EQ(handle->paused, 1);
+            EXPECT_EQ(handle->stopping, 1);
+            EXPECT_FALSE(exists(dir.file("s")));
+            EXPECT_FALSE(is_open(0)) << "KEPT";
+            support::restore_stdin();
+            ks_stop(handle);
+            EXPECT_TRUE(is_open(0)) << "a second stop does nothing";
+            ks_free(handle);
+        }
+        EXPECT_EQ(support::open_descriptors(), before) << mode;
+        EXPECT_TRUE(eventually([&] { return support::thread_count() == threads; })) << mode;
+    }
+}
+
+TEST(ServiceTest, ServesAgainAfterStopClosedDescriptorZero) {
+    for (const unsigned mode : {3U, 5U}) {
+        const support::temp_dir dir;
+        const std::string name = "@" + dir.file("s");
+        ks_handle* handle = ks_create(name.c_str(), mode, 1, echo);
+        for (int round = 0; round < 3; ++round) {
+            ks_start(handle);
+            EXPECT_EQ(handle->paused, 0);
+            for (size_t i = 0; i < 2; ++i) {
+                EXPECT_GE(handle->worker[i].sockfd[1], 3);
+            }
+            // The caller's own sockets take whatever number is free, 0 included.
+            std::string reply;
+            EXPECT_EQ(support::call(name.c_str(), "c", "t", &reply), 0U);
+            EXPECT_EQ(reply, "c|t|none");
+            ks_stop(handle);
+            EXPECT_FALSE(is_open(0));
+        }
+        ks_free(handle);
+        support::restore_stdin();
+    }
+}
+
+// With 0, 1 and 2 closed the kernel hands out those numbers first, to the accepted caller as well.
+TEST(ServiceTest, CallersAreServedWhenTheStandardStreamsAreClosed) {
+    for (const unsigned mode : {3U, 5U}) {
+        const support::temp_dir dir;
+        const std::string name = "@" + dir.file("s");
+        EXPECT_EXIT(
+            {
+                close(0);
+                close(1);
+                close(2);
+                ks_handle* handle = ks_create(name.c_str(), mode, 2, echo);
+                ks_start(handle);
+                const support::descriptor extra = support::memory_file("extra");
+                int failures = 0;
+                for (int i = 0; i < 20; ++i) {
+                    std::string reply;
+                    failures += support::call(name.c_str(), "c", "t", &reply, extra.get()) != 0 || reply != "c|t|extra";
+                }
+                for (size_t i = 0; i < 2; ++i) {
+                    failures += handle->worker[i].sockfd[0] < 3 || handle->worker[i].sockfd[1] < 3;
+                }
+                failures += handle->worker[2].pollfd < 3 || handle->worker[2].sockfd[1] < 3;
+                ks_stop(handle);
+                _exit(failures == 0 ? 0 : 1);
+            },
+            testing::ExitedWithCode(0), "")
+            << mode;
+    }
+}
+
+TEST(ServiceTest, PausedByThePauseAndNotByAnEarlierStop) {
+    const support::temp_dir dir;
+    const std::string name = "@" + dir.file("s");
+    ks_handle* handle = ks_create(name.c_str(), 5, 1, echo);
+    ks_pause(handle);
+    EXPECT_EQ(handle->paused, 1);
+    ks_start(handle);
+    std::string reply;
+    EXPECT_EQ(support::call(name.c_str(), "c", "", &reply), 3U) << "paused before the start";
+    ks_resume(handle);
+    EXPECT_EQ(handle->paused, 0);
+    EXPECT_EQ(support::call(name.c_str(), "c", "", &reply), 0U);
+    ks_free(handle);
+    support::restore_stdin();
+}
+
+TEST(ServiceTest, StartIgnoresBrokenPipes) {
+    (void)signal(SIGPIPE, SIG_DFL);
+    const service one(5, 1, echo);
+    struct sigaction action = {};
+    sigaction(SIGPIPE, nullptr, &action);
+    EXPECT_EQ(action.sa_handler, SIG_IGN);
+}
+
+struct marks {
+    std::atomic<int> init;
+    std::atomic<int> fini;
+};
+void count_init(void* argument) { ++static_cast<marks*>(argument)->init; }
+void count_fini(void* argument) { ++static_cast<marks*>(argument)->fini; }
+
+TEST(ServiceTest, EveryConsumerRunsTheCallbacksOnce) {
+    for (const unsigned mode : kModes) {
+        const support::shared<marks> seen;
+        {
+            const service one(mode, 3, echo, [&](ks_handle* handle) {
+                ks_worker_init(handle, count_init, &*seen);
+                ks_worker_fini(handle, count_fini, &*seen);
+                EXPECT_EQ(handle->init_argument, &*seen);
+                EXPECT_EQ(handle->fini_argument, &*seen);
+            });
+            EXPECT_TRUE(eventually([&] { return seen->init == 3; })) << mode;
+            EXPECT_EQ(seen->fini, 0) << mode;
+        }
+        EXPECT_EQ(seen->init, 3) << mode;
+        EXPECT_EQ(seen->fini, 3) << mode;
+    }
+}
+
+TEST(ServiceStopTest, SeveralStopsAtOnceThenFree) {
+    for (const unsigned mode : kModes) {
+        for (int round = 0; round < 20; ++round) {
+            const support::temp_dir dir;
+            const std::string name = "@" + dir.file("s");
+            ks_handle* handle = ks_create(name.c_str(), mode, 2, echo);
+            std::vector<std::thread> threads;
+            std::atomic<bool> started = false;
+            if ((mode & 1) != 0) {
+                ks_start(handle);
+            } else {
+                threads.emplace_back([&] {
+                    started = true;
+                    ks_start(handle);
+                });
+                ASSERT_TRUE(eventually([&] { return started && exists(dir.file("s")); }));
+            }
+            for (int i = 0; i < 4; ++i) {
+                threads.emplace_back([&] {
+                    ks_stop(handle);
+                    EXPECT_EQ(__atomic_load_n(&handle->worker, __ATOMIC_ACQUIRE), nullptr);
+                });
+            }
+            for (auto& thread : threads) {
+                thread.join();
+            }
+            ks_free(handle);
+            support::restore_stdin();
+        }
+    }
+}
+
+TEST(ServiceStopTest, FreeOfARunningServiceWaitsForTheOtherThreadsStart) {
+    for (const unsigned mode : {2U, 4U}) {
+        for (int round = 0; round < 20; ++round) {
+            const support::temp_dir dir;
+            const std::string name = "@" + dir.file("s");
+            ks_handle* handle = ks_create(name.c_str(), mode, 2, echo);
+            std::thread runner([&] { ks_start(handle); });
+            ASSERT_TRUE(eventually([&] { return exists(dir.file("s")); }));
+            ks_free(handle); // without waiting for the thread
+            runner.join();
+            support::restore_stdin();
+        }
+    }
+}
+
+TEST(ServiceStopTest, StopWaitsForTheRequestInHand) {
+    static support::gate* busy = nullptr;
+    support::gate here;
+    busy = &here;
+    service one(5, 1, [](const char*, ks_io* io, int) {
+        busy->pass();
+        support::answer(io, "late");
+        return 0;
+    });
+    std::thread caller([&] {
+        std::string reply;
+        EXPECT_EQ(support::call(one.name(), "c", "", &reply), 0U);
+        EXPECT_EQ(reply, "late");
+    });
+    ASSERT_TRUE(here.await());
+    std::atomic<bool> stopped = false;
+    std::thread stopper([&] {
+        ks_stop(one.handle());
+        stopped = true;
+    });
+    ASSERT_TRUE(eventually([&] { return !exists(one.path()); }));
+    EXPECT_FALSE(stopped);
+    here.open();
+    stopper.join();
+    caller.join();
+    support::restore_stdin();
+}
+
+TEST(ServiceStopTest, StopDoesNotWaitForASilentInvitedCaller) {
+    service one(5, 1, echo);
+    const support::raw_caller silent(one.path());
+    ASSERT_TRUE(silent.invited());
+    const auto begin = std::chrono::steady_clock::now();
+    one.stop();
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(15));
+    EXPECT_TRUE(silent.hung_up());
+}
+
+ks_handle* signalled = nullptr;
+void stop_it(int) { ks_stop(signalled); }
+
+// The usual way to end a foreground service, on the very thread that is inside ks_start(), at any moment of it.
+TEST(ServiceStopTest, StopFromASignalHandlerAtAnyMomentOfStart) {
+    for (const unsigned mode : {4U, 5U}) {
+        for (int round = 0; round < 150; ++round) {
+            const support::temp_dir dir;
+            const std::string name = "@" + dir.file("s");
+            signalled = ks_create(name.c_str(), mode, 2, echo);
+            struct sigaction action = {};
+            action.sa_handler = stop_it;
+            sigaction(SIGUSR1, &action, nullptr);
+            const pthread_t target = pthread_self();
+            std::atomic<bool> returned = false;
+            std::thread sender([target, round, &returned] {
+                const auto when = std::chrono::steady_clock::now() + std::chrono::microseconds(round * 4);
+                while (std::chrono::steady_clock::now() < when) {
+                }
+                do { // a signal that came before the start has stopped nothing
+                    pthread_kill(target, SIGUSR1);
+                    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+                } while (!returned);
+            });
+            ks_start(signalled);
+            returned = true;
+            sender.join();
+            ks_stop(signalled);
+            EXPECT_EQ(signalled->worker, nullptr);
+            EXPECT_FALSE(exists(dir.file("s"))) << "round " << round;
+            ks_free(signalled);
+            (void)signal(SIGUSR1, SIG_DFL);
+            support::restore_stdin();
+        }
+    }
+}
+
+pid_t only_worker(const ks_handle* handle) { return handle->worker[0].id.pid; }
+
+TEST(ServiceProcessTest, WorkersOutliveTheThreadThatStartedThem) {
+    const support::temp_dir dir;
+    const std::string name = "@" + dir.file("s");
+    ks_handle* handle = ks_create(name.c_str(), 3, 1, echo);
+    std::thread([handle] { ks_start(handle); }).join();
+    const pid_t worker = only_worker(handle);
+    for (int i = 0; i < 10; ++i) {
+        std::string reply;
+        EXPECT_EQ(support::call(name.c_str(), "c", "", &reply), 0U);
+    }
+    EXPECT_EQ(waitpid(worker, nullptr, WNOHANG), 0) << "it lives";
+    EXPECT_EQ(only_worker(handle), worker) << "and was not restarted";
+    ks_free(handle);
+    support::restore_stdin();
+}
+
+TEST(ServiceProcessTest, WorkersDieWithTheProcess) {
+    for (const unsigned mode : {2U, 3U}) {
+        ASSERT_EQ(prctl(PR_SET_CHILD_SUBREAPER, 1), 0); // the orphan becomes ours
+        const support::shared<std::atomic<pid_t>> worker;
+        const support::temp_dir dir;
+        const std::string name = "@" + dir.file("s");
+        const pid_t daemon = fork();
+        if (daemon == 0) {
+            service one(name, mode, 1, echo);
+            std::string reply;
+            (void)support::call(name.c_str(), "c", "", &reply);
+            *worker = only_worker(one.handle());
+            for (;;) {
+                pause();
+            }
+        }
+        ASSERT_TRUE(eventually([&] { return *worker != 0; }));
+        kill(daemon, SIGKILL);
+        ASSERT_EQ(waitpid(daemon, nullptr, 0), daemon);
+        int status = 0;
+        ASSERT_EQ(waitpid(*worker, &status, 0), *worker);
+        EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL);
+        prctl(PR_SET_CHILD_SUBREAPER, 0);
+    }
+}
+
+TEST(ServiceProcessTest, WorkersIgnoreTheTerminalsSignals) {
+    const service one(3, 1, echo);
+    std::string reply;
+    ASSERT_EQ(support::call(one.name(), "c", "", &reply), 0U);
+    const pid_t worker = only_worker(one.handle());
+    kill(worker, SIGINT);
+    kill(worker, SIGTERM);
+    ASSERT_EQ(support::call(one.name(), "c", "", &reply), 0U);
+    EXPECT_EQ(only_worker(one.handle()), worker);
+}
+
+// 0, 1 and 2 as they were, the link as 3, its own epoll, and the request's three: nothing of the parent's.
+TEST(ServiceProcessTest, WorkersInheritOnlyTheStandardStreamsAndTheLink) {
+    support::descriptor kept_open(fcntl(0, F_DUPFD, 200));
+    ASSERT_GE(kept_open.get(), 200);
+    const service one(3, 2, [](const char*, ks_io* io, int) {
+        std::string text;
+        for (const int fd : support::open_descriptors()) {
+            text += fd == io->sockfd || fd == io->memfd ? "" : std::to_string(fd) + " ";
+        }
+        struct stat st = {};
+        text += fstat(3, &st) == 0 && S_ISSOCK(st.st_mode) ? "link" : "no link";
+        support::answer(io, text);
+        return 0;
+    });
+    std::string reply;
+    ASSERT_EQ(support::call(one.name(), "c", "", &reply), 0U);
+    EXPECT_EQ(reply, "0 1 2 3 4 link");
+}
+
+} // namespace
