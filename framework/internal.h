@@ -111,6 +111,8 @@ struct service {
     phase state;
     uint64_t generation;     // counts starts, so that a waiting ks_stop() does not mistake the next run for its own
     pthread_t producer;      // the thread inside ks_start() while starting, the one that runs the loop while serving
+    pthread_t starter;       // the thread inside ks_start()
+    bool starter_ends;       // KS_STANDALONE: `starter` is still inside, and ends the run itself if it has been stopped
     bool listening;          // the producer's listening socket is open and may be shut down
     bool stop_requested;     // somebody has asked this run to stop
     bool join_claimed;       // KS_STANDALONE: `joiner` joins the producer's thread and frees the table

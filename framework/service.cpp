@@ -226,6 +226,7 @@ void start_standalone(service* self) {
         }
         // Stopped by a signal handler on this thread, which could not wait.
         join = self->stop_requested && !self->join_claimed;
+        self->starter_ends = false;
         if (join) {
             claim_join(self);
         }
@@ -378,6 +379,8 @@ void ks_start(ks_handle* handle) {
         __atomic_store_n(&handle->worker, table, __ATOMIC_RELEASE);
         self->state = service::phase::starting;
         self->producer = pthread_self();
+        self->starter = pthread_self();
+        self->starter_ends = (handle->mode & KS_STANDALONE) != 0;
         ++self->generation;
         ++self->users;
     }
@@ -435,6 +438,7 @@ void ks_stop(ks_handle* handle) {
             return;
         }
         own_thread = pthread_equal(self->producer, pthread_self()) != 0 ||
+                     (self->starter_ends && pthread_equal(self->starter, pthread_self()) != 0) ||
                      (self->join_claimed && pthread_equal(self->joiner, pthread_self()) != 0);
         generation = self->generation;
         while (!own_thread && self->state == service::phase::starting) {

@@ -3,6 +3,7 @@
 #include "framework_support.h"
 #include "kservice.h"
 
+#include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -473,18 +474,20 @@ TEST_F(AbortDeathTest, ThreadOrProcessCannotBeMade) {
     }
 }
 
+// The listening socket is registered first, so the calls must begin to fail between two: with the first of many workers.
 TEST_F(AbortDeathTest, LinkCannotBeWatched) {
     EXPECT_ABORT(
         {
-            ks_handle* handle = ks_create(name_.c_str(), 5, 200, echo);
+            ks_handle* handle = ks_create(name_.c_str(), 5, 500, echo);
             ks_worker_init(
                 handle,
-                [](void* argument) {
-                    auto* service = static_cast<ks_handle*>(argument);
-                    ks_worker* workers = __atomic_load_n(&service->worker, __ATOMIC_ACQUIRE);
-                    close(workers[service->service_size].pollfd); // the producer's epoll goes under its feet
+                [](void*) {
+                    static std::atomic<bool> done = false;
+                    if (!done.exchange(true)) {
+                        fail_system_call(SYS_epoll_ctl, ENOSPC, 1); // EPOLL_CTL_ADD
+                    }
                 },
-                handle);
+                nullptr);
             ks_start(handle);
         },
         "[ABORT] @ks_consumer_worker_init() producer-worker epoll add consumer-worker sockfd fail: "

@@ -387,7 +387,7 @@ TEST(ClientTest, CallsLeaveNoDescriptors) {
     const service one(5, 2, echo);
     std::string reply;
     ASSERT_EQ(support::call(one.name(), "c", "", &reply), 0U);
-    const auto before = support::open_descriptors().size();
+    const auto before = support::settled_descriptors();
     for (int i = 0; i < 50; ++i) {
         ASSERT_EQ(support::call(one.name(), "c", "t", &reply), 0U);
         ASSERT_EQ(support::call("nobody", "c", "t", &reply), 2U);

@@ -63,6 +63,8 @@ void restore_stdin();
 /// Numbers of this process's open descriptors, how many of them are sockets, and how many threads it has.
 std::vector<int> open_descriptors();
 size_t open_sockets();
+/// How many descriptors are open once nothing is under way any more: the same number in fifty looks running.
+size_t settled_descriptors();
 size_t thread_count();
 /// CPU time that the whole process has used, in milliseconds.
 int64_t cpu_ms();
@@ -169,7 +171,7 @@ class gate {
     shared<semaphores> both_;
 };
 
-/// From here on system call `number` fails with `error` in this thread and its children. With `argument` >= 0 only
+/// From here on system call `number` fails with `error` in all threads. With `argument` >= 0 only
 /// calls whose second argument equals it. Not to be undone: for death tests.
 void fail_system_call(long number, int error, long argument = -1);
 
