@@ -42,6 +42,11 @@ if(VEXPROD_COVERAGE)
     # Atomic counters: the code under test runs in many threads.
     add_compile_options(--coverage -fprofile-update=atomic)
     add_link_options(--coverage)
+    add_library(vexprod_coverage_exit STATIC "${CMAKE_CURRENT_LIST_DIR}/coverage_exit.c")
+    set_target_properties(vexprod_coverage_exit PROPERTIES POSITION_INDEPENDENT_CODE ON)
+    # --undefined: taken from the archive at once, also for callers in libraries that come after it.
+    add_link_options("LINKER:--wrap=_exit,--wrap=abort,--wrap=raise,--undefined=__wrap__exit")
+    link_libraries(vexprod_coverage_exit)
 endif()
 
 # vexprod_add_library(NAME SOURCES a.cpp ... [DEPS targets ...])

@@ -92,6 +92,7 @@ std::vector<tool_call> host_tool::calls() const {
     }
     std::sort(folders.begin(), folders.end()); // the names are numbers of equal width
     std::vector<tool_call> calls;
+    calls.reserve(folders.size());
     for (const auto& folder : folders) {
         calls.push_back(read_call(folder));
     }
