@@ -121,8 +121,8 @@ void restart_consumer(producer* p, ks_worker* worker, int status) {
     worker->idle = 1;
     worker->pollfd = -1;
     forget(p, &worker->queue);
-    // Other processes may hold copies of the link (a child forked by the program meanwhile): closing it would not take it
-    // out of the epoll, and its end would then be taken for that of the new link.
+    // Other processes may hold copies of the link (a child forked by the program meanwhile): closing it would not take
+    // it out of the epoll, and its end would then be taken for that of the new link.
     (void)epoll_ctl(p->own->pollfd, EPOLL_CTL_DEL, worker->sockfd[1], nullptr);
     close_and_clear(&worker->sockfd[0]);
     close_and_clear(&worker->sockfd[1]);

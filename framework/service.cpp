@@ -7,14 +7,15 @@
 //   ks_stop()    withdraws the socket, sets `stopping`, wakes the producer by shutting the listening socket down, and
 //                waits. It closes nothing itself: closing an epoll descriptor would not wake its waiter, and the number
 //                could be somebody else's a moment later.
-//   the thread that ran the producer loop then ends the run (end_run): it tells each consumer to stop, waits for it, and
+//   the thread that ran the producer loop then ends the run (end_run): it tells each consumer to stop, waits for it,
+//   and
 //                closes every descriptor. Nobody else touches the table any more, so nothing is read after it is freed,
 //                closed twice or waited for twice, however many threads call ks_stop().
 //   the table    is freed by ks_start() as it returns, or by ks_stop() after joining the producer with KS_STANDALONE.
 //
 // ks_stop() may come while ks_start() is still setting up: it waits until the service is up, then stops it. It may also
-// come from a signal handler on a thread that is inside ks_start() or ks_stop() itself: it then only leaves its mark and
-// returns, and what it interrupted ends the run.
+// come from a signal handler on a thread that is inside ks_start() or ks_stop() itself: it then only leaves its mark
+// and returns, and what it interrupted ends the run.
 #include "internal.h"
 
 #include <cerrno>
@@ -38,7 +39,7 @@ namespace {
 
 // Holds a service's lock with all signals blocked, so that a handler on this thread never finds it taken.
 class locked {
-  public:
+public:
     explicit locked(service* self) : self_(self) {
         sigset_t all;
         sigfillset(&all);
@@ -55,12 +56,14 @@ class locked {
     void wait() { pthread_cond_wait(&self_->changed, &self_->lock); }
     void wake_all() { pthread_cond_broadcast(&self_->changed); }
 
-  private:
+private:
     service* self_;
     sigset_t before_;
 };
 
-void set_byte(uint8_t* byte, uint8_t value) { __atomic_store_n(byte, value, __ATOMIC_RELEASE); }
+void set_byte(uint8_t* byte, uint8_t value) {
+    __atomic_store_n(byte, value, __ATOMIC_RELEASE);
+}
 
 // Thread start routines must be plain functions of one pointer.
 void* consumer_thread(void* argument) {
@@ -215,7 +218,8 @@ void start_standalone(service* self) {
         if (!threads) {
             start_all_consumers(self); // where no thread can be made, no process can: report that one first
         }
-        abort_with("ks_start", "pthread_create(&producer_worker->id.tid, &attr, ks_producer_worker, (void*) handle) == 0",
+        abort_with("ks_start",
+                   "pthread_create(&producer_worker->id.tid, &attr, ks_producer_worker, (void*) handle) == 0",
                    "producer-worker create thread fail");
     }
     bool join = false;

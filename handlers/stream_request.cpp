@@ -16,8 +16,7 @@ bool parse_stream_request(handler_call& call, const ks_io* io, Json::Value* ret_
         }
         error = "not an object";
     }
-    dbg_printf2("[%s][%d] parse strInputArg failed, error=[%s]", call.function(), where.line,
-                error.c_str());
+    dbg_printf2("[%s][%d] parse strInputArg failed, error=[%s]", call.function(), where.line, error.c_str());
     call.reject("input error");
     return false;
 }

@@ -10,7 +10,6 @@
 
 #include <json/value.h>
 
-
 /// Reads the request of `io`.
 /// @param ret_request  Receives the object; untouched on failure.
 /// @return False with "input error" in the reply of `call` when the text is not JSON or is no object.
