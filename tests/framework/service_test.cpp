@@ -488,6 +488,44 @@ TEST(ServiceStopTest, StopFromASignalHandlerAtAnyMomentOfStart) {
     }
 }
 
+// A signal to the process goes to whatever thread the kernel chooses: a producer that still forks its workers, a
+// consumer.
+TEST(ServiceStopTest, StopFromASignalToTheProcessWhicheverThreadTakesIt) {
+    struct sigaction action = {};
+    action.sa_handler = stop_it;
+    sigaction(SIGUSR1, &action, nullptr);
+    for (const unsigned mode : {2U, 3U, 4U, 5U}) {
+        for (int round = 0; round < 30; ++round) {
+            const support::temp_dir dir;
+            const std::string name = "@" + dir.file("s");
+            signalled = ks_create(name.c_str(), mode, 16, echo);
+            std::atomic<bool> over = false;
+            std::thread sender([round, &over] {
+                sigset_t own;
+                sigemptyset(&own);
+                sigaddset(&own, SIGUSR1);
+                pthread_sigmask(SIG_BLOCK, &own, nullptr);
+                std::this_thread::sleep_for(std::chrono::microseconds(round * 100));
+                do { // seldom enough for a fork, which a signal makes begin anew
+                    kill(getpid(), SIGUSR1);
+                    std::this_thread::sleep_for(std::chrono::milliseconds(30));
+                } while (!over);
+            });
+            inside_start = 1;
+            ks_start(signalled);
+            ks_stop(signalled);
+            inside_start = 0;
+            over = true;
+            sender.join();
+            EXPECT_EQ(signalled->worker, nullptr) << "mode " << mode << ", round " << round;
+            EXPECT_FALSE(exists(dir.file("s"))) << "mode " << mode << ", round " << round;
+            ks_free(signalled);
+            support::restore_stdin();
+        }
+    }
+    (void)signal(SIGUSR1, SIG_DFL);
+}
+
 pid_t only_worker(const ks_handle* handle) {
     return handle->worker[0].id.pid;
 }
