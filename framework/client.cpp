@@ -40,8 +40,8 @@ void send_request(const ks_io* io) {
     request.flags = extra ? KS_DIRECTIVE_HAS_FD : 0;
     memcpy(request.data, io->command, strnlen(io->command, sizeof(io->command) - 1));
     const bool sent = ks::send_directive(io->sockfd, request) &&
-                      (io->memfd < 0 || ks::send_descriptor(io->sockfd, io->memfd)) &&
-                      (!extra || ks::send_descriptor(io->sockfd, io->passfd));
+                      (io->memfd < 0 || ks::send_descriptor(io->sockfd, io->memfd, MSG_DONTWAIT)) &&
+                      (!extra || ks::send_descriptor(io->sockfd, io->passfd, MSG_DONTWAIT));
     if (!sent) {
         (void)shutdown(io->sockfd, SHUT_RDWR);
     }

@@ -21,7 +21,6 @@ void reply_cloud_tool(handler_call& call, const char* path, std::vector<std::str
         call.reply()["cli_ret"] = 0;
     }
     if (run.output.remove() != 0) {
-        dbg_printf2("[%s][%d] remove tmpfile:[%s] fail.", call.function(), static_cast<int>(where.line()),
-                    run.output.path());
+        dbg_printf2("[%s][%d] remove tmpfile:[%s] fail.", call.function(), where.line, run.output.path());
     }
 }

@@ -390,7 +390,7 @@ TEST_F(QueueListenerTest, SendingToAFullQueueGives102WithoutBlocking) {
 
 TEST_F(QueueListenerTest, ARecordThatCannotBeSentGives102) {
     T_MSGQ_service listener(kKey, keep, kBody);
-    const host_record record = record_of(0, "a type of 0 is not allowed");
+    const host_record record = record_of(0, "type 0 is wrong");
     EXPECT_EQ(T_MSGQ_service::send_msg(kKey, record.data(), record.body_size()), 102);
     listener.remove_msgq();
 }

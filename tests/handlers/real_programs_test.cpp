@@ -137,8 +137,8 @@ private:
         for (std::string line; !(line = receive_line(fd)).empty();) {
             if (line.rfind("EHLO", 0) == 0) {
                 send_text(fd, "250-sink\r\n250 AUTH LOGIN\r\n");
-            } else if (line.rfind("AUTH LOGIN ", 0) == 0) {
-                sign_in(fd, line.substr(11));
+            } else if (line == "AUTH LOGIN") {
+                sign_in(fd);
             } else if (line == "DATA") {
                 take_mail(fd);
             } else if (line == "QUIT") {
@@ -150,12 +150,16 @@ private:
             }
         }
     }
-    void sign_in(int fd, const std::string& encoded_user) {
+    void sign_in(int fd) {
+        send_text(fd, "334 VXNlcm5hbWU6\r\n");
+        const std::string encoded_user = receive_line(fd);
         send_text(fd, "334 UGFzc3dvcmQ6\r\n");
         (void)receive_line(fd); // any password
+        {
+            const std::lock_guard lock(mutex_);
+            base64_decode(encoded_user, user_);
+        }
         send_text(fd, "235 welcome\r\n");
-        const std::lock_guard lock(mutex_);
-        base64_decode(encoded_user, user_);
     }
     void note_recipient(const std::string& line) {
         if (line.rfind("RCPT TO:", 0) == 0) {
@@ -169,9 +173,11 @@ private:
         for (std::string line; (line = receive_line(fd)) != ".";) {
             mail += line + '\n';
         }
-        send_text(fd, "250 taken\r\n");
-        const std::lock_guard lock(mutex_);
-        mails_.push_back(mail);
+        {
+            const std::lock_guard lock(mutex_);
+            mails_.push_back(mail);
+        }
+        send_text(fd, "250 taken\r\n"); // once it is kept: the client may be gone right after
     }
 
     mutable std::mutex mutex_;

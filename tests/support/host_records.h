@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
+#include <stdexcept>
 #include <string_view>
 #include <sys/msg.h>
 #include <thread>
@@ -41,6 +42,9 @@ public:
 
 private:
     host_record& put(std::size_t offset, const void* data, std::size_t size) {
+        if (size > bytes_.size() || offset > bytes_.size() - size) {
+            throw std::out_of_range("no such place in the record");
+        }
         std::memcpy(bytes_.data() + offset, data, size);
         return *this;
     }

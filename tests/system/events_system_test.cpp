@@ -88,6 +88,38 @@ TEST_F(EventsSystemTest, EachKindOfRecordReachesTheNotificationService) {
     EXPECT_EQ(count_of(read_file(kDaemonLog), "fail"), 0U) << read_file(kDaemonLog);
 }
 
+TEST_F(EventsSystemTest, TheHostsProgramForPostingIsUnderstood) {
+    daemon_process daemon;
+    ASSERT_TRUE(daemon.serves());
+    const notify_listener listener;
+    const char* command_lines[] = {
+        POST_EVENT
+        " log --time 5 --level -2 --user alice --source-ip 192.0.2.7 --source-name desk --content 'door open'",
+        POST_EVENT
+        " conn --time 5 --level 1 --user bob --source-ip ::1 --source-name gate --content login --serv 3 --action 4",
+        POST_EVENT " notify --type 7 --action -8 --flag 1 --extra 'volume 1'",
+        POST_EVENT " log --time 6 --count 30 --wait",
+    };
+    size_t expected = 0;
+    for (const char* line : command_lines) {
+        ASSERT_EQ(std::system(line), 0) << line;
+        expected += expected < 3 ? 1 : 30;
+        ASSERT_EQ(notify_listener::wait_for(expected).size(), expected) << line;
+    }
+    const auto requests = notify_listener::wait_for(expected);
+    EXPECT_EQ(requests[0].second,
+              R"({"content":"door open","level":-2,"method":"notify","nas_ip":"---","nas_name":"---",)"
+              R"("source_ip":"192.0.2.7","source_name":"desk","time":"5000","user":"alice"})"
+              "\n");
+    EXPECT_EQ(requests[1].second, R"({"action":4,"content":"login","level":1,"nas_ip":"---","nas_name":"---","serv":3,)"
+                                  R"("source_ip":"::1","source_name":"gate","time":"5001","user":"bob"})"
+                                  "\n");
+    EXPECT_THAT(requests[2].second, testing::StartsWith(R"({"evbus_action":-8,"evbus_extra_info":"volume 1",)"));
+    EXPECT_THAT(requests.back().second, HasSubstr(R"("time":"6029")"));
+    stops_within(&daemon, seconds(5));
+    EXPECT_NE(std::system(POST_EVENT " log 2>/dev/null"), 0) << "without the queue";
+}
+
 // What producer `who` posts as its record `number`: a bit of everything.
 host_record stress_record(int who, int number) {
     const std::string content =
