@@ -43,7 +43,8 @@ void hang_up(int fd) {
     close(fd);
 }
 
-// Waits until the caller has said something. False = it has gone, has been silent for too long, or the producer wants us.
+// Waits until the caller has said something. False = it has gone, has been silent for too long, or the producer wants
+// us.
 bool wait_for_caller(const caller& who) {
     for (;;) {
         pollfd watched[2] = {{who.fd, POLLIN | POLLRDHUP, 0}, {who.link, POLLIN | POLLRDHUP, 0}};
@@ -110,8 +111,8 @@ void adopt_environment(pid_t pid) {
     (void)fclose(file);
 }
 
-// Runs the callback on a request that has arrived whole. Takes over the caller's connection and both descriptors; false =
-// the file cannot be mapped, and all of them are closed.
+// Runs the callback on a request that has arrived whole. Takes over the caller's connection and both descriptors; false
+// = the file cannot be mapped, and all of them are closed.
 bool execute(const ks_worker* worker, const directive& request, int connection, int memfd, int extra_fd) {
     ks_io* io = ks_io_create();
     io->memfd = memfd;
@@ -142,7 +143,8 @@ bool execute(const ks_worker* worker, const directive& request, int connection, 
     return true;
 }
 
-// Hears one request of a caller that has been invited, and runs it. False = nothing was run, and `who.fd` is still open.
+// Hears one request of a caller that has been invited, and runs it. False = nothing was run, and `who.fd` is still
+// open.
 bool hear_request(const ks_worker* worker, const caller& who) {
     directive request = {};
     if (!wait_for_caller(who) || !receive_directive(who.fd, &request) || request.type != KS_DIRECTIVE_REQUEST) {

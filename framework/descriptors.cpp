@@ -1,9 +1,9 @@
 // Descriptors and what is said over sockets: the fixed 259-byte directive, and one descriptor per message.
 //
 // Receiving descriptors (unix(7), SCM_RIGHTS) has three classic mistakes, all met here: a control buffer of
-// CMSG_SPACE(one int) has room for a second descriptor on 64-bit machines, because of its alignment, so every descriptor
-// that arrives is looked at and only the first is kept; received descriptors are close-on-exec from the start
-// (MSG_CMSG_CLOEXEC); and a control message of another kind is not mistaken for one.
+// CMSG_SPACE(one int) has room for a second descriptor on 64-bit machines, because of its alignment, so every
+// descriptor that arrives is looked at and only the first is kept; received descriptors are close-on-exec from the
+// start (MSG_CMSG_CLOEXEC); and a control message of another kind is not mistaken for one.
 #include "internal.h"
 
 #include <cerrno>
@@ -69,7 +69,7 @@ bool receive_directive(int sockfd, directive* ret_message) {
     return got == (ssize_t)sizeof(*ret_message);
 }
 
-bool send_descriptor(int sockfd, int fd) {
+bool send_descriptor(int sockfd, int fd, int flags) {
     char byte = 0;
     iovec data = {&byte, sizeof(byte)};
     alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
@@ -87,7 +87,7 @@ bool send_descriptor(int sockfd, int fd) {
     }
     ssize_t sent = 0;
     do {
-        sent = sendmsg(sockfd, &message, MSG_NOSIGNAL);
+        sent = sendmsg(sockfd, &message, flags | MSG_NOSIGNAL);
     } while (sent < 0 && errno == EINTR);
     return sent == 1;
 }

@@ -12,8 +12,8 @@
 
 #include <ctime>
 
-// Aborts with the fixed line unless `condition` holds. `text` is the condition as the line shows it, given as a literal:
-// a stringised condition would change with the formatter, and some of the texts are not what compiles here.
+// Aborts with the fixed line unless `condition` holds. `text` is the condition as the line shows it, given as a
+// literal: a stringised condition would change with the formatter, and some of the texts are not what compiles here.
 #define KS_REQUIRE(condition, text, ...)                                                                               \
     do {                                                                                                               \
         if (__builtin_expect(!(condition), 0)) {                                                                       \
@@ -37,7 +37,9 @@ namespace ks {
 [[noreturn, gnu::cold, gnu::format(printf, 3, 4)]] void abort_with(const char* function, const char* text,
                                                                    const char* fmt, ...);
 
-inline bool is_io(const ks_io* io) { return io != nullptr && io->magic == KS_IO_MAGIC; }
+inline bool is_io(const ks_io* io) {
+    return io != nullptr && io->magic == KS_IO_MAGIC;
+}
 
 // ---- descriptors.cpp
 
@@ -55,7 +57,8 @@ bool receive_directive(int sockfd, directive* ret_message);
 directive make_directive(uint8_t type);
 
 // Sends one data byte with the descriptor `fd` (borrowed; -1 sends the byte alone). True unless sendmsg(2) failed.
-bool send_descriptor(int sockfd, int fd);
+// @param flags  MSG_DONTWAIT or 0.
+bool send_descriptor(int sockfd, int fd, int flags);
 
 // How receive_descriptor() ended.
 enum class received {
@@ -84,9 +87,9 @@ bool io_try_sync(ks_io* io);
 // Closes and clears everything that `io` owns, as a failed call leaves it: memfd, sockfd, passfd -1, nothing mapped.
 void io_reset(ks_io* io);
 
-// Whether a received descriptor can serve as a memory file: a regular file, open for reading and writing, and not sealed
-// against what the framework has to do with it. Where the file can still be sealed, seals it against further seals, so
-// that the answer stays true.
+// Whether a received descriptor can serve as a memory file: a regular file, open for reading and writing, and not
+// sealed against what the framework has to do with it. Where the file can still be sealed, seals it against further
+// seals, so that the answer stays true.
 bool is_memory_file(int fd);
 
 // ---- service.cpp
@@ -108,25 +111,34 @@ struct service {
     pthread_cond_t changed;
     phase state;
     uint64_t generation;     // counts starts, so that a waiting ks_stop() does not mistake the next run for its own
-    pthread_t producer;      // the thread inside ks_start() while starting, the one that runs the loop while serving
-    pthread_t starter;       // the thread inside ks_start()
-    bool starter_ends;       // KS_STANDALONE: `starter` is still inside, and ends the run itself if it has been stopped
     bool listening;          // the producer's listening socket is open and may be shut down
     bool stop_requested;     // somebody has asked this run to stop
-    bool join_claimed;       // KS_STANDALONE: `joiner` joins the producer's thread and frees the table
-    pthread_t joiner;        // a signal handler on it must not wait for that
+    bool published;          // the socket's file is there and ours to remove
+    bool join_claimed;       // KS_STANDALONE: somebody joins the producer's thread and frees the table
     unsigned users;          // threads inside ks_start() and ks_stop(); ks_free() waits for them
     uint8_t pause_requested; // what ks_pause() and ks_resume() last said; ks_stop() overwrites `paused` only
 
     // The producer's alone. Descriptor of the caller that each consumer has been handed and has not echoed yet, or -1.
     int32_t* in_transit;
+
+    // What each consumer thread is started with.
+    struct consumer_start {
+        service* self;
+        ks_worker* worker;
+    } * starts;
 };
 
-inline service* service_of(ks_handle* handle) { return reinterpret_cast<service*>(handle); }
+inline service* service_of(ks_handle* handle) {
+    return reinterpret_cast<service*>(handle);
+}
 
-inline bool is_handle(const ks_handle* handle) { return handle != nullptr && handle->magic == KS_HANDLE_MAGIC; }
+inline bool is_handle(const ks_handle* handle) {
+    return handle != nullptr && handle->magic == KS_HANDLE_MAGIC;
+}
 
-inline bool is_stopping(const ks_handle* handle) { return __atomic_load_n(&handle->stopping, __ATOMIC_ACQUIRE) != 0; }
+inline bool is_stopping(const ks_handle* handle) {
+    return __atomic_load_n(&handle->stopping, __ATOMIC_ACQUIRE) != 0;
+}
 
 // Makes consumer `index`'s link and starts its thread or process (which does not return from here).
 void start_consumer(service* self, size_t index);

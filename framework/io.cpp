@@ -3,8 +3,8 @@
 //
 // On the service's side the file came from a stranger, who keeps a descriptor of it. is_memory_file() admits only files
 // on which our steps can work, but the stranger can still grow the file beyond what can be mapped, or pass one whose
-// file system refuses later. Our own program did nothing wrong then, so nothing aborts: the object lets the file go, ends
-// the connection and carries on with a private file that nobody reads.
+// file system refuses later. Our own program did nothing wrong then, so nothing aborts: the object lets the file go,
+// ends the connection and carries on with a private file that nobody reads.
 #include "internal.h"
 
 #include <cerrno>
@@ -43,8 +43,10 @@ bool map(ks_io* io, size_t size) {
     return true;
 }
 
-// Whether somebody else has a hand on the memory file: as long as there is a connection, that is.
-bool is_shared(const ks_io* io) { return io->sockfd >= 0 || io->cred.pid != 0; }
+// Whether somebody else has, or had, a hand on the memory file: a request has been made with it.
+bool is_shared(const ks_io* io) {
+    return io->sockfd >= 0 || io->cred.pid != 0 || io->command[0] != '\0';
+}
 
 // Parts with a file that the other side has made unusable.
 void let_go(ks_io* io) {
@@ -85,12 +87,18 @@ bool io_try_sync(ks_io* io) {
     if (fstat(io->memfd, &st) != 0) {
         st.st_size = 0;
     }
+    if (io->shared_data != nullptr && st.st_size > 0 && io->shared_size == (size_t)st.st_size) {
+        return true; // the mapping is shared, so it shows the file as it is now
+    }
     unmap(io);
     return st.st_size <= 0 || map(io, (size_t)st.st_size);
 }
 
 void io_reset(ks_io* io) {
     unmap(io);
+    if (io->sockfd >= 0) {
+        (void)shutdown(io->sockfd, SHUT_RDWR); // a child may hold a copy; the other side shall see the end nevertheless
+    }
     close_and_clear(&io->memfd);
     close_and_clear(&io->sockfd);
     io->passfd = -1;
@@ -270,5 +278,5 @@ FILE* ks_io_freopen(ks_io* io, const char* mode, FILE* stream) {
 }
 
 int ks_json_write_io(const void* data, size_t len, ks_io* io) {
-    return (int)ks_io_write(io, data, len) - (int)len;
+    return (int)((unsigned)ks_io_write(io, data, len) - (unsigned)len);
 }

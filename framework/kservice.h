@@ -30,13 +30,12 @@
 #ifndef KSERVICE_H
 #define KSERVICE_H
 
+#include <pthread.h>
 #include <stdarg.h>
 #include <stddef.h>
 #include <stdint.h>
 #include <stdio.h>
 #include <sys/types.h>
-
-#include <pthread.h>
 
 #ifdef __cplusplus
 extern "C" {
@@ -138,7 +137,8 @@ typedef struct ks_io {
 } ks_io;
 
 /** What a consumer worker runs for each request. It owns `io` and ends with ks_io_free(); `fd` is the caller's extra
- *  descriptor (owned by the callback) or -1. The return value is ignored. Must not call ks_stop() on its own service. */
+ *  descriptor (owned by the callback) or -1. The return value is ignored. Must not call ks_stop() on its own service.
+ */
 typedef int (*ks_exec)(const char* command, ks_io* io, int fd);
 
 /** Runs in each consumer worker at its start or end. */
@@ -223,13 +223,15 @@ KS_API void ks_io_realloc(ks_io* io, size_t size);
 /** Maps the whole file as it is now, with the offset at its end. Without a memory file does nothing. Not checked. */
 KS_API void ks_io_sync(ks_io* io);
 /** Syncs. @param size Receives the bytes mapped; may be NULL.
- *  @return The mapping, which is not NUL-terminated, or NULL when the file is empty or absent. It stays owned by `io` and
- *  is valid until the next operation that maps. The other side can truncate the file, and access then raises SIGBUS: to
- *  read what a stranger sent, pread(2) from memfd instead. Checked. */
+ *  @return The mapping, which is not NUL-terminated, or NULL when the file is empty or absent. It stays owned by `io`
+ * and is valid until the next operation that maps. The other side can truncate the file, and access then raises SIGBUS:
+ * to read what a stranger sent, pread(2) from memfd instead. Checked. */
 KS_API void* ks_io_read(ks_io* io, size_t* size);
-/** write(2) at the file's offset; does not remap. @return As write(2). Checked (KEPT: with the wording of read), lazy. */
+/** write(2) at the file's offset; does not remap. @return As write(2). Checked (KEPT: with the wording of read), lazy.
+ */
 KS_API ssize_t ks_io_write(ks_io* io, const void* buf, size_t len);
-/** splice(2) of up to `len` bytes from the pipe `fdin`, moving, without blocking. @return As splice(2). Checked, lazy. */
+/** splice(2) of up to `len` bytes from the pipe `fdin`, moving, without blocking. @return As splice(2). Checked, lazy.
+ */
 KS_API ssize_t ks_io_splice(ks_io* io, int fdin, size_t len);
 /** Formatted write at the file's offset. @return As vdprintf(3). Checked, lazy. */
 KS_API int ks_io_printf(ks_io* io, const char* fmt, ...) KS_PRINTF(2, 3);
@@ -255,7 +257,8 @@ KS_API int ks_io_dup3(ks_io* io, int newfd, int flags);
 KS_API FILE* ks_io_fopen(ks_io* io, const char* mode);
 /** Points `stream` at the memory file. @return As freopen(3). Lazy, not checked. */
 KS_API FILE* ks_io_freopen(ks_io* io, const char* mode, FILE* stream);
-/** Writer callback of JSON output. @return 0 when all `len` bytes were written, negative otherwise. As ks_io_write(). */
+/** Writer callback of JSON output. @return 0 when all `len` bytes were written, negative otherwise. As ks_io_write().
+ */
 KS_API int ks_json_write_io(const void* data, size_t len, ks_io* io);
 
 /* ---- Service ------------------------------------------------------------------------------------------------ */
@@ -280,10 +283,10 @@ KS_API void ks_start(ks_handle* handle);
 KS_API void ks_pause(ks_handle* handle);
 /** Takes callers again. Any thread. */
 KS_API void ks_resume(ks_handle* handle);
-/** Withdraws the socket, ends the workers after their current request and waits for them. Does nothing on a service that
- *  is not started. Any thread but the service's own workers; also while ks_start() is still under way, and more than
- *  once. Does not touch the handle after ks_start() may have returned because of it.
- *  KEPT: also closes descriptor 0, as the producer's table entry never had a first socket. */
+/** Withdraws the socket, ends the workers after their current request and waits for them. Does nothing on a service
+ * that is not started. Any thread but the service's own workers; also while ks_start() is still under way, and more
+ * than once. Does not touch the handle after ks_start() may have returned because of it. KEPT: also closes descriptor
+ * 0, as the producer's table entry never had a first socket. */
 KS_API void ks_stop(ks_handle* handle);
 /** ks_stop(), then frees the handle. No other thread may use the handle any more; a ks_start() that still serves in
  *  another thread has returned, or is past its last use of the handle, before it is freed. */
@@ -312,8 +315,8 @@ KS_API void ks_epoll_cancel(ks_epoll* epoll, ks_io* io);
 /** Frees the set; the requests in it stay their owners'. Checked. */
 KS_API void ks_epoll_free(ks_epoll* epoll);
 /** Sends one request and waits for its reply.
- *  @param timeout_s  Seconds; values below 5 wait 5. KEPT: the budget shrinks faster than the clock when the request has
- *                    to wait for a worker first.
+ *  @param timeout_s  Seconds; values below 5 wait 5. Connecting counts. KEPT: the budget shrinks faster than the clock
+ * when the request has to wait for a worker first.
  *  @param passfd     Borrowed descriptor to hand to the service, or -1.
  *  @return KS_OK and the reply in `io` (read it with ks_io_read()), else a result code and `io` emptied.
  *  Any thread may call; two threads never share one `io`. */
@@ -325,7 +328,8 @@ KS_API unsigned ks_call(const char* name, const char* command, ks_io* io, unsign
  *  @return As ks_call(). Aborts when `data` is NULL with a size, or *recv is not NULL. */
 KS_API unsigned ks_ez_call(const char* name, const char* command, const void* data, size_t dsize, void** recv,
                            size_t* rsize, unsigned timeout_s, int passfd);
-/** Service side: tells the caller that its reply is complete and ends the conversation. ks_io_free() closes. Checked. */
+/** Service side: tells the caller that its reply is complete and ends the conversation. ks_io_free() closes. Checked.
+ */
 KS_API void ks_reply(ks_io* io);
 
 /* ---- Signals and crash reports ------------------------------------------------------------------------------ */

@@ -1,5 +1,5 @@
-// The producer worker: accepts callers, keeps those that no consumer can take yet, hands each to an idle consumer, turns
-// callers away when the service is paused or its list is full, and restarts consumer processes that have died.
+// The producer worker: accepts callers, keeps those that no consumer can take yet, hands each to an idle consumer,
+// turns callers away when the service is paused or its list is full, and restarts consumer processes that have died.
 //
 // One thread; it alone touches the waiting list, the cursor, the idle marks and in_transit.
 //
@@ -41,7 +41,9 @@ struct waiting_caller {
     bool watched;   // registered in the producer's epoll
 };
 
-waiting_caller* caller_of(ks_queue* queue) { return reinterpret_cast<waiting_caller*>(queue); }
+waiting_caller* caller_of(ks_queue* queue) {
+    return reinterpret_cast<waiting_caller*>(queue);
+}
 
 struct producer {
     service* self;
@@ -119,8 +121,8 @@ void restart_consumer(producer* p, ks_worker* worker, int status) {
     worker->idle = 1;
     worker->pollfd = -1;
     forget(p, &worker->queue);
-    // Other processes may hold copies of the link (a child forked by the program meanwhile): closing it would not take it
-    // out of the epoll, and its end would then be taken for that of the new link.
+    // Other processes may hold copies of the link (a child forked by the program meanwhile): closing it would not take
+    // it out of the epoll, and its end would then be taken for that of the new link.
     (void)epoll_ctl(p->own->pollfd, EPOLL_CTL_DEL, worker->sockfd[1], nullptr);
     close_and_clear(&worker->sockfd[0]);
     close_and_clear(&worker->sockfd[1]);
@@ -140,15 +142,15 @@ void hand_over(producer* p, ks_worker* worker, const ks_queue* spoke) {
     memcpy(transfer.data, &number, sizeof(number));
 
     const bool announced = send_directive(worker->sockfd[1], transfer);
-    if (announced && !send_descriptor(worker->sockfd[1], fd)) {
-        (void)send_descriptor(worker->sockfd[1], -1); // it waits for a message: let it find one, and report ready
+    if (announced && !send_descriptor(worker->sockfd[1], fd, 0)) {
+        (void)send_descriptor(worker->sockfd[1], -1, 0); // it waits for a message: let it find one, and report ready
     }
-    worker->idle = 0;
     unlist(p, first);
     if (!announced) {
-        hang_up(fd); // the link is dead, and nobody will echo
+        hang_up(fd); // the consumer has heard of nothing; a dead link says so itself
         return;
     }
+    worker->idle = 0;
     p->self->in_transit[worker->index] = fd;
     if (spoke_itself) {
         (void)shutdown(fd, SHUT_RDWR);
@@ -182,8 +184,8 @@ void dispatch(producer* p, const ks_queue* spoke) {
 void accept_caller(producer* p) {
     int fd = accept4(p->own->sockfd[1], nullptr, nullptr, SOCK_CLOEXEC);
     if (fd < 0) {
-        // Without a free descriptor or memory the caller stays in the backlog, and the socket stays readable: look again
-        // in a while instead of at once.
+        // Without a free descriptor or memory the caller stays in the backlog, and the socket stays readable: look
+        // again in a while instead of at once.
         if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
             p->accept_retry_at = now_ms() + kAcceptRetryMs;
             (void)watch(p, EPOLL_CTL_MOD, &p->own->queue, 0);
@@ -216,8 +218,8 @@ void accept_caller(producer* p) {
     head->prev->next = entry;
     head->prev = entry;
     ++p->waiting;
-    // Nearly always a consumer is idle and the caller leaves the list at once; only one that has to stay is watched. The
-    // list is in arrival order, so the newcomer is the last entry, if it is still there.
+    // Nearly always a consumer is idle and the caller leaves the list at once; only one that has to stay is watched.
+    // The list is in arrival order, so the newcomer is the last entry, if it is still there.
     dispatch(p, nullptr);
     if (p->waiting == 0 || head->prev != entry) {
         return;

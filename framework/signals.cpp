@@ -1,13 +1,21 @@
 // Signal routing, and the crash reporter that writes a numbered stack to the kernel log.
+//
+// The reporter runs in a signal handler of a process that may have just corrupted its heap or died inside malloc(), so
+// it takes nothing from the heap and no lock of the C library: ks_backtrace() makes the first backtrace() call, which
+// loads the unwinder; the report's object stands on the stack; symbol texts go straight from the loader's tables
+// into a memory file (backtrace_symbols_fd(3)), which is read back line by line; and lines are put together in buffers
+// on the stack. (A blank is put back between the symbol and its address, which only backtrace_symbols(3) writes.) What
+// is knowingly left: the unwinder reads a stack that may be damaged, and the loader's tables are read under its lock,
+// which a crash inside dlopen() itself would hold. A second fault then ends the process at once, because the
+// disposition resets itself.
 #include "internal.h"
 
 #include <cerrno>
 #include <csignal>
-#include <cstdlib>
 #include <cstring>
 #include <execinfo.h>
 #include <fcntl.h>
-#include <initializer_list>
+#include <sys/mman.h>
 #include <unistd.h>
 
 ks_signal_callback signal_handler[MAX_SIGNAL_SIZE] = {};
@@ -15,14 +23,100 @@ ks_signal_callback signal_handler[MAX_SIGNAL_SIZE] = {};
 namespace {
 
 constexpr int kFrames = 50;
-constexpr int kOwnFrames = 2; // the reporter's and the signal trampoline's
+constexpr int kOwnFrames = 2; // the reporter's and ks_signal_handler()'s
+constexpr int kCrashSignals[] = {SIGABRT, SIGBUS, SIGFPE, SIGSEGV};
+constexpr size_t kLineSize = 960; // what a record of the kernel log surely holds
 
 void install(int signum, int flags, void (*handler)(int)) {
     struct sigaction action = {};
     sigemptyset(&action.sa_mask);
     action.sa_flags = flags;
-    action.sa_handler = handler; // shares its place with sa_sigaction; the callbacks take the number only
+    action.sa_handler = handler; // in the place of sa_sigaction: the callbacks take the number only
     (void)sigaction(signum, &action, nullptr);
+}
+
+// A line under construction; what does not fit is cut.
+struct line_buffer {
+    char text[kLineSize];
+    size_t size;
+
+    void add(const char* more, size_t length) {
+        const size_t room = sizeof(text) - size;
+        const size_t fits = length < room ? length : room;
+        memcpy(text + size, more, fits);
+        size += fits;
+    }
+    void add(const char* more) { add(more, strlen(more)); }
+
+    // Ends the line with a newline, for which the last character makes room.
+    void end() {
+        size -= size == sizeof(text) ? 1 : 0;
+        add("\n", 1);
+    }
+
+    // `width` counts blanks in front, as "%2d" does.
+    void add_number(unsigned value, int width) {
+        char digits[16];
+        size_t at = sizeof(digits);
+        do {
+            digits[--at] = (char)('0' + value % 10);
+            value /= 10;
+            --width;
+        } while (value != 0);
+        for (; width > 0; --width) {
+            digits[--at] = ' ';
+        }
+        add(digits + at, sizeof(digits) - at);
+    }
+};
+
+// "%2d. %s\n" of each frame after our own, one symbol text a line of `symbols_fd`.
+void report_frames(int symbols_fd, ks_io* report) {
+    (void)lseek(symbols_fd, 0, SEEK_SET);
+    line_buffer line = {};
+    unsigned number = 1;
+    char block[512];
+    bool fresh = true;
+    char last = '\0';
+    for (ssize_t got = 0; (got = read(symbols_fd, block, sizeof(block))) > 0;) {
+        for (ssize_t i = 0; i < got; ++i) {
+            if (fresh) {
+                line.size = 0;
+                line.add_number(number++, 2);
+                line.add(". ");
+                fresh = false;
+            }
+            if (last == ')' && block[i] == '[') {
+                line.add(" ");
+            }
+            last = block[i];
+            if (block[i] != '\n') {
+                line.add(&block[i], 1);
+                continue;
+            }
+            line.end();
+            (void)ks_io_write(report, line.text, line.size);
+            fresh = true;
+        }
+    }
+}
+
+// The kernel takes one record a write, of at most about a thousand bytes, and a few records in five seconds: as many
+// whole lines at a time as a record holds.
+void copy_lines(const char* text, size_t size, int log_fd) {
+    while (size > 0) {
+        size_t length = size;
+        if (length > kLineSize) {
+            const void* end = memrchr(text, '\n', kLineSize);
+            length = end != nullptr ? (size_t)(static_cast<const char*>(end) - text) + 1 : kLineSize;
+        }
+        const ssize_t written = write(log_fd, text, length);
+        if (written < 1) {
+            return;
+        }
+        text += written;
+        size -= (size_t)written;
+    }
 }
 
 } // namespace
@@ -30,19 +124,28 @@ void install(int signum, int flags, void (*handler)(int)) {
 void ks_signal(int signum, ks_signal_callback callback) {
     KS_REQUIRE(signum > 0 && signum < MAX_SIGNAL_SIZE, "signum > 0 && signum < MAX_SIGNAL_SIZE",
                "cannot handle signal number %d", signum);
-    signal_handler[signum] = callback;
+    __atomic_store_n(&signal_handler[signum], callback, __ATOMIC_RELEASE);
     install(signum, SA_SIGINFO, callback != nullptr ? ks_signal_handler : SIG_DFL);
 }
 
-void ks_signal_handler(int sig) {
-    if (sig > 0 && sig < MAX_SIGNAL_SIZE && signal_handler[sig] != nullptr) {
-        signal_handler[sig](sig);
+// Its frame is one of the two that a report leaves out, so the call below must not become a jump.
+__attribute__((noinline, optimize("no-optimize-sibling-calls"))) void ks_signal_handler(int sig) {
+    if (sig <= 0 || sig >= MAX_SIGNAL_SIZE) {
+        return;
+    }
+    const ks_signal_callback callback = __atomic_load_n(&signal_handler[sig], __ATOMIC_ACQUIRE);
+    if (callback != nullptr) {
+        const int saved = errno;
+        callback(sig);
+        errno = saved; // the code that the signal interrupted may be about to look at it
     }
 }
 
 void ks_backtrace(void) {
-    for (const int crash : {SIGABRT, SIGBUS, SIGFPE, SIGSEGV}) {
-        signal_handler[crash] = _ks_backtrace;
+    void* frame = nullptr;
+    (void)backtrace(&frame, 1);
+    for (const int crash : kCrashSignals) {
+        __atomic_store_n(&signal_handler[crash], &_ks_backtrace, __ATOMIC_RELEASE);
     }
     for (int signum = 1; signum < MAX_SIGNAL_SIZE; ++signum) {
         if (signum != SIGKILL && signum != SIGSTOP && signal_handler[signum] != nullptr) {
@@ -51,34 +154,51 @@ void ks_backtrace(void) {
     }
 }
 
-void _ks_backtrace(int sig) { // NOLINT(bugprone-reserved-identifier): the callers' name for it
-    const char* description = strsignal(sig);
-    (void)fprintf(stderr, "%s\n", description);
-    const int log_fd = open("/dev/kmsg", O_WRONLY | O_CLOEXEC);
+// NOLINTNEXTLINE(bugprone-reserved-identifier): the callers' name for it
+__attribute__((noinline)) void _ks_backtrace(int sig) {
+    const char* known = sigdescr_np(sig);
+    line_buffer name = {};
+    if (known != nullptr) {
+        name.add(known);
+    } else {
+        name.add("Unknown signal ");
+        name.add_number((unsigned)sig, 1);
+    }
+    line_buffer line = name;
+    line.end();
+    if (write(STDERR_FILENO, line.text, line.size) < 0) {
+        // The kernel log matters more.
+    }
+    const int log_fd = ks::above_stdio(open("/dev/kmsg", O_WRONLY | O_CLOEXEC));
     if (log_fd < 0) {
         _exit(1);
     }
     void* frames[kFrames];
     const int count = backtrace(frames, kFrames);
-    char** symbols = count < 2 ? nullptr : backtrace_symbols(frames, count);
-    if (symbols == nullptr) {
+    const int symbols_fd = ks::above_stdio(memfd_create("kservice-symbols", MFD_CLOEXEC));
+    if (count < kOwnFrames || symbols_fd < 0) {
         _exit(1);
     }
-    ks_io* report = ks_io_create();
-    ks_io_printf(report, "%s (pid %d) %s:\n", description, (int)getpid(), program_invocation_name);
-    for (int i = kOwnFrames; i < count && symbols[i] != nullptr; ++i) {
-        ks_io_printf(report, "%2d. %s\n", i - kOwnFrames + 1, symbols[i]);
-    }
+    backtrace_symbols_fd(frames + kOwnFrames, count - kOwnFrames, symbols_fd);
+
+    ks_io report = {}; // ks_io_create() would need the heap
+    report.magic = KS_IO_MAGIC;
+    report.memfd = -1;
+    report.sockfd = -1;
+    report.passfd = -1;
+    line = name;
+    line.add(" (pid ");
+    line.add_number((unsigned)getpid(), 1);
+    line.add(") ");
+    line.add(program_invocation_name);
+    line.add(":");
+    line.end();
+    (void)ks_io_write(&report, line.text, line.size);
+    report_frames(symbols_fd, &report);
+
     size_t size = 0;
-    const char* text = static_cast<const char*>(ks_io_read(report, &size));
-    for (size_t done = 0; done < size;) {
-        const ssize_t written = write(log_fd, text + done, size - done);
-        if (written < 1) {
-            break;
-        }
-        done += (size_t)written;
-    }
-    ks_io_free(report);
+    const char* text = static_cast<const char*>(ks_io_read(&report, &size));
+    copy_lines(text, size, log_fd);
     (void)fsync(log_fd);
     close(log_fd);
     _exit(1);

@@ -215,13 +215,15 @@ void service::stop() {
     restore_stdin();
 }
 
-service::~service() { stop(); }
+service::~service() {
+    stop();
+}
 
 unsigned call(const char* name, const char* command, std::string_view text, std::string* ret_reply, int passfd) {
     void* reply = nullptr;
     size_t size = 0;
-    const unsigned code = ks_ez_call(name, command, text.empty() ? nullptr : text.data(), text.size(), &reply, &size, 60,
-                                     passfd);
+    const unsigned code =
+        ks_ez_call(name, command, text.empty() ? nullptr : text.data(), text.size(), &reply, &size, 60, passfd);
     if (reply != nullptr) {
         ret_reply->assign(static_cast<const char*>(reply), size);
         free(reply);
@@ -305,7 +307,9 @@ bool raw_caller::request(std::string_view command, int memfd) const {
     return what && *what == make_record(9);
 }
 
-void raw_caller::shut_write() const { (void)shutdown(fd_.get(), SHUT_WR); }
+void raw_caller::shut_write() const {
+    (void)shutdown(fd_.get(), SHUT_WR);
+}
 
 gate::gate() {
     sem_init(&both_->arrived, 1, 0);
@@ -357,7 +361,7 @@ void fail_system_call(long number, int error, long argument) {
     filter.push_back(BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | ((unsigned)error & SECCOMP_RET_DATA)));
     filter.push_back(BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW));
     sock_fprog program = {(unsigned short)filter.size(), filter.data()};
-    if (prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0 || 
+    if (prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0 ||
         syscall(SYS_seccomp, SECCOMP_SET_MODE_FILTER, SECCOMP_FILTER_FLAG_TSYNC, &program) != 0) {
         throw std::runtime_error("seccomp");
     }

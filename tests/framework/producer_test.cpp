@@ -2,6 +2,9 @@
 #include "framework_support.h"
 #include "kservice.h"
 
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
 #include <atomic>
 #include <csignal>
 #include <cstring>
@@ -15,9 +18,6 @@
 #include <thread>
 #include <unistd.h>
 #include <vector>
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 namespace {
 
@@ -46,10 +46,8 @@ int hold(const char*, ks_io* io, int) {
 
 // What the calls of one test say to standard error, in this process and its children.
 class captured_stderr {
-  public:
-    captured_stderr() : saved_(fcntl(2, F_DUPFD_CLOEXEC, 300)), file_(support::memory_file()) {
-        dup2(file_.get(), 2);
-    }
+public:
+    captured_stderr() : saved_(fcntl(2, F_DUPFD_CLOEXEC, 300)), file_(support::memory_file()) { dup2(file_.get(), 2); }
     ~captured_stderr() { dup2(saved_.get(), 2); }
     captured_stderr(const captured_stderr&) = delete;
     captured_stderr& operator=(const captured_stderr&) = delete;
@@ -59,14 +57,14 @@ class captured_stderr {
         return {bytes, got < 0 ? 0 : (size_t)got};
     }
 
-  private:
+private:
     support::descriptor saved_;
     support::descriptor file_;
 };
 
 // A caller that has sent its request and whose answer is held back.
 class held_request {
-  public:
+public:
     explicit held_request(const std::string& path) : caller_(path), file_(support::memory_file()) {
         EXPECT_TRUE(caller_.invited());
         EXPECT_TRUE(caller_.send(make_record(8, 0, "c")) && caller_.send_fds({file_.get()}));
@@ -74,7 +72,7 @@ class held_request {
     }
     raw_caller& caller() { return caller_; }
 
-  private:
+private:
     raw_caller caller_;
     support::descriptor file_;
 };
@@ -346,8 +344,8 @@ TEST(ProducerRestartTest, KilledConsumerIsReportedAndStartedAgain) {
     EXPECT_EQ(reply, "c||none");
     EXPECT_NE(*server, old);
     // The name is cut nowhere: it is short.
-    EXPECT_EQ(said.text(), std::string("[KService] [WARN] [") + one.name() + "] consumer-worker[0].pid=" +
-                               std::to_string(old) + " WIFSIGNALED=9, restart it.\n");
+    EXPECT_EQ(said.text(), std::string("[KService] [WARN] [") + one.name() +
+                               "] consumer-worker[0].pid=" + std::to_string(old) + " WIFSIGNALED=9, restart it.\n");
 }
 
 int leave(const char*, ks_io*, int) {
@@ -374,15 +372,16 @@ TEST(ProducerRestartTest, ExitedConsumerIsReportedWithItsStatus) {
         const raw_caller caller(one.path());
         ASSERT_TRUE(caller.invited());
     }
-    EXPECT_EQ(said.text(), std::string("[KService] [WARN] [") + one.name() + "] consumer-worker[0].pid=" +
-                               std::to_string(old) + " WIFEXITED=7, restart it.\n");
+    EXPECT_EQ(said.text(), std::string("[KService] [WARN] [") + one.name() +
+                               "] consumer-worker[0].pid=" + std::to_string(old) + " WIFEXITED=7, restart it.\n");
 }
 
 TEST(ProducerRestartTest, RestartedConsumerRunsTheInitCallbackAgain) {
     const support::shared<std::atomic<int>> count;
     captured_stderr said;
     const service one(3, 1, tell, [&](ks_handle* handle) {
-        ks_worker_init(handle, [](void* argument) { ++*static_cast<std::atomic<int>*>(argument); }, &*count);
+        ks_worker_init(
+            handle, [](void* argument) { ++*static_cast<std::atomic<int>*>(argument); }, &*count);
     });
     std::string reply;
     for (int i = 1; i <= 5; ++i) {

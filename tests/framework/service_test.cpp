@@ -2,6 +2,9 @@
 #include "framework_support.h"
 #include "kservice.h"
 
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
 #include <atomic>
 #include <cerrno>
 #include <csignal>
@@ -17,9 +20,6 @@
 #include <unistd.h>
 #include <vector>
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 namespace {
 
 using support::echo;
@@ -28,8 +28,12 @@ using support::service;
 
 const unsigned kModes[] = {2, 3, 4, 5};
 
-bool is_open(int fd) { return fcntl(fd, F_GETFD) != -1; }
-bool exists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
+bool is_open(int fd) {
+    return fcntl(fd, F_GETFD) != -1;
+}
+bool exists(const std::string& path) {
+    return access(path.c_str(), F_OK) == 0;
+}
 
 struct created {
     explicit created(const char* name, unsigned mode = 5) : handle(ks_create(name, mode, 1, echo)) {}
@@ -331,8 +335,12 @@ struct marks {
     std::atomic<int> init;
     std::atomic<int> fini;
 };
-void count_init(void* argument) { ++static_cast<marks*>(argument)->init; }
-void count_fini(void* argument) { ++static_cast<marks*>(argument)->fini; }
+void count_init(void* argument) {
+    ++static_cast<marks*>(argument)->init;
+}
+void count_fini(void* argument) {
+    ++static_cast<marks*>(argument)->fini;
+}
 
 TEST(ServiceTest, EveryConsumerRunsTheCallbacksOnce) {
     for (const unsigned mode : kModes) {
@@ -480,7 +488,9 @@ TEST(ServiceStopTest, StopFromASignalHandlerAtAnyMomentOfStart) {
     }
 }
 
-pid_t only_worker(const ks_handle* handle) { return handle->worker[0].id.pid; }
+pid_t only_worker(const ks_handle* handle) {
+    return handle->worker[0].id.pid;
+}
 
 TEST(ServiceProcessTest, WorkersOutliveTheThreadThatStartedThem) {
     const support::temp_dir dir;

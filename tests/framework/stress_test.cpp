@@ -1,9 +1,11 @@
-// Many times over: start and stop, callers that vanish, descriptors that are no good. Afterwards the service answers and
-// the process holds what it held before.
+// Many times over: start and stop, callers that vanish, descriptors that are no good. Afterwards the service answers
+// and the process holds what it held before.
 //
 // KS_STRESS scales the counts in percent (default 100).
 #include "framework_support.h"
 #include "kservice.h"
+
+#include <gtest/gtest.h>
 
 #include <algorithm>
 #include <atomic>
@@ -22,8 +24,6 @@
 #include <unistd.h>
 #include <vector>
 
-#include <gtest/gtest.h>
-
 namespace {
 
 using support::descriptor;
@@ -39,10 +39,10 @@ int scaled(int count) {
 }
 
 class stopwatch {
-  public:
+public:
     double seconds() const { return std::chrono::duration<double>(std::chrono::steady_clock::now() - begin_).count(); }
 
-  private:
+private:
     std::chrono::steady_clock::time_point begin_ = std::chrono::steady_clock::now();
 };
 
@@ -136,8 +136,8 @@ struct tally {
     std::atomic<int> wrong = 0;
 };
 
-// The same with callers at the door all the time. They are processes of their own: ks_stop() closes descriptor 0 of this
-// one, whatever it is by then.
+// The same with callers at the door all the time. They are processes of their own: ks_stop() closes descriptor 0 of
+// this one, whatever it is by then.
 TEST_P(StressStartStopTest, StoppedWhileCalled) {
     const unsigned mode = GetParam();
     const int cycles = scaled(100);
@@ -309,7 +309,9 @@ descriptor one_end(int (*make)(int*), int which) {
     return descriptor(ends[which]);
 }
 
-int socket_pair(int* ends) { return socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends); }
+int socket_pair(int* ends) {
+    return socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends);
+}
 
 // What a caller may hand over that is no memory file, each a thousand times, as the file and as one too many.
 TEST_P(StressCallersTest, EachBadDescriptorAThousandTimes) {

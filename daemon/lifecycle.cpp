@@ -1,0 +1,275 @@
+// The daemon's life, in main()'s thread: a fixed start-up order, an idle loop, a fixed shutdown order.
+//
+// Stopping. The handler of SIGINT and SIGTERM only sets g_IsTerminate and wakes the idle loop; all work is done here.
+// The handler takes sleep_mtx, so it must never run on a thread that holds it: the main thread blocks both signals
+// around every use of the mutex, the wait included, and the handler blocks them for itself, since one signal may
+// interrupt the handler of the other. The flag is tested under the mutex, so a wake-up between the test and the wait is
+// not lost. While the main thread waits, the services' producer threads take the signals; workers and listeners block
+// them, so that a stop never interrupts a system call of a request. Should no such thread exist, the main thread takes
+// them between two waits.
+//
+// Services. Each runs in a detached thread whose ks_start() returns when it is stopped. ks_stop() has nothing to stop
+// before ks_start() has begun, and ks_free() may not come before it has: the shutdown therefore waits until a worker of
+// the service has reported (worker_is_up), however early a stop was asked for.
+//
+// The mail service is left to process exit, so its workers may be busy while static objects are destroyed: nothing that
+// a request uses may have a static object with a destructor (tests/daemon/static_objects.sh looks for them).
+#include "lifecycle.h"
+
+#include "command_table.h"
+#include "descriptor_limit.h"
+#include "dispatch.h"
+#include "environment.h"
+#include "host_config.h"
+#include "host_paths.h"
+#include "instance.h"
+#include "kservice.h"
+#include "log.h"
+#include "options.h"
+#include "queue_listener.h"
+#include "relays.h"
+
+#include <csignal>
+#include <cstdio>
+#include <execinfo.h>
+#include <memory>
+#include <pthread.h>
+#include <string>
+#include <sys/time.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr const char* kMain = "main"; // the name that start-up's messages carry
+constexpr size_t kMainWorkers = 2;
+constexpr int kMailWorkers = 5;
+constexpr int kIdleSeconds = 10;
+constexpr unsigned kCrashSeconds = 10;
+constexpr int kExitRefused = -1;
+constexpr int kExitNoService = -2;
+
+int g_IsDaemonize = 0;
+int g_IsTerminate = 0; // written by a signal handler, read by the loop: through set_terminate() and is_terminate() only
+ks_handle* ks_service_handle = nullptr;
+ks_handle* ks_send_mail_service_handle = nullptr;
+std::unique_ptr<T_MSGQ_service> msgq_obj;
+std::unique_ptr<T_MSGQ_service> log_msgq_obj;
+pthread_mutex_t sleep_mtx = PTHREAD_MUTEX_INITIALIZER;
+pthread_cond_t sleep_cond = PTHREAD_COND_INITIALIZER;
+
+// What the main thread knows of a service's thread. Guarded by start_mtx.
+struct service_thread {
+    bool made = false;
+    bool up = false; // a worker runs, so ks_start() has begun
+};
+service_thread main_thread;
+service_thread mail_thread;
+pthread_mutex_t start_mtx = PTHREAD_MUTEX_INITIALIZER;
+pthread_cond_t start_cond = PTHREAD_COND_INITIALIZER;
+
+void set_terminate() {
+    __atomic_store_n(&g_IsTerminate, 1, __ATOMIC_SEQ_CST);
+}
+bool is_terminate() {
+    return __atomic_load_n(&g_IsTerminate, __ATOMIC_SEQ_CST) != 0;
+}
+
+sigset_t stop_signals() {
+    sigset_t set;
+    sigemptyset(&set);
+    sigaddset(&set, SIGINT);
+    sigaddset(&set, SIGTERM);
+    return set;
+}
+
+void stop_service(int /*signum*/) {
+    set_terminate();
+    const sigset_t both = stop_signals();
+    sigset_t before;
+    pthread_sigmask(SIG_BLOCK, &both, &before);
+    pthread_mutex_lock(&sleep_mtx);
+    pthread_cond_signal(&sleep_cond);
+    pthread_mutex_unlock(&sleep_mtx);
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+}
+
+// The dump allocates. After a crash inside malloc() it may wait for ever, and then the alarm ends the process.
+void dump_backtrace_service(int /*signum*/) {
+    (void)signal(SIGALRM, [](int) { (void)raise(SIGKILL); });
+    sigset_t alarm_alone;
+    sigemptyset(&alarm_alone);
+    sigaddset(&alarm_alone, SIGALRM);
+    pthread_sigmask(SIG_UNBLOCK, &alarm_alone, nullptr);
+    (void)alarm(kCrashSeconds);
+    vexprod_debug_backtrace_dump();
+    (void)raise(SIGKILL);
+}
+
+void install_signal_handlers() {
+    void* frame = nullptr;
+    (void)backtrace(&frame, 1); // the first call loads the unwinder, which a crash handler had better find loaded
+    ks_signal(SIGINT, stop_service);
+    ks_signal(SIGTERM, stop_service);
+    ks_signal(SIGSEGV, dump_backtrace_service);
+    ks_signal(SIGABRT, dump_backtrace_service);
+    const sigset_t both = stop_signals();
+    pthread_sigmask(SIG_UNBLOCK, &both, nullptr); // whatever mask we were started with
+}
+
+// Runs first in each consumer worker, whose mask the request threads inherit.
+void worker_is_up(void* argument) {
+    const sigset_t both = stop_signals();
+    pthread_sigmask(SIG_BLOCK, &both, nullptr);
+    pthread_mutex_lock(&start_mtx);
+    static_cast<service_thread*>(argument)->up = true;
+    pthread_cond_broadcast(&start_cond);
+    pthread_mutex_unlock(&start_mtx);
+}
+
+void wait_until_up(const service_thread& thread) {
+    pthread_mutex_lock(&start_mtx);
+    while (thread.made && !thread.up) {
+        pthread_cond_wait(&start_cond, &start_mtx);
+    }
+    pthread_mutex_unlock(&start_mtx);
+}
+
+void* pthread_ks_start(void* /*argument*/) {
+    dbg_printf2("[%s][%d] ks_start.", __func__, __LINE__);
+    ks_start(ks_service_handle);
+    pthread_exit(nullptr);
+}
+
+void* pthread_ks_send_mail_start(void* /*argument*/) {
+    dbg_printf2("[%s][%d] ks_send_mail_start.", __func__, __LINE__);
+    ks_start(ks_send_mail_service_handle);
+    pthread_exit(nullptr);
+}
+
+void start_detached(void* (*routine)(void*), service_thread* state) {
+    pthread_t thread = {};
+    pthread_attr_t attr;
+    pthread_attr_init(&attr);
+    pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_DETACHED);
+    state->made = pthread_create(&thread, &attr, routine, nullptr) == 0;
+    pthread_attr_destroy(&attr);
+}
+
+// @return 0 or the exit status.
+int create_services() {
+    ks_service_handle = ks_create(kMainService, KS_PTHREAD_MODE, kMainWorkers, service_handler);
+    if (ks_service_handle == nullptr) {
+        dbg_printf2("[%s][%d] ks_service_handle is NULL.", kMain, __LINE__);
+        return kExitNoService;
+    }
+    dbg_printf2("[%s][%d] sock_name:%s.", kMain, __LINE__, ks_service_handle->sockfile);
+    ks_worker_init(ks_service_handle, worker_is_up, &main_thread);
+
+    ks_send_mail_service_handle = ks_create(kMailService, KS_PTHREAD_MODE, kMailWorkers, sendmail_service_handler);
+    if (ks_send_mail_service_handle == nullptr) {
+        dbg_printf2("[%s][%d] ks_send_mail_service_handle is NULL.", kMain, __LINE__);
+        return kExitNoService;
+    }
+    dbg_printf2("[%s][%d] send_mail_sock_name:%s, KS_SEND_MAIL_SERVER_THREAD_NUM:%d.", kMain, __LINE__,
+                ks_send_mail_service_handle->sockfile, kMailWorkers);
+    ks_worker_init(ks_send_mail_service_handle, worker_is_up, &mail_thread);
+    return 0;
+}
+
+void start_relays() {
+    msgq_obj = std::make_unique<T_MSGQ_service>(kNotifyQueueKey, notify_handler, kNotifyBodySize);
+    msgq_obj->server_start();
+    log_msgq_obj = std::make_unique<T_MSGQ_service>(kEventLogQueueKey, eventlog_handler, kEventLogBodySize);
+    log_msgq_obj->server_start();
+}
+
+// Until a stop is asked for. The deadline bounds the delay should a wake-up be lost after all.
+void idle() {
+    const sigset_t both = stop_signals();
+    while (!is_terminate()) {
+        timeval now = {};
+        gettimeofday(&now, nullptr);
+        timespec deadline = {};
+        deadline.tv_sec = now.tv_sec + kIdleSeconds;
+        deadline.tv_nsec = now.tv_usec * 1000;
+        sigset_t before;
+        pthread_sigmask(SIG_BLOCK, &both, &before);
+        pthread_mutex_lock(&sleep_mtx);
+        if (!is_terminate()) {
+            pthread_cond_timedwait(&sleep_cond, &sleep_mtx, &deadline);
+        }
+        pthread_mutex_unlock(&sleep_mtx);
+        pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    }
+}
+
+void stop_and_destroy(std::unique_ptr<T_MSGQ_service>* relay) {
+    if (*relay) {
+        (*relay)->server_stop();
+        relay->reset();
+    }
+}
+
+// The relays go after the main service and before its handle is freed. The mail service is neither stopped nor freed:
+// process exit ends it.
+void free_all_obj() {
+    wait_until_up(main_thread);
+    wait_until_up(mail_thread);
+    ks_stop(ks_service_handle);
+    dbg_printf2("[%s][%d] is_terminate", __func__, __LINE__);
+    // Both may be waiting for the notification service: together, not one after the other.
+    for (const auto* relay : {&msgq_obj, &log_msgq_obj}) {
+        if (*relay) {
+            (*relay)->announce_stop();
+        }
+    }
+    stop_and_destroy(&msgq_obj);
+    stop_and_destroy(&log_msgq_obj);
+    ks_free(ks_service_handle);
+    ks_service_handle = nullptr;
+}
+
+} // namespace
+
+int run_daemon(int argc, char** argv) {
+    // A starter that ignored SIGCHLD handed that down, and then no child could be waited for.
+    (void)signal(SIGCHLD, SIG_DFL);
+    (void)raise_descriptor_limit(); // every waiting caller holds one; without it the daemon just serves fewer
+    (void)environment_unset("LD_LIBRARY_PATH");
+
+    std::string install_path;
+    if (!ks_get_ini_info(kPackageRegistry, kPackage, kInstallPathField, install_path)) {
+        (void)std::fprintf(stderr, "[%s][%d] get Install_Path fail.", kMain, __LINE__);
+        return kExitRefused;
+    }
+    char log_directory[256];
+    (void)std::snprintf(log_directory, sizeof(log_directory), "%s/.log", install_path.c_str());
+    log_set_dir(log_directory);
+    dbg_printf2("[%s][%d] lyn-ks-vexprod start, Server:%s.", kMain, __LINE__, kMainService);
+
+    if (ks_reentried(argv[0])) {
+        dbg_printf2("[%s][%d] warning: re-entry.", kMain, __LINE__);
+        return kExitRefused;
+    }
+    install_signal_handlers();
+
+    const options chosen = read_options(argc, argv);
+    if (chosen.terminate) {
+        set_terminate();
+    }
+    g_IsDaemonize = chosen.daemonize ? 1 : 0;
+    if (g_IsDaemonize != 0) {
+        (void)daemon(0, 0); // in the foreground, if it cannot be helped
+    }
+
+    const int status = create_services();
+    if (status != 0) {
+        return status;
+    }
+    start_relays();
+    start_detached(pthread_ks_start, &main_thread);
+    start_detached(pthread_ks_send_mail_start, &mail_thread);
+    idle();
+    free_all_obj();
+    return 0;
+}

@@ -1,0 +1,10 @@
+// Start-up, idle loop and shutdown of the daemon.
+#ifndef VEXPROD_DAEMON_LIFECYCLE_H
+#define VEXPROD_DAEMON_LIFECYCLE_H
+
+/// Runs the daemon from its command line to its end.
+/// @return The exit status: 0 after an orderly stop; 255 when the install path is unknown or another instance runs; 254
+///         when a service cannot be created.
+int run_daemon(int argc, char** argv);
+
+#endif

@@ -1,0 +1,56 @@
+#include "handler_call.h"
+
+#include "json_helpers.h"
+#include "log.h"
+
+bool handler_call::take(std::initializer_list<request_key> keys, location where) {
+    return parse(where) && take_parsed(keys);
+}
+
+bool handler_call::parse(location where) {
+    if (json_parse(request_text(io_), &request_)) {
+        return true;
+    }
+    dbg_printf2("[%s][%d] ks_io input fail.", function_, where.line);
+    reject("input error");
+    return false;
+}
+
+bool handler_call::take_parsed(std::initializer_list<request_key> keys) {
+    bool failed = false;
+    for (const request_key& key : keys) {
+        parser_param_from_json_str(request_, key.name, key.out, key.type, &failed);
+    }
+    if (failed) {
+        reject("paser fail");
+    }
+    return !failed;
+}
+
+bool handler_call::finish(int status) {
+    if (status != 0) {
+        fail();
+        return false;
+    }
+    reply_["result"] = 0;
+    return true;
+}
+
+void handler_call::fail() {
+    fail((std::string(function_) + " fail").c_str());
+}
+
+void handler_call::fail(const char* message) {
+    reply_["error_msg"] = message;
+    reply_["result"] = -1;
+}
+
+void handler_call::reject(const char* message) {
+    reply_["error_msg"] = message;
+    reply_["error_code"] = -1;
+}
+
+int handler_call::send() {
+    ks_reply_json(json_write_compact(reply_), io_);
+    return 0;
+}

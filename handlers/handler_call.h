@@ -1,0 +1,83 @@
+// The template of all handlers: read and parse the request, take each key, act, reply.
+//
+//     int hos_do_it_handler(ks_io* io, int /*fd*/) {
+//         handler_call call(__func__, io);
+//         std::string name;
+//         if (call.take({{"name", &name}})) {
+//             call.finish(lyn_vexprod_corvo_exec(nullptr, nullptr, nullptr, kTool, name.c_str(), nullptr));
+//         }
+//         return call.send();
+//     }
+//
+// A handler without parameters does not call take(). One that departs from the template says so in its own code, with
+// the finer steps or with reply(); the template has no modes.
+#ifndef VEXPROD_HANDLERS_HANDLER_CALL_H
+#define VEXPROD_HANDLERS_HANDLER_CALL_H
+
+#include "kservice.h"
+
+#include <json/value.h>
+
+#include <cstdint>
+#include <initializer_list>
+#include <string>
+
+/// One key of a request and where its value goes. The destination's type says what the value must be.
+struct request_key {
+    request_key(const char* key, std::string* destination) : name(key), out(destination), type("string") {}
+    request_key(const char* key, std::int32_t* destination) : name(key), out(destination), type("int") {}
+    request_key(const char* key, std::int64_t* destination) : name(key), out(destination), type("long") {}
+
+    const char* name;
+    void* out;
+    const char* type; ///< The type word of parser_param_from_json_str().
+};
+
+/// One run of a handler. Owns the request and the reply; `io` stays the dispatch's.
+class handler_call {
+public:
+    /// The handler's own source line, for its traces. (std::source_location is more than clang-tidy 14 can read.)
+    struct location {
+        int line;
+        static location current(int line = __builtin_LINE()) { return {line}; }
+    };
+
+    /// @param function  The handler's name, for traces and failure texts; a literal, normally __func__.
+    handler_call(const char* function, ks_io* io) : function_(function), io_(io) {}
+    handler_call(const handler_call&) = delete;
+    handler_call& operator=(const handler_call&) = delete;
+
+    /// Parses the request, then takes every key in order; all are tried even after one failed.
+    /// @return True with all destinations set. False with the rejection in the reply: "input error" for a text that is
+    ///         not JSON, "paser fail" (clients match on the spelling) for a key that is missing or of another type.
+    [[nodiscard]] bool take(std::initializer_list<request_key> keys, location where = location::current());
+
+    /// The two halves of take(), for handlers that do something in between.
+    [[nodiscard]] bool parse(location where = location::current());
+    [[nodiscard]] bool take_parsed(std::initializer_list<request_key> keys);
+
+    /// Sets the outcome of the host action: "result" 0 when `status` is 0, else fail().
+    /// @return status == 0.
+    bool finish(int status);
+    /// Sets "result" -1 and "error_msg", "<handler> fail" unless another text is given.
+    void fail();
+    void fail(const char* message);
+    /// Sets "error_code" -1 and "error_msg".
+    void reject(const char* message);
+
+    [[nodiscard]] const Json::Value& request() const { return request_; }
+    /// The reply object; a handler sets only the keys that its path reaches.
+    [[nodiscard]] Json::Value& reply() { return reply_; }
+    [[nodiscard]] const char* function() const { return function_; }
+
+    /// Serialises the reply and sends it, if the caller still waits. @return 0, for the handler to return.
+    int send();
+
+private:
+    const char* function_;
+    ks_io* io_;
+    Json::Value request_;
+    Json::Value reply_ = Json::Value(Json::objectValue);
+};
+
+#endif

@@ -1,0 +1,115 @@
+#!/bin/bash
+# Tests hostsim/enter from outside: enter_test.sh ENTER BUILD
+set -uo pipefail
+
+enter=("$1" --build "$2")
+build=$2
+failed=0
+scratch=$(mktemp -d "$build/enter_test.XXXXXX")
+trap 'rm -rf "$scratch"' EXIT
+
+check() { # check WHAT ACTUAL EXPECTED
+    if [ "$2" = "$3" ]; then
+        echo "ok   $1"
+    else
+        echo "FAIL $1: got '$2', expected '$3'"
+        failed=1
+    fi
+}
+status_of() { # runs the rest, prints only its status
+    "$@" >/dev/null 2>&1
+    echo $?
+}
+eventually() { # eventually COMMAND...: retries it for ten seconds
+    local tries
+    for ((tries = 0; tries < 200; ++tries)); do
+        "$@" && return 0
+        sleep 0.05
+    done
+    return 1
+}
+
+# --- The command's own view: status, streams, arguments, folder, environment -----------------------------------------
+check "exit status" "$(status_of "${enter[@]}" sh -c 'exit 7')" 7
+check "death by a signal" "$(status_of "${enter[@]}" sh -c 'kill -KILL $$')" 137
+check "unknown command" "$(status_of "${enter[@]}" /nonexistent)" 127
+check "not executable" "$(status_of "${enter[@]}" /etc/passwd)" 126
+check "no command" "$(status_of "${enter[@]}")" 125
+check "standard streams" "$(echo text | "${enter[@]}" sh -c 'cat; echo error >&2' 2>&1)" "text
+error"
+check "arguments" "$("${enter[@]}" printf '[%s]' 'two words' '' "*" -x)" "[two words][][*][-x]"
+check "current folder" "$(cd /usr/lib && "${enter[@]}" pwd)" /usr/lib
+check "environment" "$(ODD='a b' "${enter[@]}" sh -c 'echo "$ODD $HOSTSIM"')" "a b 1"
+check "nested use" "$("${enter[@]}" "${enter[@]}" sh -c 'echo $$; exit 3' && echo no || echo $?)" "2
+3"
+
+# --- Isolation --------------------------------------------------------------------------------------------------------
+probe=hostsim_probe_$$_$RANDOM
+check "the host can be changed" "$("${enter[@]}" sh -c "
+    echo a >/etc/$probe && echo b >/tmp/$probe && echo c >/run/$probe && echo d >/usr/lib/$probe &&
+    echo e >/dev/kmsg && echo f >/dev/shm/$probe && rm /etc/passwd &&
+    cat /etc/$probe /tmp/$probe /var/run/$probe /usr/lib/$probe /dev/kmsg /dev/shm/$probe")" "a
+b
+c
+d
+e
+f"
+check "and the machine is not" "$(ls -d /{etc,tmp,run,usr/lib,dev/shm}/$probe /etc/passwd 2>/dev/null)" /etc/passwd
+check "no mount is left" "$(grep -c '^hostsim ' /proc/self/mounts)" 0
+queue=$("${enter[@]}" sh -c 'ipcmk -Q >/dev/null; ipcs -q' | grep -o '^0x[0-9a-f]*')
+check "queues are the host's own" "${#queue} $(ipcs -q | grep -c "$queue")" "10 0"
+check "the next host is fresh" "$("${enter[@]}" sh -c 'ls /tmp; ipcs -q | grep -c 0x')" 0
+check "only its own processes" "$("${enter[@]}" sh -c 'set -- /proc/[0-9]*; echo $#')" 2
+check "the build folder is the real one" "$("${enter[@]}" sh -c "echo x >'$scratch/out'" && cat "$scratch/out")" x
+check "the tools are there" "$("${enter[@]}" /sbin/cfgread VexHubServer Install_Path -f /etc/config/zpkg.conf)" \
+    /share/VexHubServer
+
+# --- Life and death ---------------------------------------------------------------------------------------------------
+mark=hostsim_$$_$RANDOM # recognises this test's processes from outside
+is_running() { grep -qsl "$mark" /proc/[0-9]*/cmdline; }
+is_gone() { ! is_running; }
+check "orphans end with the command" \
+    "$("${enter[@]}" bash -c "(exec -a $mark sleep 1000) & exit 0"; eventually is_gone && echo gone)" gone
+check "orphans are collected" "$("${enter[@]}" sh -c '
+    (sh -c "exit 0" &) ; i=0
+    while [ $i -lt 200 ]; do ls /proc | grep "^[0-9]" >/tmp/now; grep -q " Z " /proc/[0-9]*/stat 2>/dev/null || break
+        i=$((i + 1)); sleep 0.02; done; grep -c " Z " /proc/[0-9]*/stat 2>/dev/null | grep -vc ":0$"')" 0
+
+"${enter[@]}" bash -c "exec -a $mark sleep 1000" &
+eventually is_running
+kill -TERM $!
+wait $! 2>/dev/null
+check "SIGTERM reaches the command" $? 143
+
+# A background job of a script starts with SIGINT ignored, which passes through; `trap -` cannot undo that, env can.
+env --default-signal=INT "${enter[@]}" bash -c "trap 'exit 9' INT; touch '$scratch/ready'; while :; do sleep 0.01; done" &
+eventually test -e "$scratch/ready"
+kill -INT $!
+wait $! 2>/dev/null
+check "SIGINT reaches the command" $? 9
+
+"${enter[@]}" bash -c "(exec -a $mark sleep 1000) & exec -a $mark sleep 1000" &
+eventually is_running
+kill -KILL $!
+wait $! 2>/dev/null
+check "SIGKILL takes everything along" "$(eventually is_gone && echo gone)" gone
+
+# --- Without root -----------------------------------------------------------------------------------------------------
+if [ "$(id -u)" = 0 ] && command -v setpriv >/dev/null; then
+    user=(setpriv --reuid=65534 --regid=65534 --clear-groups)
+    if "${user[@]}" unshare --user --map-root-user --mount --pid --fork true 2>/dev/null; then
+        check "an ordinary user enters as root" "$("${user[@]}" "${enter[@]}" sh -c 'id -u; echo a >/etc/hostsim_probe &&
+            cat /etc/hostsim_probe; /sbin/cfgread CP_APP tvLounge -f /etc/kos.ui.cp.conf; exit 4'; echo $?)" "0
+a
+1
+4"
+    else
+        echo "skip: this system gives ordinary users no namespaces"
+    fi
+    # Without the right to make namespaces: the largest numbers of them set to 0 for a child user namespace.
+    refused=$(unshare --user --map-root-user sh -c 'echo 0 >/proc/sys/user/max_mnt_namespaces
+        exec "$@"' sh "${enter[@]}" true 2>&1 && echo "entered" || echo $?)
+    check "a refusal is plain" "$(tail -n 1 <<<"$refused") $(grep -c '^hostsim/enter: ' <<<"$refused")" "125 2"
+fi
+
+exit $failed

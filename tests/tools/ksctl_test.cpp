@@ -1,0 +1,492 @@
+// ksctl as its users have it: the real program against real services.
+#include "kservice.h"
+#include "run_program.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <array>
+#include <atomic>
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <sstream>
+#include <string>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+namespace {
+
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::MatchesRegex;
+using testing::StartsWith;
+
+finished ksctl(std::vector<std::string> arguments, const std::string& input = "") {
+    arguments.insert(arguments.begin(), KSCTL_PROGRAM);
+    return run_program(arguments, input);
+}
+
+// What a service does with a request is decided by the command alone, so that workers share nothing with the test.
+int serve(const char* command, ks_io* io, int fd) {
+    size_t size = 0;
+    const char* text = static_cast<const char*>(ks_io_read(io, &size));
+    const std::string request(text != nullptr ? text : "", size);
+    const std::string what = command;
+    std::string reply;
+    if (what == "echo") {
+        reply = request;
+    } else if (what == "json") {
+        reply = R"({"z":1.50,"a":[],"m":{"k":"v: {\"}","n":[1,-2e3]},"o":{}})";
+    } else if (what == "bytes") {
+        reply = std::string("\x00\xFF{not json\n\n", 13);
+    } else if (what == "print") {
+        (void)!write(fd, "printed", 7);
+        reply = "done";
+    } else if (what == "has_fd") {
+        reply = fd >= 0 ? "yes" : "no";
+    }
+    if (what == "never") { // until the caller gives up
+        while (ks_io_alive(io) != 0) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+    } else if (what != "hang_up") {
+        ks_io_realloc(io, 0);
+        EXPECT_EQ(ks_io_write(io, reply.data(), reply.size()), static_cast<ssize_t>(reply.size()));
+        ks_reply(io);
+    }
+    if (fd >= 0) {
+        close(fd);
+    }
+    ks_io_free(io);
+    return 0;
+}
+
+class KsctlTest : public testing::Test {
+protected:
+    void SetUp() override {
+        std::string pattern = (std::filesystem::temp_directory_path() / "ksctl-XXXXXX").string();
+        ASSERT_NE(mkdtemp(pattern.data()), nullptr);
+        folder_ = pattern;
+        name_ = "@" + folder_ + "/s";
+    }
+    void TearDown() override {
+        if (service_ != nullptr) {
+            ks_free(service_);
+        }
+        std::filesystem::remove_all(folder_);
+    }
+    void start_service(const std::string& name) {
+        service_ = ks_create(name.c_str(), KS_STANDALONE | KS_PTHREAD_MODE, 1, serve);
+        ks_start(service_);
+    }
+
+    std::string folder_;
+    std::string name_;
+    ks_handle* service_ = nullptr;
+};
+
+// A socket that is served by the test itself, byte by byte.
+class raw_service {
+public:
+    explicit raw_service(const std::string& path) : listener_(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+        sockaddr_un address = {};
+        address.sun_family = AF_UNIX;
+        path.copy(address.sun_path, sizeof(address.sun_path) - 1);
+        EXPECT_EQ(bind(listener_, reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0);
+        EXPECT_EQ(listen(listener_, 1), 0);
+    }
+    ~raw_service() {
+        close(listener_);
+        if (thread_.joinable()) {
+            thread_.join();
+        }
+    }
+    raw_service(const raw_service&) = delete;
+    raw_service& operator=(const raw_service&) = delete;
+
+    void serve_one(std::function<void(int)> talk) {
+        thread_ = std::thread([this, talk = std::move(talk)] {
+            const int caller = accept(listener_, nullptr, nullptr);
+            talk(caller);
+            close(caller);
+        });
+    }
+
+private:
+    int listener_;
+    std::thread thread_;
+};
+
+int connect_to(const std::string& path) {
+    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    path.copy(address.sun_path, sizeof(address.sun_path) - 1);
+    EXPECT_EQ(connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0) << strerror(errno);
+    return fd;
+}
+
+std::string content_of(const std::string& path) {
+    std::ifstream file(path, std::ios::binary);
+    std::ostringstream text;
+    text << file.rdbuf();
+    return text.str();
+}
+
+// ---- call
+
+TEST_F(KsctlTest, CallPrintsTheReplyByteForByte) {
+    start_service(name_);
+    const finished bytes = ksctl({"call", name_, "bytes"});
+    EXPECT_EQ(bytes.status, 0);
+    EXPECT_EQ(bytes.out, std::string("\x00\xFF{not json\n\n", 13));
+    EXPECT_THAT(bytes.err, IsEmpty());
+}
+
+TEST_F(KsctlTest, CallTakesTheRequestFromArgumentFileAndStandardInput) {
+    start_service(name_);
+    std::ofstream(folder_ + "/request") << "from a file\n";
+    EXPECT_EQ(ksctl({"call", name_, "echo", R"([{"a":1},2])"}).out, R"([{"a":1},2])");
+    EXPECT_EQ(ksctl({"call", name_, "echo", "@" + folder_ + "/request"}).out, "from a file\n");
+    EXPECT_EQ(ksctl({"call", name_, "echo", "-"}, std::string("a\0b", 3)).out, std::string("a\0b", 3));
+    EXPECT_EQ(ksctl({"call", name_, "echo", "--", "-1"}).out, "-1");
+}
+
+TEST_F(KsctlTest, CallWithoutARequestSendsNothing) {
+    start_service(name_);
+    const finished call = ksctl({"call", name_, "echo"}, "not asked for");
+    EXPECT_EQ(call.status, 0);
+    EXPECT_THAT(call.out, IsEmpty());
+}
+
+TEST_F(KsctlTest, CommandMayBeNamedLikeASubcommand) {
+    start_service(name_);
+    EXPECT_EQ(ksctl({"call", name_, "echo", "list"}).out, "list");
+    EXPECT_EQ(ksctl({"call", name_, "ping"}).status, 0);
+}
+
+TEST_F(KsctlTest, PrettyIndentsJsonAndKeepsOrderAndNumbers) {
+    start_service(name_);
+    EXPECT_EQ(ksctl({"call", name_, "json", "--pretty"}).out, R"({
+  "z": 1.50,
+  "a": [],
+  "m": {
+    "k": "v: {\"}",
+    "n": [
+      1,
+      -2e3
+    ]
+  },
+  "o": {}
+}
+)");
+    EXPECT_EQ(ksctl({"call", name_, "echo", R"( {"a" : [ ] , "b":"\\"} )", "--pretty"}).out,
+              "{\n  \"a\": [],\n  \"b\": \"\\\\\"\n}\n");
+}
+
+TEST_F(KsctlTest, PrettyLeavesWhatIsNotJsonAlone) {
+    start_service(name_);
+    EXPECT_EQ(ksctl({"call", name_, "bytes", "--pretty"}).out, std::string("\x00\xFF{not json\n\n", 13));
+    EXPECT_EQ(ksctl({"call", name_, "echo", R"({"a":1} x)", "--pretty"}).out, R"({"a":1} x)");
+    const std::string deep(5000, '[');
+    EXPECT_EQ(ksctl({"call", name_, "echo", deep, "--pretty"}).out, deep);
+    EXPECT_THAT(ksctl({"call", name_, "echo", "--pretty"}).out, IsEmpty());
+}
+
+TEST_F(KsctlTest, OutputFileIsCreatedOrTruncatedAndHandedOver) {
+    start_service(name_);
+    const std::string path = folder_ + "/output";
+    umask(022);
+    EXPECT_EQ(ksctl({"call", name_, "print", "--output", path}).out, "done");
+    EXPECT_EQ(content_of(path), "printed");
+    EXPECT_EQ(std::filesystem::status(path).permissions(), std::filesystem::perms(0644));
+    std::ofstream(path) << "something longer than before";
+    EXPECT_EQ(ksctl({"call", name_, "print", "--output", path}).status, 0);
+    EXPECT_EQ(content_of(path), "printed");
+    EXPECT_EQ(ksctl({"call", name_, "has_fd", "--output", path}).out, "yes");
+    EXPECT_EQ(ksctl({"call", name_, "has_fd"}).out, "no");
+}
+
+TEST_F(KsctlTest, CallOfAnAbsentServiceIsStatus12) {
+    const finished call = ksctl({"call", name_, "echo"});
+    EXPECT_EQ(call.status, 12);
+    EXPECT_THAT(call.out, IsEmpty());
+    EXPECT_EQ(call.err, "ksctl: no such service: " + name_ + " (" + folder_ + "/s): No such file or directory\n");
+    { raw_service left_behind(folder_ + "/s"); }
+    EXPECT_EQ(ksctl({"call", name_, "echo"}).err,
+              "ksctl: no such service: " + name_ + " (" + folder_ + "/s): Connection refused\n");
+    EXPECT_THAT(ksctl({"call", "abc", "echo"}).err,
+                StartsWith("ksctl: no such service: abc (/var/run/ks/A9993E36.sock)"));
+}
+
+TEST_F(KsctlTest, CallOfAPausedServiceIsStatus13) {
+    start_service(name_);
+    ks_pause(service_);
+    const finished call = ksctl({"call", name_, "echo"});
+    EXPECT_EQ(call.status, 13);
+    EXPECT_EQ(call.err, "ksctl: service is paused: " + name_ + "\n");
+    ks_resume(service_);
+    EXPECT_EQ(ksctl({"call", name_, "echo"}).status, 0);
+}
+
+TEST_F(KsctlTest, CallThatIsRefusedIsStatus14) {
+    raw_service service(folder_ + "/s");
+    service.serve_one([](int caller) {
+        std::array<char, 259> refused = {5};
+        EXPECT_EQ(send(caller, refused.data(), refused.size(), MSG_NOSIGNAL), 259);
+    });
+    const finished call = ksctl({"call", name_, "echo"});
+    EXPECT_EQ(call.status, 14);
+    EXPECT_EQ(call.err, "ksctl: service refused the call: " + name_ + "\n");
+}
+
+TEST_F(KsctlTest, ConnectionThatEndsBeforeTheRequestIsTakenIsStatus15) {
+    raw_service service(folder_ + "/s");
+    service.serve_one([](int) {});
+    const finished call = ksctl({"call", name_, "echo"});
+    EXPECT_EQ(call.status, 15);
+    EXPECT_EQ(call.err, "ksctl: connection failed before the request was taken: " + name_ + " (" + folder_ + "/s)\n");
+}
+
+TEST_F(KsctlTest, CallOfAnOverloadedServiceIsStatus16) {
+    const rlimit many = {4096, 20000};
+    rlimit limit = {};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
+    limit.rlim_cur = std::min(many.rlim_cur, limit.rlim_max);
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
+    start_service(name_);
+    std::vector<int> callers;
+    callers.push_back(connect_to(folder_ + "/s"));
+    std::array<char, 259> accepted{};
+    ASSERT_EQ(recv(callers[0], accepted.data(), accepted.size(), MSG_WAITALL), 259); // it has the one worker now
+    ASSERT_EQ(accepted[0], 7);
+    for (int i = 0; i < 1000; ++i) {
+        callers.push_back(connect_to(folder_ + "/s"));
+    }
+    const finished call = ksctl({"call", name_, "echo"});
+    EXPECT_EQ(call.status, 16);
+    EXPECT_EQ(call.err, "ksctl: service is busy: " + name_ + "\n");
+    for (const int caller : callers) {
+        close(caller);
+    }
+}
+
+TEST_F(KsctlTest, ArgumentsTooLongForTheProtocolAreStatus17) {
+    const finished name = ksctl({"call", std::string(65, 'n'), "echo"});
+    EXPECT_EQ(name.status, 17);
+    EXPECT_THAT(name.err, StartsWith("ksctl: bad argument: "));
+    const finished command = ksctl({"call", name_, std::string(257, 'c')});
+    EXPECT_EQ(command.status, 17);
+    EXPECT_THAT(command.err, StartsWith("ksctl: bad argument: "));
+    EXPECT_EQ(ksctl({"call", name_, std::string(256, 'c')}).status, 12);
+    EXPECT_EQ(ksctl({"path", ""}).status, 17);
+}
+
+TEST_F(KsctlTest, RequestThatWasTakenButNotAnsweredIsStatus18) {
+    start_service(name_);
+    const finished call = ksctl({"call", name_, "hang_up"});
+    EXPECT_EQ(call.status, 18);
+    EXPECT_EQ(call.err, "ksctl: no reply: " + name_ + " took the request and ended the connection\n");
+}
+
+TEST_F(KsctlTest, CallGivesUpAfterFiveSecondsAtLeastWithStatus11) {
+    start_service(name_);
+    const auto begin = std::chrono::steady_clock::now();
+    const finished call = ksctl({"call", name_, "never", "--timeout", "1"});
+    const auto took = std::chrono::steady_clock::now() - begin;
+    EXPECT_EQ(call.status, 11);
+    EXPECT_EQ(call.err, "ksctl: time-out: " + name_ + " has the request, but gave no reply within 5 s\n");
+    EXPECT_GE(took, std::chrono::seconds(5));
+    EXPECT_LT(took, std::chrono::seconds(15));
+}
+
+TEST_F(KsctlTest, CallTellsWhenNobodyTookTheRequestInTime) {
+    raw_service nobody(folder_ + "/s");
+    const finished call = ksctl({"call", name_, "echo", "--timeout", "5"});
+    EXPECT_EQ(call.status, 11);
+    EXPECT_EQ(call.err, "ksctl: time-out: " + name_ + " took no request within 5 s\n");
+}
+
+TEST_F(KsctlTest, FilesThatCannotBeUsedAreStatus1) {
+    start_service(name_);
+    const finished unreadable = ksctl({"call", name_, "echo", "@" + folder_ + "/absent"});
+    EXPECT_EQ(unreadable.status, 1);
+    EXPECT_EQ(unreadable.err, "ksctl: cannot read " + folder_ + "/absent: No such file or directory\n");
+    const finished directory = ksctl({"call", name_, "echo", "@" + folder_});
+    EXPECT_EQ(directory.status, 1);
+    EXPECT_EQ(directory.err, "ksctl: cannot read " + folder_ + ": Is a directory\n");
+    const finished unwritable = ksctl({"call", name_, "echo", "--output", folder_ + "/no/where"});
+    EXPECT_EQ(unwritable.status, 1);
+    EXPECT_EQ(unwritable.err, "ksctl: cannot write " + folder_ + "/no/where: No such file or directory\n");
+}
+
+TEST_F(KsctlTest, StandardOutputThatNobodyReadsIsStatus1) {
+    start_service(name_);
+    running_program call({KSCTL_PROGRAM, "call", name_, "echo", "-"});
+    call.close_stdout();
+    call.write_stdin("text");
+    const finished ended = call.wait();
+    EXPECT_EQ(ended.status, 1);
+    EXPECT_EQ(ended.err, "ksctl: cannot write to standard output: Broken pipe\n");
+}
+
+// ---- path, list, wait
+
+TEST_F(KsctlTest, PathFollowsTheNamingRule) {
+    EXPECT_EQ(ksctl({"path", "abc"}).out, "/var/run/ks/A9993E36.sock\n");
+    EXPECT_EQ(ksctl({"path", "VexHubServer-vexprod"}).out, "/var/run/ks/5C7A9C5E.sock\n");
+    EXPECT_EQ(ksctl({"path", "VexHubServer_send_mail-vexprod"}).out, "/var/run/ks/3F26B522.sock\n");
+    EXPECT_EQ(ksctl({"path", "VexHubServer_notify-vexprod"}).out, "/var/run/ks/1D5DE6E8.sock\n");
+    EXPECT_EQ(ksctl({"path", "@/tmp/a.sock"}).out, "/tmp/a.sock\n");
+    EXPECT_EQ(ksctl({"path", "@/" + std::string(62, 'x')}).out, "/" + std::string(62, 'x') + "\n");
+    EXPECT_EQ(ksctl({"path", std::string(65, 'x')}).status, 17);
+}
+
+TEST_F(KsctlTest, ListShowsSocketsWithStateAndKnownNames) {
+    EXPECT_EQ(ksctl({"list"}).status, 0);
+    start_service("VexHubServer_notify-vexprod");
+    { raw_service left_behind("/var/run/ks/A9993E36.sock"); }
+    std::ofstream("/var/run/ks/5C7A9C5E.sock") << "not a socket";
+    const finished list = ksctl({"list"});
+    EXPECT_EQ(list.status, 0);
+    EXPECT_EQ(list.out, "/var/run/ks/1D5DE6E8.sock   up    VexHubServer_notify-vexprod\n"
+                        "/var/run/ks/A9993E36.sock   down  -\n");
+    std::filesystem::remove("/var/run/ks/A9993E36.sock");
+    std::filesystem::remove("/var/run/ks/5C7A9C5E.sock");
+}
+
+TEST_F(KsctlTest, WaitReturnsOnceTheServiceIsThere) {
+    running_program wait({KSCTL_PROGRAM, "wait", name_, "--timeout", "20"});
+    start_service(name_);
+    EXPECT_EQ(wait.wait().status, 0);
+}
+
+TEST_F(KsctlTest, WaitGivesUpAtItsTimeout) {
+    const finished wait = ksctl({"wait", name_, "--timeout", "0.1"});
+    EXPECT_EQ(wait.status, 11);
+    EXPECT_EQ(wait.err, "ksctl: time-out: " + name_ + " (" + folder_ + "/s) accepted no connection within 0.1 s\n");
+}
+
+// ---- listen, ping
+
+TEST_F(KsctlTest, ListenPrintsEachRequestAsItComesAndAnswers) {
+    running_program listen({KSCTL_PROGRAM, "listen", name_, "--reply", R"({"ok":1})"});
+    ASSERT_EQ(ksctl({"wait", name_}).status, 0);
+    EXPECT_EQ(ksctl({"call", name_, "notify_event", "{\"a\":1}\n"}).out, R"({"ok":1})");
+    EXPECT_EQ(listen.read_line(), R"(notify_event {"a":1})");
+    EXPECT_EQ(ksctl({"call", name_, "two", "a\nb\tc\x01"}).status, 0);
+    EXPECT_EQ(listen.read_line(), R"(two a\nb\tc\x01)");
+    EXPECT_EQ(ksctl({"call", name_, "empty"}).status, 0);
+    EXPECT_EQ(listen.read_line(), "empty");
+    listen.kill(SIGTERM);
+    const finished ended = listen.wait();
+    EXPECT_EQ(ended.status, 0);
+    EXPECT_THAT(ended.out, IsEmpty());
+    EXPECT_THAT(ended.err, IsEmpty());
+    EXPECT_FALSE(std::filesystem::exists(folder_ + "/s"));
+}
+
+TEST_F(KsctlTest, ListenEndsAfterItsCountAndAnswersBracesByDefault) {
+    running_program listen({KSCTL_PROGRAM, "listen", name_, "--count", "2"});
+    ASSERT_EQ(ksctl({"wait", name_}).status, 0);
+    EXPECT_EQ(ksctl({"call", name_, "first"}).out, "{}");
+    EXPECT_EQ(ksctl({"call", name_, "second"}).out, "{}");
+    const finished ended = listen.wait();
+    EXPECT_EQ(ended.status, 0);
+    EXPECT_EQ(ended.out, "first\nsecond\n");
+}
+
+TEST_F(KsctlTest, ListenEndsOnInterrupt) {
+    running_program listen({KSCTL_PROGRAM, "listen", name_});
+    ASSERT_EQ(ksctl({"wait", name_}).status, 0);
+    listen.kill(SIGINT);
+    EXPECT_EQ(listen.wait().status, 0);
+}
+
+TEST_F(KsctlTest, ListenEndsWhenNobodyReadsItsLines) {
+    running_program listen({KSCTL_PROGRAM, "listen", name_});
+    ASSERT_EQ(ksctl({"wait", name_}).status, 0);
+    listen.close_stdout();
+    EXPECT_EQ(ksctl({"call", name_, "command"}).status, 0);
+    const finished ended = listen.wait();
+    EXPECT_EQ(ended.status, 1);
+    EXPECT_EQ(ended.err, "ksctl: cannot write to standard output: Broken pipe\n");
+}
+
+TEST_F(KsctlTest, ListenTakesNothingAwayFromOthers) {
+    start_service(name_);
+    const finished served = ksctl({"listen", name_});
+    EXPECT_EQ(served.status, 1);
+    EXPECT_EQ(served.err, "ksctl: somebody else serves " + name_ + " (" + folder_ + "/s)\n");
+    EXPECT_EQ(ksctl({"call", name_, "echo", "still there"}).out, "still there");
+    std::ofstream(folder_ + "/file") << "data";
+    const finished file = ksctl({"listen", "@" + folder_ + "/file"});
+    EXPECT_EQ(file.status, 1);
+    EXPECT_EQ(file.err, "ksctl: not a socket: " + folder_ + "/file\n");
+    EXPECT_EQ(content_of(folder_ + "/file"), "data");
+    EXPECT_EQ(ksctl({"listen", "@relative"}).status, 17);
+    EXPECT_EQ(ksctl({"listen", "@" + folder_ + "/a/b/c"}).status, 1);
+}
+
+TEST_F(KsctlTest, PingPrintsALineForEachCallAndStatistics) {
+    start_service(name_);
+    const finished ping = ksctl({"ping", name_, "-c", "3", "--command", "json"});
+    EXPECT_EQ(ping.status, 0);
+    EXPECT_THAT(ping.out,
+                MatchesRegex("1: 57 bytes in [0-9.]+ ms\n2: 57 bytes in [0-9.]+ ms\n3: 57 bytes in [0-9.]+ ms\n"
+                             "3 calls, 3 answered, min/avg/max [0-9.]+/[0-9.]+/[0-9.]+ ms, "
+                             "p50/p90/p99 [0-9.]+/[0-9.]+/[0-9.]+ ms\n"));
+}
+
+TEST_F(KsctlTest, PingOfAPausedServiceHasNoTimes) {
+    start_service(name_);
+    ks_pause(service_);
+    const finished ping = ksctl({"ping", name_, "-c", "1"});
+    EXPECT_EQ(ping.status, 13);
+    EXPECT_EQ(ping.out, "1: service is paused: " + name_ + "\n1 calls, 0 answered\n");
+}
+
+// ---- the command line itself
+
+TEST_F(KsctlTest, WrongUsageIsStatus2) {
+    for (const std::vector<std::string>& arguments : {std::vector<std::string>{},
+                                                      {"call", name_},
+                                                      {"unknown"},
+                                                      {"call", name_, "a", "b", "c"},
+                                                      {"wait", name_, "--timeout", "-1"},
+                                                      {"ping", name_, "-c", "0"},
+                                                      {"call", name_, "a", "--timeout", "x"}}) {
+        const finished wrong = ksctl(arguments);
+        EXPECT_EQ(wrong.status, 2);
+        EXPECT_THAT(wrong.out, IsEmpty());
+        EXPECT_THAT(wrong.err, MatchesRegex("ksctl: [^\n]*\n"));
+    }
+}
+
+TEST_F(KsctlTest, HelpOfEachCommandEndsWithAnExample) {
+    EXPECT_THAT(ksctl({"--help"}).out,
+                HasSubstr("  18  the request was taken, and the connection ended without a reply"));
+    for (const char* command : {"call", "listen", "list", "path", "ping", "wait"}) {
+        const finished help = ksctl({command, "--help"});
+        EXPECT_EQ(help.status, 0);
+        EXPECT_THAT(help.out, HasSubstr(std::string("\nExample:\n  ksctl ") + command));
+    }
+}
+
+TEST_F(KsctlTest, VersionIsPrinted) {
+    const finished version = ksctl({"--version"});
+    EXPECT_EQ(version.status, 0);
+    EXPECT_THAT(version.out, MatchesRegex("ksctl [0-9]+\\.[0-9]+\\.[0-9]+\n"));
+}
+
+} // namespace

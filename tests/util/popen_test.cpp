@@ -1,0 +1,205 @@
+// The run-with-a-pipe calls, with real children.
+#include "runner.h"
+#include "scoped.h"
+#include "test_files.h"
+
+#include <gmock/gmock.h>
+
+#include <cerrno>
+#include <csignal>
+#include <fcntl.h>
+#include <sys/resource.h>
+#include <thread>
+
+namespace {
+
+std::string read_stream(FILE* stream) {
+    std::string text;
+    for (int c = 0; (c = std::fgetc(stream)) != EOF;) {
+        text.push_back(static_cast<char>(c));
+    }
+    return text;
+}
+
+class PopenTest : public testing::Test {
+protected:
+    test_folder folder;
+    const std::string out = folder / "out";
+    const std::string err = folder / "err";
+    const std::string input = folder / "in";
+};
+
+TEST_F(PopenTest, ModeRReadsTheChildsOutput) {
+    FILE* stream = lyn_vexprod_corvo_popen_v2(nullptr, out.c_str(), err.c_str(), "r", CHILD_PROBE, "both", nullptr);
+    ASSERT_NE(stream, nullptr);
+    EXPECT_EQ(read_stream(stream), "out1\nout2\n");
+    EXPECT_EQ(lyn_vexprod_corvo_pclose(stream), 0);
+    EXPECT_EQ(read_file(err), "err1\nerr2\n");
+    EXPECT_FALSE(file_exists(out)) << "the output file is ignored";
+}
+
+TEST_F(PopenTest, ModeRTakesInputFromTheNamedFile) {
+    write_file(input, "some input");
+    FILE* stream = lyn_vexprod_corvo_popen_v2(input.c_str(), nullptr, nullptr, "r", CHILD_PROBE, "copy", nullptr);
+    ASSERT_NE(stream, nullptr);
+    EXPECT_EQ(read_stream(stream), "some input");
+    EXPECT_EQ(lyn_vexprod_corvo_pclose(stream), 0);
+}
+
+TEST_F(PopenTest, ModeRDoesNotShareTheErrorFileWithTheIgnoredOutputFile) {
+    FILE* stream = lyn_vexprod_corvo_popen_v2(nullptr, out.c_str(), out.c_str(), "r", CHILD_PROBE, "both", nullptr);
+    ASSERT_NE(stream, nullptr);
+    EXPECT_EQ(read_stream(stream), "out1\nout2\n");
+    EXPECT_EQ(lyn_vexprod_corvo_pclose(stream), 0);
+    EXPECT_EQ(read_file(out), "err1\nerr2\n");
+}
+
+TEST_F(PopenTest, ModeWWritesTheChildsInput) {
+    FILE* stream =
+        lyn_vexprod_corvo_popen_v2("/no/such/input", out.c_str(), nullptr, "w", CHILD_PROBE, "copy", nullptr);
+    ASSERT_NE(stream, nullptr) << "the input file is ignored";
+    EXPECT_GE(std::fputs("to the child\n", stream), 0);
+    EXPECT_EQ(lyn_vexprod_corvo_pclose(stream), 0);
+    EXPECT_EQ(read_file(out), "to the child\n");
+}
+
+TEST_F(PopenTest, ModeWWithOneFileForBothStreamsHoldsThemInTheOrderWritten) {
+    FILE* stream = lyn_vexprod_corvo_popen_v2(nullptr, out.c_str(), out.c_str(), "w", CHILD_PROBE, "both", nullptr);
+    ASSERT_NE(stream, nullptr);
+    EXPECT_EQ(lyn_vexprod_corvo_pclose(stream), 0);
+    EXPECT_EQ(read_file(out), "out1\nerr1\nout2\nerr2\n");
+}
+
+TEST_F(PopenTest, ModeWWithoutFilesDiscards) {
+    FILE* stream = lyn_vexprod_corvo_popen_v2(nullptr, nullptr, nullptr, "w", CHILD_PROBE, "both", nullptr);
+    ASSERT_NE(stream, nullptr);
+    EXPECT_EQ(lyn_vexprod_corvo_pclose(stream), 0);
+}
+
+TEST_F(PopenTest, AnyOtherModeIsInvalid) {
+    for (const char* mode : {"rw", "", "a", "r+", "re", static_cast<const char*>(nullptr)}) {
+        errno = 0;
+        EXPECT_EQ(lyn_vexprod_corvo_popen_v2(nullptr, nullptr, nullptr, mode, CHILD_PROBE, "exit", "0", nullptr),
+                  nullptr);
+        EXPECT_EQ(errno, EINVAL);
+    }
+}
+
+TEST_F(PopenTest, VariadicAndVectorCallsDifferInWhoChoosesArgumentZero) {
+    std::string zero = "any/name";
+    std::string one = "report";
+    char* argv[] = {zero.data(), one.data(), nullptr};
+    const unique_pipe vector(lyn_vexprod_corvo_popen_v_v2(nullptr, nullptr, nullptr, "r", CHILD_PROBE, argv));
+    EXPECT_THAT(read_stream(vector.get()), testing::HasSubstr("argv=any/name\nargv=report\n"));
+    const unique_pipe variadic(
+        lyn_vexprod_corvo_popen_v2(nullptr, nullptr, nullptr, "r", CHILD_PROBE, "report", "x y", nullptr));
+    EXPECT_THAT(read_stream(variadic.get()), testing::HasSubstr("argv=child_probe\nargv=report\nargv=x y\n"));
+}
+
+TEST_F(PopenTest, ChildInheritsTheEnvironmentLessTheLibraryPath) {
+    ASSERT_EQ(::setenv("LD_LIBRARY_PATH", "/nowhere", 1), 0);
+    ASSERT_EQ(::setenv("OTHER_VARIABLE", "stays", 1), 0);
+    const unique_pipe stream(
+        lyn_vexprod_corvo_popen_v2(nullptr, nullptr, nullptr, "r", CHILD_PROBE, "report", nullptr));
+    const std::string report = read_stream(stream.get());
+    EXPECT_THAT(report, testing::HasSubstr("env=OTHER_VARIABLE=stays\n"));
+    EXPECT_THAT(report, testing::Not(testing::HasSubstr("LD_LIBRARY_PATH")));
+}
+
+TEST_F(PopenTest, CloseReturnsTheRawWaitStatus) {
+    EXPECT_EQ(lyn_vexprod_corvo_pclose(
+                  lyn_vexprod_corvo_popen_v2(nullptr, nullptr, nullptr, "r", CHILD_PROBE, "exit", "7", nullptr)),
+              0x700);
+    EXPECT_EQ(lyn_vexprod_corvo_pclose(
+                  lyn_vexprod_corvo_popen_v2(nullptr, nullptr, nullptr, "r", "/no/such/program", nullptr)),
+              32512);
+}
+
+TEST_F(PopenTest, ClosingEarlyEndsAChildThatStillWrites) {
+    FILE* stream = lyn_vexprod_corvo_popen_v2(nullptr, nullptr, nullptr, "r", CHILD_PROBE, "fill", "1000000", nullptr);
+    ASSERT_NE(stream, nullptr);
+    EXPECT_EQ(std::fgetc(stream), 'x');
+    const int status = lyn_vexprod_corvo_pclose(stream);
+    EXPECT_TRUE(WIFSIGNALED(status));
+    EXPECT_EQ(WTERMSIG(status), SIGPIPE);
+}
+
+TEST_F(PopenTest, CloseOfAnUnknownStreamLeavesItOpen) {
+    const unique_file own(std::fopen("/dev/null", "r"));
+    ASSERT_TRUE(own);
+    EXPECT_EQ(lyn_vexprod_corvo_pclose(own.get()), -1);
+    EXPECT_NE(::fcntl(::fileno(own.get()), F_GETFD), -1);
+    EXPECT_EQ(lyn_vexprod_corvo_pclose(nullptr), -1);
+}
+
+TEST_F(PopenTest, StreamsCloseInAnyOrderAndEachGivesItsOwnStatus) {
+    FILE* streams[4] = {};
+    for (int i = 0; i < 4; ++i) {
+        streams[i] = lyn_vexprod_corvo_popen_v2(nullptr, nullptr, nullptr, "r", CHILD_PROBE, "exit",
+                                                std::to_string(i).c_str(), nullptr);
+        ASSERT_NE(streams[i], nullptr);
+    }
+    for (const int i : {1, 3, 0, 2}) {
+        EXPECT_EQ(lyn_vexprod_corvo_pclose(streams[i]), i << 8);
+    }
+}
+
+TEST_F(PopenTest, ChildrenDoNotHoldOneAnothersPipes) {
+    // The second child would keep the first one's input open, and the first would never see its end.
+    FILE* first = lyn_vexprod_corvo_popen_v2(nullptr, nullptr, nullptr, "w", CHILD_PROBE, "drain", nullptr);
+    FILE* second = lyn_vexprod_corvo_popen_v2(nullptr, nullptr, nullptr, "w", CHILD_PROBE, "drain", nullptr);
+    ASSERT_NE(first, nullptr);
+    ASSERT_NE(second, nullptr);
+    EXPECT_EQ(lyn_vexprod_corvo_pclose(first), 0);
+    EXPECT_EQ(lyn_vexprod_corvo_pclose(second), 0);
+}
+
+TEST_F(PopenTest, FilesThatCannotBeOpenedGiveNullAndLeaveNoOutput) {
+    const std::string impossible = folder / "missing/file";
+    EXPECT_EQ(lyn_vexprod_corvo_popen_v2(input.c_str(), nullptr, err.c_str(), "r", CHILD_PROBE, nullptr), nullptr);
+    EXPECT_FALSE(file_exists(err));
+    EXPECT_EQ(lyn_vexprod_corvo_popen_v2(nullptr, impossible.c_str(), nullptr, "w", CHILD_PROBE, nullptr), nullptr);
+    EXPECT_EQ(lyn_vexprod_corvo_popen_v2(nullptr, out.c_str(), impossible.c_str(), "w", CHILD_PROBE, nullptr), nullptr);
+    EXPECT_EQ(errno, ENOENT);
+    EXPECT_FALSE(file_exists(out));
+}
+
+TEST_F(PopenTest, AFailedForkGivesNull) {
+    EXPECT_TRUE(passes_in_own_process([] {
+        const struct rlimit no_processes = {0, 0};
+        ASSERT_EQ(::setrlimit(RLIMIT_NPROC, &no_processes), 0);
+        ASSERT_EQ(::setgid(65534), 0);
+        ASSERT_EQ(::setuid(65534), 0);
+        EXPECT_EQ(lyn_vexprod_corvo_popen_v2(nullptr, nullptr, nullptr, "r", "/bin/true", nullptr), nullptr);
+        EXPECT_EQ(errno, EAGAIN);
+    }));
+}
+
+TEST_F(PopenTest, NoPipeToBeHadGivesNull) {
+    EXPECT_TRUE(passes_in_own_process([] {
+        const int first_free = ::dup(0);
+        ::close(first_free);
+        for (int more = 0; more < 4; ++more) { // no pipe, half of one, and the files beside it missing
+            const struct rlimit limit = {static_cast<rlim_t>(first_free + more), 20000};
+            ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &limit), 0);
+            const bool enough = more == 3;
+            FILE* stream = lyn_vexprod_corvo_popen_v2(nullptr, nullptr, nullptr, "r", "/bin/true", nullptr);
+            EXPECT_EQ(stream != nullptr, enough) << more;
+            EXPECT_EQ(lyn_vexprod_corvo_pclose(stream), enough ? 0 : -1);
+        }
+    }));
+}
+
+TEST_F(PopenTest, CloseWaitsOnWhenASignalArrives) {
+    EXPECT_TRUE(passes_in_own_process([] {
+        struct sigaction action = {};
+        action.sa_handler = [](int) {}; // no SA_RESTART: the wait is interrupted
+        ASSERT_EQ(::sigaction(SIGUSR1, &action, nullptr), 0);
+        FILE* stream = lyn_vexprod_corvo_popen_v2(nullptr, nullptr, nullptr, "w", "/bin/sh", "-c",
+                                                  "cat; kill -USR1 $PPID; kill -USR1 $PPID; exit 9", nullptr);
+        ASSERT_NE(stream, nullptr);
+        EXPECT_EQ(lyn_vexprod_corvo_pclose(stream), 0x900);
+    }));
+}
+
+} // namespace

@@ -1,0 +1,118 @@
+#include "exchange.h"
+
+#include "ksctl.h"
+#include "kservice.h"
+#include "service_socket.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstdint>
+#include <cstring>
+#include <limits>
+#include <memory>
+#include <unistd.h>
+
+namespace ksctl {
+
+namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::steady_clock;
+
+struct free_epoll {
+    void operator()(ks_epoll* epoll) const noexcept { ks_epoll_free(epoll); }
+};
+using unique_epoll = std::unique_ptr<ks_epoll, free_epoll>;
+
+// The result codes of the library as statuses and lines. `taken` = the service had the request already.
+outcome failure(unsigned code, bool taken, const std::string& service, const std::string& where, unsigned timeout_s) {
+    switch (code) {
+    case KS_TIMEOUT:
+        return {kTimeout,
+                "time-out: " + service +
+                    (taken ? " has the request, but gave no reply within " : " took no request within ") +
+                    std::to_string(timeout_s) + " s",
+                nullptr};
+    case KS_PAUSED:
+        return {kPaused, "service is paused: " + service, nullptr};
+    case KS_REFUSED:
+        return {kRefused, "service refused the call: " + service, nullptr};
+    case KS_BUSY:
+        return {kBusy, "service is busy: " + service, nullptr};
+    case KS_BAD_ARGUMENT:
+        return {kBadArgument, "bad argument: a service name has at most 64 characters, a command at most 256", nullptr};
+    default:
+        break;
+    }
+    if (taken) {
+        return {kNoReply, "no reply: " + service + " took the request and ended the connection", nullptr};
+    }
+    return {kDisconnected, "connection failed before the request was taken: " + service + " (" + where + ")", nullptr};
+}
+
+unsigned milliseconds_until(steady_clock::time_point deadline) {
+    const auto left = std::chrono::ceil<milliseconds>(deadline - steady_clock::now()).count();
+    return static_cast<unsigned>(std::clamp<int64_t>(left, 0, std::numeric_limits<int>::max()));
+}
+
+} // namespace
+
+unique_io make_request(std::string_view payload) {
+    unique_io request(ks_io_create());
+    while (!payload.empty()) {
+        const ssize_t count = ks_io_write(request.get(), payload.data(), payload.size());
+        if (count > 0) {
+            payload.remove_prefix(static_cast<size_t>(count));
+        } else if (count == 0 || errno != EINTR) {
+            return nullptr;
+        }
+    }
+    return request;
+}
+
+outcome exchange(const std::string& service, const std::string& command, unique_io request, unsigned timeout_s,
+                 int passfd) {
+    const unique_epoll epoll(ks_epoll_create());
+    const unsigned allowed_s = std::max(timeout_s, kShortestTimeoutS);
+    const auto deadline = steady_clock::now() + std::chrono::seconds(allowed_s);
+    unsigned code = ks_epoll_call(epoll.get(), service.c_str(), command.c_str(), request.get(), passfd);
+    if (code == KS_NO_SERVICE) {
+        const char* reason = strerror(errno);
+        return {kNoService, "no such service: " + service + " (" + service_path(service) + "): " + reason, nullptr};
+    }
+    if (code != KS_OK) {
+        return failure(code, false, service, "", allowed_s);
+    }
+    bool taken = false;
+    while (ks_epoll_perform(epoll.get(), milliseconds_until(deadline), &code) == nullptr) {
+        if (code == KS_TIMEOUT) {
+            ks_epoll_cancel(epoll.get(), request.get());
+            break;
+        }
+        taken = true; // no request ended and no time-out: this pass sent ours
+    }
+    if (code != KS_OK) {
+        return failure(code, taken, service, service_path(service), allowed_s);
+    }
+    return {kSuccess, "", std::move(request)};
+}
+
+std::string read_all(ks_io* reply) {
+    // Not from the mapping: the service holds the file, too, and could shorten it meanwhile.
+    std::string text(ks_io_size(reply), '\0');
+    size_t filled = 0;
+    while (filled < text.size()) {
+        const ssize_t count =
+            pread(ks_io_fileno(reply), text.data() + filled, text.size() - filled, static_cast<off_t>(filled));
+        if (count > 0) {
+            filled += static_cast<size_t>(count);
+        } else if (count == 0 || errno != EINTR) {
+            break;
+        }
+    }
+    text.resize(filled);
+    return text;
+}
+
+} // namespace ksctl

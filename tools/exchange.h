@@ -1,0 +1,36 @@
+// One call with all that can become of it. ks_call() has the same steps, but does not tell a connection that failed
+// before the service took the request from one that ended without a reply afterwards; for a caller that wants to try
+// again this is the difference that matters.
+#pragma once
+
+#include "scoped.h"
+
+#include <string>
+#include <string_view>
+
+namespace ksctl {
+
+/// Below this the library's own calls do not go, and neither do these.
+constexpr unsigned kShortestTimeoutS = 5;
+
+/// How a call ended.
+struct outcome {
+    int status = 0;    ///< An exit_status; 0 = there is a reply.
+    std::string error; ///< One line for people; empty when there is a reply.
+    unique_io reply;   ///< Null without a reply.
+};
+
+/// A new request that holds `payload`. @return Null and errno when the memory file does not take it.
+unique_io make_request(std::string_view payload);
+
+/// Calls `service` and waits.
+/// @param request    Taken over.
+/// @param timeout_s  Raised to kShortestTimeoutS.
+/// @param passfd     Borrowed descriptor to hand over, or -1.
+outcome exchange(const std::string& service, const std::string& command, unique_io request, unsigned timeout_s,
+                 int passfd);
+
+/// All bytes of a reply.
+std::string read_all(ks_io* reply);
+
+} // namespace ksctl

@@ -1,0 +1,105 @@
+// ksctl: talks to local services from the command line, for people and scripts.
+#include "ksctl.h"
+
+#include <CLI/CLI.hpp>
+
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <exception>
+#include <iostream>
+#include <string>
+#include <unistd.h>
+
+namespace ksctl {
+
+namespace {
+
+constexpr std::array kCommands = {&cmd_call, &cmd_listen, &cmd_list, &cmd_path, &cmd_ping, &cmd_wait};
+
+constexpr const char* kFooter =
+    "A SERVICE is a name, or \"@/path\" for a service that is published at a path of its own.\n"
+    "\n"
+    "Exit status:\n"
+    "   0  success; for a call: the reply has been printed\n"
+    "   1  a file or standard output cannot be read or written\n"
+    "   2  wrong usage\n"
+    "  11  time-out\n"
+    "  12  no such service\n"
+    "  13  the service is paused\n"
+    "  14  the service refused the call\n"
+    "  15  the connection failed before the request was taken\n"
+    "  16  the service is busy\n"
+    "  17  bad argument: service name over 64 or command over 256 characters\n"
+    "  18  the request was taken, and the connection ended without a reply\n"
+    "\n"
+    "ksctl COMMAND --help tells about one command.";
+
+int parse_and_run(int argc, char** argv) {
+    CLI::App app("Calls, watches and stands in for local services.", "ksctl");
+    app.set_version_flag("--version", "ksctl " KSCTL_VERSION);
+    app.footer(kFooter);
+    // Exactly one: the words after a subcommand are its own, also when one reads like another subcommand's name.
+    app.require_subcommand(1, 1);
+    app.failure_message([](const CLI::App*, const CLI::Error& error) {
+        return std::string("ksctl: ") + error.what() + " (see ksctl --help)\n";
+    });
+    std::function<int()> action;
+    for (const command* each : kCommands) {
+        CLI::App* subcommand = app.add_subcommand(each->name, each->summary);
+        const std::string details = each->details;
+        subcommand->footer(details + (details.empty() ? "" : "\n\n") + "Example:\n  " + each->example);
+        subcommand->callback([&action, body = each->declare(*subcommand)] { action = body; });
+    }
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        const bool asked = app.exit(error) == 0; // --help and --version come this way, too
+        if (!std::cout.flush()) {
+            return fail(kFailure, "cannot write to standard output: %s", strerror(errno));
+        }
+        return asked ? kSuccess : kUsage;
+    }
+    return action();
+}
+
+} // namespace
+
+int run(int argc, char** argv) {
+    // A reader that leaves early is an error to report, not a signal to die of.
+    (void)signal(SIGPIPE, SIG_IGN);
+    try {
+        return parse_and_run(argc, argv);
+    } catch (const std::exception& error) {
+        return fail(kFailure, "%s", error.what());
+    }
+}
+
+int fail(int status, const char* format, ...) {
+    std::array<char, 1024> message{};
+    va_list arguments;
+    va_start(arguments, format);
+    // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): the line above starts it
+    (void)vsnprintf(message.data(), message.size(), format, arguments);
+    va_end(arguments);
+    (void)fprintf(stderr, "ksctl: %s\n", message.data());
+    return status;
+}
+
+bool print(std::string_view text) {
+    while (!text.empty()) {
+        const ssize_t count = write(STDOUT_FILENO, text.data(), text.size());
+        if (count >= 0) {
+            text.remove_prefix(static_cast<size_t>(count));
+        } else if (errno != EINTR) {
+            (void)fail(kFailure, "cannot write to standard output: %s", strerror(errno));
+            return false;
+        }
+    }
+    return true;
+}
+
+} // namespace ksctl

@@ -1,0 +1,117 @@
+#include "host_config.h"
+
+#include "argument_vector.h"
+#include "read_fd.h"
+#include "runner.h"
+#include "scoped.h"
+#include "text.h"
+
+#include <array>
+#include <cstdio>
+#include <cstring>
+#include <string_view>
+#include <sys/stat.h>
+#include <utility>
+#include <vector>
+
+namespace {
+
+// What the tool is told to print for a missing field, and so recognised by: misspelt on both sides alike.
+constexpr const char* kMissing = "CFGREAD_FAILD";
+
+// The first line that comes from `fd`, with its newline, cut to `size` - 1 characters and ended by a NUL as text is.
+template <std::size_t size>
+std::array<char, size> read_first_line(int fd) {
+    std::array<char, size> line{};
+    std::size_t used = 0;
+    while (used < size - 1 && std::memchr(line.data(), '\n', used) == nullptr) {
+        const ssize_t count = read_some(fd, line.data() + used, size - 1 - used);
+        if (count <= 0) {
+            break;
+        }
+        used += static_cast<std::size_t>(count);
+    }
+    if (auto* newline = static_cast<char*>(std::memchr(line.data(), '\n', used)); newline != nullptr) {
+        newline[1] = '\0'; // within the array: `used` leaves the last character free
+    }
+    return line;
+}
+
+} // namespace
+
+int ks_get_ini_info(const char* file, const char* section, const char* field, std::string& value) {
+    std::vector<std::string> arguments = {"cfgread", section, field, "-c", "-d", kMissing};
+    if (file != nullptr) {
+        arguments.insert(arguments.end(), {"-f", file});
+    }
+    const argument_vector argv(std::move(arguments));
+    const unique_pipe tool(lyn_vexprod_corvo_popen_v_v2(nullptr, nullptr, nullptr, "r", "/sbin/cfgread", argv.data()));
+    if (!tool) {
+        return 0;
+    }
+    const auto line = read_first_line<128>(::fileno(tool.get()));
+    const std::string_view text(line.data());
+    if (text.empty() || text.starts_with(kMissing)) {
+        return 0;
+    }
+    value = text.substr(0, text.rfind('\n'));
+    return 1;
+}
+
+int system_call_hwctl_vpdget(const char* obj_index, std::string& value) {
+    std::array<char, 64> selector{};
+    (void)std::snprintf(selector.data(), selector.size(), "enc_sys_id=root,obj_index=%s", obj_index);
+    {
+        const unique_pipe tool(lyn_vexprod_corvo_popen_v2(nullptr, nullptr, nullptr, "r", "/sbin/hwctl",
+                                                          "--vpd_get_field", selector.data(), nullptr));
+        if (!tool) {
+            return -2;
+        }
+        value += read_to_end(::fileno(tool.get()));
+    }
+    std::vector<std::string> pieces = str_split_to_vector(value, "=", true);
+    if (pieces.size() != 2) {
+        return -2;
+    }
+    trim_front_and_end(pieces[1], " \n");
+    value = std::move(pieces[1]);
+    return 0;
+}
+
+void parser_VPD_ext_area_from_str(const std::string& text, std::string* out) {
+    *out = text;
+    trim_char(*out, " \n");
+}
+
+void parser_VPD_SN_from_str(const std::string& text, std::string* enc_sys_id, std::string* serial) {
+    constexpr std::size_t kEncSysIdOffset = std::string_view("enc_sys_id = ").size();
+    constexpr std::size_t kSerialOffset = std::string_view("SN = ").size();
+
+    const std::size_t key = text.find("enc_sys_id");
+    const std::size_t comma = text.find(',', key);
+    const std::size_t id_start = key + kEncSysIdOffset;
+    const std::size_t serial_start = text.find("SN") + kSerialOffset;
+    std::string id = text.substr(id_start, comma - id_start);
+    std::string number = text.substr(serial_start, text.size() - serial_start - 1); // less the newline at the end
+    *enc_sys_id = std::move(id);
+    *serial = std::move(number);
+}
+
+int get_ssl_protocol(std::string& out) {
+    out = "All -SSLv2 -SSLv3 -TLSv1 -TLSv1.1";
+    return 0;
+}
+
+int get_ssl_cipher(std::string& out) {
+    out = "EECDH+CHACHA20:EECDH+AES";
+    return 0;
+}
+
+int get_ssl_protocol_ver(std::string& /*out*/) {
+    return 0;
+}
+
+int get_uca_file_exist() {
+    struct stat status = {};
+    return ::stat("/etc/stunnel/uca.pem", &status) == 0 ? 1 : 0;
+}

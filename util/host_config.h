@@ -1,0 +1,36 @@
+// What the host knows about itself: its INI-style configuration, its product data, the fixed TLS settings.
+#ifndef VEXPROD_UTIL_HOST_CONFIG_H
+#define VEXPROD_UTIL_HOST_CONFIG_H
+
+#include <string>
+
+/// Reads one value of the host's configuration by the tool "/sbin/cfgread".
+/// @param file   The configuration file; null = the tool's own default.
+/// @param value  Receives the first line that the tool prints, at most 127 characters; untouched when nothing was
+/// found.
+/// @return Non-zero if a value was found (it may be empty), 0 otherwise. Mind: not the usual status convention.
+int ks_get_ini_info(const char* file, const char* section, const char* field, std::string& value);
+
+/// Reads one field of the hardware's product data by the tool "/sbin/hwctl".
+/// @param obj_index  Which field, as "0:9".
+/// @param value      Pass it empty: the tool's answer is appended. Receives the field's text.
+/// @return 0, or -2 when the tool could not be started or its answer is not one key, "=", one value; that answer then
+///         stays in `value`.
+int system_call_hwctl_vpdget(const char* obj_index, std::string& value);
+
+/// Sets `*out` to `text` without its blanks and newlines.
+void parser_VPD_ext_area_from_str(const std::string& text, std::string* out);
+
+/// Picks the values of "enc_sys_id" and "SN" out of a product-data text such as "enc_sys_id = abc, SN = 123\n".
+/// @param text  Must hold both keys: an offset beyond its end throws std::out_of_range, and both outputs stay
+/// untouched.
+void parser_VPD_SN_from_str(const std::string& text, std::string* enc_sys_id, std::string* serial);
+
+int get_ssl_protocol(std::string& out);     ///< Sets the protocol list of the host's web server. @return 0.
+int get_ssl_cipher(std::string& out);       ///< Sets its cipher list. @return 0.
+int get_ssl_protocol_ver(std::string& out); ///< KEPT: leaves `out` as it is. @return 0.
+
+/// @return 1 if the file of the certificate authority, "/etc/stunnel/uca.pem", exists, else 0.
+int get_uca_file_exist();
+
+#endif

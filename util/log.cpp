@@ -1,0 +1,156 @@
+#include "log.h"
+
+#include "environment.h"
+#include "runner.h"
+#include "scoped.h"
+#include "unique_fd.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <execinfo.h>
+#include <sys/stat.h>
+#include <sys/time.h>
+
+char cLogDirPath[256];
+char cLogFilePath[512];
+
+namespace {
+
+constexpr off_t kLargestUnrotatedBytes = 0x7FFFF;
+constexpr std::size_t kMessageLimit = 2047; // with its NUL
+constexpr std::size_t kLineSize = 2048;
+constexpr std::size_t kStampLength = 20; // of ctime's 24 characters: without the year, but with the blank before it
+
+// What stands before the message, "[<pid>] [<stamp>] ". ctime() looks at TZ and the host's zone file every time, which
+// costs more than all the rest of a line, so each thread keeps the text of the second that it last asked for.
+struct line_prefix {
+    std::time_t second = -1;
+    pid_t pid = 0; // a forked process has another
+    std::size_t length = 0;
+    char text[64] = {};
+};
+
+// Writes the present second as ctime() does, cut after its 20th character.
+void format_stamp(std::time_t second, char (&stamp)[40]) {
+    {
+        // ctime_r() alone would keep the zone of the first call for ever. TZ is read, so the environment must hold
+        // still; while somebody changes it, the zone of a moment ago will do.
+        const auto unchanged_environment = environment_try_lock();
+        if (unchanged_environment) {
+            ::tzset();
+        }
+    }
+    std::array<char, 64> whole{};
+    const char* text = ::ctime_r(&second, whole.data());
+    (void)std::snprintf(stamp, sizeof stamp, "%.*s", static_cast<int>(kStampLength), text == nullptr ? "" : text);
+}
+
+const line_prefix& current_prefix() {
+    thread_local line_prefix cached;
+    struct timeval now = {};
+    (void)::gettimeofday(&now, nullptr); // cannot fail with these arguments
+    const pid_t pid = ::getpid();
+    if (now.tv_sec != cached.second || pid != cached.pid) {
+        char stamp[40];
+        format_stamp(now.tv_sec, stamp);
+        cached.length =
+            static_cast<std::size_t>(std::snprintf(cached.text, sizeof cached.text, "[%05d] [%s] ", pid, stamp));
+        cached.second = now.tv_sec;
+        cached.pid = pid;
+    }
+    return cached;
+}
+
+using message_buffer = std::array<char, kMessageLimit>;
+
+void write_line(const char* file, const message_buffer& message) {
+    log_file_rotation(file);
+    const line_prefix& prefix = current_prefix();
+    const unique_fd log =
+        above_standard_streams(unique_fd(::open(file, O_RDWR | O_CREAT | O_APPEND | O_CLOEXEC, 0666)));
+    if (!log.ok()) {
+        return;
+    }
+    std::array<char, kLineSize> line;
+    char* end = std::copy_n(prefix.text, prefix.length, line.data());
+    const std::size_t room = line.size() - 1 - prefix.length; // a longer line loses its end, the newline first
+    const std::size_t length = std::strlen(message.data());
+    end = std::copy_n(message.data(), std::min(length, room), end);
+    if (length < room) {
+        *end++ = '\n';
+    }
+    // One write, so that no other line comes in between; one that fails is lost like one that cannot be opened.
+    [[maybe_unused]] const ssize_t written =
+        ::write(log.get(), line.data(), static_cast<std::size_t>(end - line.data()));
+}
+
+} // namespace
+
+void log_set_dir(const char* dir) {
+    struct stat status = {};
+    if (::stat(dir, &status) != 0) {
+        const int result = ::mkdir(dir, 0775);
+        if (result != 0) {
+            (void)std::printf("Error mkdir [%s] failed ret=%d\n", dir, result);
+            (void)std::fflush(stdout); // standard output may become a caller's before the buffer is full
+        }
+    }
+    (void)std::snprintf(cLogDirPath, sizeof cLogDirPath, "%s", dir);
+    (void)std::snprintf(cLogFilePath, sizeof cLogFilePath, "%s/%s", cLogDirPath, ".lyn_ks_vexprod.log");
+    (void)current_prefix(); // the first reading of the time zone, while there is one thread
+}
+
+void dbg_printf2(const char* fmt, ...) {
+    if (cLogFilePath[0] == '\0') {
+        (void)std::fputs("Log file path not set. Please call log_set_dir() first.\n", stderr);
+        return;
+    }
+    const int saved_errno = errno;
+    message_buffer message;
+    std::va_list arguments;
+    va_start(arguments, fmt);
+    (void)std::vsnprintf(message.data(), message.size(), fmt, arguments);
+    va_end(arguments);
+    write_line(cLogFilePath, message);
+    errno = saved_errno;
+}
+
+void dbg_printf(const char* file, const char* fmt, ...) {
+    const int saved_errno = errno;
+    message_buffer message;
+    std::va_list arguments;
+    va_start(arguments, fmt);
+    (void)std::vsnprintf(message.data(), message.size(), fmt, arguments);
+    va_end(arguments);
+    write_line(file, message);
+    errno = saved_errno;
+}
+
+void log_file_rotation(const char* file) {
+    struct stat status = {};
+    if (::stat(file, &status) != 0 || status.st_size <= kLargestUnrotatedBytes) {
+        return;
+    }
+    // By the host's tool, never rename(2). Two threads may both come here: the second moves the new file or finds none.
+    std::array<char, 256> backup{};
+    (void)std::snprintf(backup.data(), backup.size(), "%s.bak", file);
+    (void)lyn_vexprod_corvo_exec(nullptr, nullptr, nullptr, "/bin/mv", file, backup.data(), nullptr);
+}
+
+void vexprod_debug_backtrace_dump() {
+    std::array<void*, 100> frames{};
+    const int count = ::backtrace(frames.data(), static_cast<int>(frames.size()));
+    const unique_heap<char*> names(::backtrace_symbols(frames.data(), count));
+    if (names) {
+        for (int i = 0; i < count; ++i) {
+            dbg_printf2("[%s][%d] %s", __func__, __LINE__, names.get()[i]);
+        }
+    }
+    dbg_printf2("[%s][%d]==========================", __func__, __LINE__);
+    dbg_printf2("[%s][%d]%s", __func__, __LINE__, program_invocation_name);
+}

@@ -1,0 +1,34 @@
+// The daemon's debug log: one plain-text file, opened, appended to and closed for each line. There is no level, no
+// buffer and no lock; every line is one write(2) to a file opened for appending, so lines of different threads and
+// processes do not mix.
+//
+//     dbg_printf2("[%s][%d] ks_io input fail.", __func__, __LINE__);
+//
+// writes "[01234] [Sun Nov 15 11:36:48 ] [hos_x_handler][57] ks_io input fail." and a line feed. By the convention of
+// all callers a message begins with the function's name and the source line in brackets.
+#ifndef VEXPROD_UTIL_LOG_H
+#define VEXPROD_UTIL_LOG_H
+
+extern char cLogDirPath[256];  ///< The directory as passed to log_set_dir(), cut to fit; empty before.
+extern char cLogFilePath[512]; ///< The log file in it, ".lyn_ks_vexprod.log"; empty before.
+
+/// Names the log's directory and creates it, but not its parents. When it cannot be created, says so on standard output
+/// and sets the paths regardless. May be called again, which moves the log but no line of it; not while others log.
+void log_set_dir(const char* dir);
+
+/// Writes one line to the log. Before log_set_dir() says so on standard error instead, and the message is lost. A file
+/// that cannot be opened loses the line silently. The message is cut after 2046 characters, the whole line after 2047.
+/// Keeps errno. Any thread.
+void dbg_printf2(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
+
+/// The same for a file of the caller's.
+void dbg_printf(const char* file, const char* fmt, ...) __attribute__((format(printf, 2, 3)));
+
+/// Moves `file` to the same name with ".bak" appended, over an older one, when it has reached 524288 bytes.
+void log_file_rotation(const char* file);
+
+/// Writes the calling thread's stack to the log, one line a frame, innermost first, and the program's name. For the
+/// fatal-signal handler: it allocates, which is accepted as the last thing that the process does.
+void vexprod_debug_backtrace_dump();
+
+#endif

@@ -1,0 +1,174 @@
+// The run-with-a-pipe calls and the list of their open streams.
+#include "child.h"
+#include "environment.h"
+#include "redirection.h"
+#include "runner.h"
+#include "scoped.h"
+
+#include <array>
+#include <cerrno>
+#include <cstdarg>
+#include <cstring>
+#include <memory>
+#include <mutex>
+#include <new>
+#include <utility>
+
+namespace {
+
+// One stream that is not closed yet.
+struct open_pipe {
+    open_pipe* next; // older; null = the oldest
+    FILE* stream;    // the caller's
+    pid_t pid;       // the child to wait for
+};
+
+// Newest first. The nodes in the list are owned by it. It is never torn down: at exit other threads may still be in
+// their calls. A child needs no walk over it to close its brothers' pipes: it closes everything above 2, and all
+// descriptors of the runner are close-on-exec besides.
+open_pipe* pidlist = nullptr;
+std::mutex pidlist_mutex;
+
+void remember(std::unique_ptr<open_pipe> node) {
+    const std::lock_guard lock(pidlist_mutex);
+    node->next = pidlist;
+    pidlist = node.release();
+}
+
+// Takes the stream's node out of the list. @return Nothing when the stream is not in it.
+std::unique_ptr<open_pipe> forget(const FILE* stream) {
+    const std::lock_guard lock(pidlist_mutex);
+    for (open_pipe** link = &pidlist; *link != nullptr; link = &(*link)->next) {
+        if ((*link)->stream == stream) {
+            std::unique_ptr<open_pipe> node(*link);
+            *link = node->next;
+            return node;
+        }
+    }
+    return nullptr;
+}
+
+// One call, as its caller made it. All pointers are borrowed; the file names may be null.
+struct pipe_request {
+    const char* stdin_file;  // null when the caller writes
+    const char* stdout_file; // null when the caller reads
+    const char* stderr_file;
+    const char* mode; // "r" or "w"
+    const char* path;
+    char* const* argv;
+
+    [[nodiscard]] bool caller_reads() const { return mode[0] == 'r'; }
+};
+
+bool valid_mode(const char* mode) {
+    return mode != nullptr && (std::strcmp(mode, "r") == 0 || std::strcmp(mode, "w") == 0);
+}
+
+// Makes the pipe: one end for the caller, the other in its place among the child's streams.
+bool open_pipe_ends(const pipe_request& request, unique_fd* ret_caller_end, child_streams* ret_streams) {
+    std::array<int, 2> ends = {-1, -1};
+    if (::pipe2(ends.data(), O_CLOEXEC) != 0) {
+        return false;
+    }
+    unique_fd read_end(ends[0]);
+    unique_fd write_end(ends[1]);
+    read_end = above_standard_streams(std::move(read_end));
+    write_end = above_standard_streams(std::move(write_end));
+    if (!read_end.ok() || !write_end.ok()) {
+        return false;
+    }
+    *ret_caller_end = std::move(request.caller_reads() ? read_end : write_end);
+    (request.caller_reads() ? ret_streams->out : ret_streams->in) =
+        std::move(request.caller_reads() ? write_end : read_end);
+    return true;
+}
+
+// Opens the redirections beside the pipe. On failure those output files that this call opened are removed.
+bool open_other_streams(const pipe_request& request, child_streams* ret_streams) {
+    bool shared = false;
+    if (request.caller_reads()) {
+        if (request.stdin_file != nullptr) {
+            ret_streams->in = open_input(request.stdin_file);
+            if (!ret_streams->in.ok()) {
+                return false;
+            }
+        }
+    } else {
+        ret_streams->out = open_output(request.stdout_file);
+        if (!ret_streams->out.ok()) {
+            return false;
+        }
+        shared = same_file_name(request.stdout_file, request.stderr_file);
+    }
+    ret_streams->err = open_error(request.stderr_file, shared ? ret_streams->out.get() : -1);
+    if (!ret_streams->err.ok()) {
+        const int saved_errno = errno;
+        remove_output(request.stdout_file);
+        errno = saved_errno;
+        return false;
+    }
+    return true;
+}
+
+// Everything that can fail or allocate comes before the child, so that no child is ever left without its stream.
+FILE* start_with_pipe(const pipe_request& request) noexcept {
+    try {
+        const environment_snapshot environment = environment_snapshot::own_without(kLibraryPathVariable);
+        auto node = std::make_unique<open_pipe>();
+        child_streams streams;
+        unique_fd caller_end;
+        if (!open_pipe_ends(request, &caller_end, &streams) || !open_other_streams(request, &streams)) {
+            return nullptr;
+        }
+        unique_file stream(::fdopen(caller_end.get(), request.mode));
+        if (!stream) {
+            return nullptr;
+        }
+        (void)caller_end.release(); // the stream closes it now
+        node->pid = start_child(request.path, request.argv, environment.envp(), streams);
+        if (node->pid < 0) {
+            return nullptr;
+        }
+        node->stream = stream.get();
+        remember(std::move(node));
+        return stream.release();
+    } catch (const std::bad_alloc&) {
+        errno = ENOMEM;
+        return nullptr;
+    }
+}
+
+} // namespace
+
+FILE* lyn_vexprod_corvo_popen_v_v2(const char* stdin_file, const char* stdout_file, const char* stderr_file,
+                                   const char* mode, const char* path, char* const* argv) {
+    if (!valid_mode(mode)) {
+        errno = EINVAL;
+        return nullptr;
+    }
+    const bool caller_reads = mode[0] == 'r';
+    return start_with_pipe(
+        {caller_reads ? stdin_file : nullptr, caller_reads ? nullptr : stdout_file, stderr_file, mode, path, argv});
+}
+
+FILE* lyn_vexprod_corvo_popen_v2(const char* stdin_file, const char* stdout_file, const char* stderr_file,
+                                 const char* mode, const char* path, ...) {
+    std::va_list arguments;
+    va_start(arguments, path);
+    const auto argv = collect_arguments(path, arguments);
+    va_end(arguments);
+    if (!argv) {
+        errno = ENOMEM;
+        return nullptr;
+    }
+    return lyn_vexprod_corvo_popen_v_v2(stdin_file, stdout_file, stderr_file, mode, path, argv->data());
+}
+
+int lyn_vexprod_corvo_pclose(FILE* stream) {
+    const std::unique_ptr<open_pipe> node = forget(stream);
+    if (!node) {
+        return -1;
+    }
+    (void)std::fclose(node->stream); // ends the child's input or output; what it makes of that is in its status
+    return wait_for_child(node->pid);
+}

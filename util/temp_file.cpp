@@ -1,0 +1,58 @@
+#include "temp_file.h"
+
+#include "read_fd.h"
+#include "unique_fd.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <limits>
+#include <utility>
+
+temp_file::temp_file() noexcept {
+    char path[sizeof path_] = "/tmp/vexprod-XXXXXX";
+    const unique_fd created(::mkostemp(path, O_CLOEXEC));
+    if (created.ok()) {
+        std::memcpy(path_, path, sizeof path_);
+        owned_ = true;
+    }
+}
+
+temp_file::temp_file(temp_file&& other) noexcept : owned_(std::exchange(other.owned_, false)) {
+    std::memcpy(path_, other.path_, sizeof path_);
+}
+
+temp_file& temp_file::operator=(temp_file&& other) noexcept {
+    if (this != &other) {
+        if (owned_) {
+            (void)remove();
+        }
+        std::memcpy(path_, other.path_, sizeof path_);
+        owned_ = std::exchange(other.owned_, false);
+    }
+    return *this;
+}
+
+temp_file::~temp_file() {
+    if (owned_) {
+        (void)remove(); // whoever must know calls remove() itself
+    }
+}
+
+std::string temp_file::read_all() const {
+    return read_at_most(std::numeric_limits<std::size_t>::max());
+}
+
+std::string temp_file::read_at_most(std::size_t limit_bytes) const {
+    const unique_fd file(::open(path_, O_RDONLY | O_CLOEXEC));
+    return file.ok() ? read_to_end(file.get(), limit_bytes) : std::string();
+}
+
+int temp_file::remove() noexcept {
+    owned_ = false;
+    return ::unlink(path_);
+}
+
+const char* temp_file::release() noexcept {
+    owned_ = false;
+    return path_;
+}
