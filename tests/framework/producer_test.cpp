@@ -176,26 +176,27 @@ TEST(ProducerTest, PausedTurnsNewCallersAwayAndKeepsTheWaiting) {
     EXPECT_EQ(support::call(one.name(), "c", "", &reply), 0U);
 }
 
+// One that has just answered may not have reported ready when the next caller comes, so the turns are not to the point.
 TEST(ProducerTest, ConsumersTakeTurns) {
-    static std::atomic<int> next = 0;
-    thread_local int mine = -1;
-    next = 0;
+    static std::atomic<size_t> next = 0;
+    static std::atomic<int> served[3] = {};
+    thread_local size_t mine = 3;
     const service one(5, 3, [](const char*, ks_io* io, int) {
-        if (mine < 0) {
+        if (mine == 3) {
             mine = next++;
         }
-        support::answer(io, std::to_string(mine));
+        ++served[mine];
+        support::answer(io, "");
         return 0;
     });
-    std::string order;
-    for (int i = 0; i < 9; ++i) {
+    for (int i = 0; i < 300; ++i) {
         std::string reply;
         ASSERT_EQ(support::call(one.name(), "c", "", &reply), 0U);
-        order += reply;
     }
-    EXPECT_EQ(order.substr(0, 3), order.substr(3, 3));
-    EXPECT_EQ(order.substr(0, 3), order.substr(6, 3));
-    EXPECT_EQ(next, 3);
+    EXPECT_EQ(next, 3U);
+    for (const auto& each : served) {
+        EXPECT_GE(each, 60) << "the first that is idle would always be the same";
+    }
 }
 
 TEST(ProducerTest, WaitingCallerThatHangsUpCostsNothing) {
