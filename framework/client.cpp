@@ -2,6 +2,7 @@
 //
 // A request in flight is a ks_io whose socket is registered in a ks_epoll with the object itself as event data; the
 // caller of ks_epoll_call() keeps owning it. Whatever fails, io_reset() leaves it empty and usable for the next call.
+// ks_call() has one request only, and waits for its socket alone.
 #include "internal.h"
 
 #include <cerrno>

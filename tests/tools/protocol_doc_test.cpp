@@ -8,10 +8,10 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <regex>
 #include <sstream>
 #include <string>
 #include <unistd.h>
+#include <vector>
 
 namespace {
 
@@ -117,15 +117,11 @@ TEST_F(ProtocolDocumentTest, PrintedClientTellsWhyThereIsNoReply) {
 }
 
 TEST_F(ProtocolDocumentTest, PrintedSocketPathsAreTheLibrarys) {
-    const std::regex row(R"(\| `([^`]+)` \| `(/var/run/ks/[^`]+)` \|)");
-    int rows = 0;
-    for (std::sregex_iterator match(document_.begin(), document_.end(), row), end; match != end; ++match) {
-        ks_handle* service = ks_create((*match)[1].str().c_str(), KS_PTHREAD_MODE, 1, serve);
-        EXPECT_EQ((*match)[2].str(), service->sockfile);
+    for (const char* name : {"VexHubServer-vexprod", "VexHubServer_send_mail-vexprod", "VexHubServer_notify-vexprod"}) {
+        ks_handle* service = ks_create(name, KS_PTHREAD_MODE, 1, serve);
+        EXPECT_THAT(document_, HasSubstr(std::string("| `") + name + "` | `" + service->sockfile + "` |"));
         ks_free(service);
-        ++rows;
     }
-    EXPECT_EQ(rows, 3);
 }
 
 } // namespace
