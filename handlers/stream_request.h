@@ -10,12 +10,10 @@
 
 #include <json/value.h>
 
-#include <source_location>
-
 /// Reads the request of `io`.
 /// @param ret_request  Receives the object; untouched on failure.
 /// @return False with "input error" in the reply of `call` when the text is not JSON or is no object.
 [[nodiscard]] bool parse_stream_request(handler_call& call, const ks_io* io, Json::Value* ret_request,
-                                        std::source_location where = std::source_location::current());
+                                        int line = __builtin_LINE());
 
 #endif
