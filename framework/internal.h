@@ -10,6 +10,7 @@
 
 #include "kservice.h"
 
+#include <csignal>
 #include <ctime>
 
 // Aborts with the fixed line unless `condition` holds. `text` is the condition as the line shows it, given as a
@@ -115,6 +116,7 @@ struct service {
     bool stop_requested;     // somebody has asked this run to stop
     bool published;          // the socket's file is there and ours to remove
     bool join_claimed;       // KS_STANDALONE: somebody joins the producer's thread and frees the table
+    sigset_t thread_mask;    // the signal mask of ks_start()'s caller, for the threads of the run
     unsigned users;          // threads inside ks_start() and ks_stop(); ks_free() waits for them
     uint8_t pause_requested; // what ks_pause() and ks_resume() last said; ks_stop() overwrites `paused` only
 

@@ -53,6 +53,9 @@ public:
     locked(const locked&) = delete;
     locked& operator=(const locked&) = delete;
 
+    // The thread's own mask.
+    [[nodiscard]] const sigset_t& mask_before() const { return before_; }
+
     void wait() { pthread_cond_wait(&self_->changed, &self_->lock); }
     void wake_all() { pthread_cond_broadcast(&self_->changed); }
 
@@ -79,10 +82,17 @@ private:
     const service* before_;
 };
 
+// First thing in a thread of the service, which is started with all signals blocked: a handler must not run on it before
+// it is marked. The mark stays until the thread is gone.
+void engage_thread(const service* self) {
+    engaged = self;
+    pthread_sigmask(SIG_SETMASK, &self->thread_mask, nullptr);
+}
+
 // Thread start routines must be plain functions of one pointer.
 void* consumer_thread(void* argument) {
     const auto* start = static_cast<const service::consumer_start*>(argument);
-    const engagement here(start->self);
+    engage_thread(start->self);
     run_consumer(start->worker);
     return nullptr;
 }
@@ -93,7 +103,12 @@ bool start_thread(pthread_t* ret_thread, void* (*routine)(void*), void* argument
     pthread_attr_setscope(&attr, PTHREAD_SCOPE_SYSTEM);
     // KEPT: without PTHREAD_EXPLICIT_SCHED the policy is inherited, so this has no effect.
     pthread_attr_setschedpolicy(&attr, SCHED_RR);
+    sigset_t all;
+    sigset_t before;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &before); // until engage_thread()
     const bool started = pthread_create(ret_thread, &attr, routine, argument) == 0;
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
     pthread_attr_destroy(&attr);
     return started;
 }
@@ -206,7 +221,7 @@ void set_serving(service* self) {
 // long as the service.
 void* producer_thread(void* argument) {
     service* self = static_cast<service*>(argument);
-    const engagement here(self);
+    engage_thread(self);
     if ((self->handle.mode & KS_PROCESS_MODE) != 0) {
         start_all_consumers(self);
     }
@@ -401,6 +416,7 @@ void ks_start(ks_handle* handle) {
         ks::set_byte(&handle->paused, __atomic_load_n(&self->pause_requested, __ATOMIC_RELAXED));
         self->stop_requested = false;
         self->join_claimed = false;
+        self->thread_mask = guard.mask_before();
         __atomic_store_n(&handle->worker, table, __ATOMIC_RELEASE);
         self->state = service::phase::starting;
         ++self->generation;

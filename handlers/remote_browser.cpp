@@ -92,7 +92,8 @@ int hos_web_kiosk_handler(ks_io* io, int /*fd*/) {
     const std::string action = request.get("action", "remove").asString(); // KEPT: the default is no known action
     const Json::Value rules = request.get("rule_list", Json::Value(Json::arrayValue));
     const std::string auth_token = request.get("auth_token", "").asString();
-    if (rules.size() == 0) { // before the action: a deletion needs a rule as well
+    const Json::ArrayIndex rule_count = rules.size(); // of anything but a list or an object as well: 0
+    if (rule_count == 0) {                            // before the action: a deletion needs a rule as well
         dbg_printf2("[%s][%d] jRuleList is empty", __func__, __LINE__);
         call.reply()["error_msg"] = "jRuleList is empty";
         call.reply()["error_code"] = -5;

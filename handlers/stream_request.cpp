@@ -6,7 +6,7 @@
 #include <string>
 #include <utility>
 
-bool parse_stream_request(handler_call& call, const ks_io* io, Json::Value* ret_request, handler_call::location where) {
+bool parse_stream_request(handler_call& call, const ks_io* io, Json::Value* ret_request, int line) {
     Json::Value request;
     std::string error;
     if (json_parse_stream(request_text(io), &request, &error)) {
@@ -16,7 +16,7 @@ bool parse_stream_request(handler_call& call, const ks_io* io, Json::Value* ret_
         }
         error = "not an object";
     }
-    dbg_printf2("[%s][%d] parse strInputArg failed, error=[%s]", call.function(), where.line, error.c_str());
+    dbg_printf2("[%s][%d] parse strInputArg failed, error=[%s]", call.function(), line, error.c_str());
     call.reject("input error");
     return false;
 }

@@ -14,6 +14,6 @@
 /// @param ret_request  Receives the object; untouched on failure.
 /// @return False with "input error" in the reply of `call` when the text is not JSON or is no object.
 [[nodiscard]] bool parse_stream_request(handler_call& call, const ks_io* io, Json::Value* ret_request,
-                                        handler_call::location where = handler_call::location::current());
+                                        int line = __builtin_LINE());
 
 #endif
