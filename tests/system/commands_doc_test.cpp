@@ -49,7 +49,7 @@ std::string example_reply(const documented_command& command) {
 /// Whether a line of the entry tells of that answer.
 bool is_documented(const documented_command& command, const answer& got) {
     if (!got) {
-        return !command.lines_of("No reply").empty();
+        return !command.lines_of("No reply").empty() || !command.lines_of("No reply to").empty();
     }
     const auto replies = command.lines_of("Replies");
     return std::any_of(replies.begin(), replies.end(),
@@ -58,6 +58,15 @@ bool is_documented(const documented_command& command, const answer& got) {
 
 std::string shown(const answer& got) {
     return got ? "reply " + *got : "no reply";
+}
+
+/// "`CODE`" at the beginning of `text`, behind `word`.
+std::optional<std::string> code_after(const std::string& text, const std::string& word) {
+    if (!text.starts_with(word + "`")) {
+        return std::nullopt;
+    }
+    const std::size_t begin = word.size() + 1;
+    return text.substr(begin, text.find('`', begin) - begin);
 }
 
 Json::Value parsed(const std::string& text) {
@@ -239,10 +248,9 @@ void expect_documented_uses(const documented_command& command) {
 
 void expect_documented_traces(const documented_command& command) {
     for (const documented_line& line : command.lines_of("Calls")) { // "`FUNCTION` of `LIBRARY`"
-        const std::size_t begin = line.text.find('`') + 1;
-        const std::string library = line.text.substr(begin, line.text.rfind('`') - begin);
+        const std::string library = code_after(line.text, " of ").value();
         const std::string log = read_file(std::string(kRecords) + "/" + record_name(library) + "/log");
-        EXPECT_TRUE(log.starts_with(line.code.at(0))) << log;
+        EXPECT_EQ(log.substr(0, log.find_first_of(" \n")), line.code.at(0)) << log;
     }
     for (const documented_line& line : command.lines_of("Writes")) {
         EXPECT_TRUE(file_exists(filled(line.code.at(0), command))) << line.code.at(0);
@@ -368,6 +376,36 @@ TEST_F(CommandsDocumentTest, TextsThatAreNotJsonAreRefusedAsPrintedOrNotRead) {
         } else {
             provide_all(command);
             EXPECT_EQ(send(command, "{").value_or("no reply"), example_reply(command));
+        }
+    }
+}
+
+TEST_F(CommandsDocumentTest, RequestsBesideOtherRepliesGetThese) {
+    for (const documented_command& command : commands_) {
+        SCOPED_TRACE(command.service + " " + command.name);
+        for (const documented_line& line : command.lines_of("Replies")) {
+            if (const auto request = code_after(line.text, " to ")) {
+                provide_all(command);
+                const answer got = send(command, *request);
+                EXPECT_TRUE(got && fits(line.code.at(0) + "\n", *got)) << *request << "\n" << shown(got);
+            }
+        }
+        for (const documented_line& line : command.lines_of("No reply to")) {
+            provide_all(command);
+            EXPECT_EQ(send(command, line.code.at(0)), std::nullopt) << line.code.at(0);
+        }
+    }
+}
+
+TEST_F(CommandsDocumentTest, FailuresOfLibrariesEndAsPrinted) {
+    for (const documented_command& command : commands_) {
+        SCOPED_TRACE(command.service + " " + command.name);
+        for (const documented_line& line : command.lines_of("Calls")) {
+            const std::string library = code_after(line.text, " of ").value();
+            fs::rename(library, library + ".away");
+            const answer got = send(command, command.request);
+            EXPECT_TRUE(is_documented(command, got)) << shown(got);
+            fs::rename(library + ".away", library);
         }
     }
 }
