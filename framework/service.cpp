@@ -82,8 +82,8 @@ private:
     const service* before_;
 };
 
-// First thing in a thread of the service, which is started with all signals blocked: a handler must not run on it before
-// it is marked. The mark stays until the thread is gone.
+// First thing in a thread of the service, which is started with all signals blocked: a handler must not run on it
+// before it is marked. The mark stays until the thread is gone.
 void engage_thread(const service* self) {
     engaged = self;
     pthread_sigmask(SIG_SETMASK, &self->thread_mask, nullptr);
