@@ -14,19 +14,16 @@
 namespace {
 
 // "/dev/null", open for the life of the process: standard output can be pointed back at it also when no descriptor is
-// left to open it anew.
-int null_device() {
-    static const int fd = [] {
-        const int opened = open("/dev/null", O_WRONLY | O_CLOEXEC);
-        if (opened < 0 || opened > STDERR_FILENO) {
-            return opened;
-        }
-        const int moved = fcntl(opened, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
-        close(opened);
-        return moved;
-    }();
-    return fd;
-}
+// left to open it anew. Opened with the library, before any request.
+const int null_device = [] {
+    const int opened = open("/dev/null", O_WRONLY | O_CLOEXEC);
+    if (opened < 0 || opened > STDERR_FILENO) {
+        return opened;
+    }
+    const int moved = fcntl(opened, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+    close(opened);
+    return moved;
+}();
 
 const command_entry* find(std::span<const command_entry> table, const char* command) {
     for (const command_entry& entry : table) {
@@ -60,11 +57,11 @@ int dispatch(std::span<const command_entry> table, const char* command, ks_io* i
         dup2(fd, STDOUT_FILENO);
         // Closes the descriptor and leaves "/dev/null" at its number for the second close() below. An empty number
         // could be taken by another request's descriptor meanwhile, and that one would be closed instead.
-        dup3(null_device(), fd, O_CLOEXEC);
+        dup3(null_device, fd, O_CLOEXEC);
     }
     run_on_own_thread(&request);
     (void)fflush(stdout); // what the handler printed belongs to its caller
-    dup2(null_device(), STDOUT_FILENO);
+    dup2(null_device, STDOUT_FILENO);
     if (fd >= 0) {
         close(fd); // KEPT: closed once more
     }

@@ -8,8 +8,8 @@
 
 #include "kservice.h"
 
-/// Serves one request of the main service or of the mail service. Takes over `io` (may be null) and `fd` (-1 = none);
-/// both are gone when it returns. An unknown command ends the caller's connection without a reply.
+/// Serves one request of the main service or of the mail service. Takes over `io` and `fd` (-1 = none); both are gone
+/// when it returns. An unknown command ends the caller's connection without a reply.
 /// @return 0, always.
 int service_handler(const char* command, ks_io* io, int fd);
 int sendmail_service_handler(const char* command, ks_io* io, int fd);

@@ -95,7 +95,11 @@ void stop_service(int /*signum*/) {
 
 // The dump allocates. After a crash inside malloc() it may wait for ever, and then the alarm ends the process.
 void dump_backtrace_service(int /*signum*/) {
-    (void)signal(SIGALRM, SIG_DFL);
+    (void)signal(SIGALRM, [](int) { (void)raise(SIGKILL); });
+    sigset_t alarm_alone;
+    sigemptyset(&alarm_alone);
+    sigaddset(&alarm_alone, SIGALRM);
+    pthread_sigmask(SIG_UNBLOCK, &alarm_alone, nullptr);
     (void)alarm(kCrashSeconds);
     vexprod_debug_backtrace_dump();
     (void)raise(SIGKILL);
@@ -228,6 +232,8 @@ void free_all_obj() {
 } // namespace
 
 int run_daemon(int argc, char** argv) {
+    // A starter that ignored SIGCHLD handed that down, and then no child could be waited for.
+    (void)signal(SIGCHLD, SIG_DFL);
     (void)raise_descriptor_limit(); // every waiting caller holds one; without it the daemon just serves fewer
     (void)environment_unset("LD_LIBRARY_PATH");
 

@@ -17,7 +17,8 @@ options read_options(int argc, char* const* argv) {
             result.terminate = true;
             break;
         case '?':
-            (void)std::fprintf(stderr, "Illegal option:-%c\n", std::isprint(optopt) != 0 ? optopt : '#');
+            (void)std::fprintf(stderr, "Illegal option:-%c\n",
+                               std::isprint(static_cast<unsigned char>(optopt)) != 0 ? optopt : '#');
             break;
         default:
             (void)std::fprintf(stderr, "Not supported option\n");

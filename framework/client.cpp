@@ -2,6 +2,7 @@
 //
 // A request in flight is a ks_io whose socket is registered in a ks_epoll with the object itself as event data; the
 // caller of ks_epoll_call() keeps owning it. Whatever fails, io_reset() leaves it empty and usable for the next call.
+// ks_call() has one request only, and waits for its socket alone.
 #include "internal.h"
 
 #include <cerrno>
@@ -40,8 +41,8 @@ void send_request(const ks_io* io) {
     request.flags = extra ? KS_DIRECTIVE_HAS_FD : 0;
     memcpy(request.data, io->command, strnlen(io->command, sizeof(io->command) - 1));
     const bool sent = ks::send_directive(io->sockfd, request) &&
-                      (io->memfd < 0 || ks::send_descriptor(io->sockfd, io->memfd)) &&
-                      (!extra || ks::send_descriptor(io->sockfd, io->passfd));
+                      (io->memfd < 0 || ks::send_descriptor(io->sockfd, io->memfd, MSG_DONTWAIT)) &&
+                      (!extra || ks::send_descriptor(io->sockfd, io->passfd, MSG_DONTWAIT));
     if (!sent) {
         (void)shutdown(io->sockfd, SHUT_RDWR);
     }

@@ -69,7 +69,7 @@ bool receive_directive(int sockfd, directive* ret_message) {
     return got == (ssize_t)sizeof(*ret_message);
 }
 
-bool send_descriptor(int sockfd, int fd) {
+bool send_descriptor(int sockfd, int fd, int flags) {
     char byte = 0;
     iovec data = {&byte, sizeof(byte)};
     alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
@@ -87,7 +87,7 @@ bool send_descriptor(int sockfd, int fd) {
     }
     ssize_t sent = 0;
     do {
-        sent = sendmsg(sockfd, &message, MSG_NOSIGNAL);
+        sent = sendmsg(sockfd, &message, flags | MSG_NOSIGNAL);
     } while (sent < 0 && errno == EINTR);
     return sent == 1;
 }

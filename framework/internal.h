@@ -10,6 +10,7 @@
 
 #include "kservice.h"
 
+#include <csignal>
 #include <ctime>
 
 // Aborts with the fixed line unless `condition` holds. `text` is the condition as the line shows it, given as a
@@ -57,7 +58,8 @@ bool receive_directive(int sockfd, directive* ret_message);
 directive make_directive(uint8_t type);
 
 // Sends one data byte with the descriptor `fd` (borrowed; -1 sends the byte alone). True unless sendmsg(2) failed.
-bool send_descriptor(int sockfd, int fd);
+// @param flags  MSG_DONTWAIT or 0.
+bool send_descriptor(int sockfd, int fd, int flags);
 
 // How receive_descriptor() ended.
 enum class received {
@@ -110,16 +112,22 @@ struct service {
     pthread_cond_t changed;
     phase state;
     uint64_t generation;     // counts starts, so that a waiting ks_stop() does not mistake the next run for its own
-    pthread_t producer;      // the thread inside ks_start() while starting, the one that runs the loop while serving
     bool listening;          // the producer's listening socket is open and may be shut down
     bool stop_requested;     // somebody has asked this run to stop
-    bool join_claimed;       // KS_STANDALONE: `joiner` joins the producer's thread and frees the table
-    pthread_t joiner;        // a signal handler on it must not wait for that
+    bool published;          // the socket's file is there and ours to remove
+    bool join_claimed;       // KS_STANDALONE: somebody joins the producer's thread and frees the table
+    sigset_t thread_mask;    // the signal mask of ks_start()'s caller, for the threads of the run
     unsigned users;          // threads inside ks_start() and ks_stop(); ks_free() waits for them
     uint8_t pause_requested; // what ks_pause() and ks_resume() last said; ks_stop() overwrites `paused` only
 
     // The producer's alone. Descriptor of the caller that each consumer has been handed and has not echoed yet, or -1.
     int32_t* in_transit;
+
+    // What each consumer thread is started with.
+    struct consumer_start {
+        service* self;
+        ks_worker* worker;
+    } * starts;
 };
 
 inline service* service_of(ks_handle* handle) {

@@ -43,9 +43,9 @@ bool map(ks_io* io, size_t size) {
     return true;
 }
 
-// Whether somebody else has a hand on the memory file: as long as there is a connection, that is.
+// Whether somebody else has, or had, a hand on the memory file: a request has been made with it.
 bool is_shared(const ks_io* io) {
-    return io->sockfd >= 0 || io->cred.pid != 0;
+    return io->sockfd >= 0 || io->cred.pid != 0 || io->command[0] != '\0';
 }
 
 // Parts with a file that the other side has made unusable.
@@ -96,6 +96,9 @@ bool io_try_sync(ks_io* io) {
 
 void io_reset(ks_io* io) {
     unmap(io);
+    if (io->sockfd >= 0) {
+        (void)shutdown(io->sockfd, SHUT_RDWR); // a child may hold a copy; the other side shall see the end nevertheless
+    }
     close_and_clear(&io->memfd);
     close_and_clear(&io->sockfd);
     io->passfd = -1;
@@ -275,5 +278,5 @@ FILE* ks_io_freopen(ks_io* io, const char* mode, FILE* stream) {
 }
 
 int ks_json_write_io(const void* data, size_t len, ks_io* io) {
-    return (int)ks_io_write(io, data, len) - (int)len;
+    return (int)((unsigned)ks_io_write(io, data, len) - (unsigned)len);
 }

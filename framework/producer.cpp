@@ -121,8 +121,8 @@ void restart_consumer(producer* p, ks_worker* worker, int status) {
     worker->idle = 1;
     worker->pollfd = -1;
     forget(p, &worker->queue);
-    // Other processes may hold copies of the link (a child forked by the program meanwhile): closing it would not take it
-    // out of the epoll, and its end would then be taken for that of the new link.
+    // Other processes may hold copies of the link (a child forked by the program meanwhile): closing it would not take
+    // it out of the epoll, and its end would then be taken for that of the new link.
     (void)epoll_ctl(p->own->pollfd, EPOLL_CTL_DEL, worker->sockfd[1], nullptr);
     close_and_clear(&worker->sockfd[0]);
     close_and_clear(&worker->sockfd[1]);
@@ -142,15 +142,15 @@ void hand_over(producer* p, ks_worker* worker, const ks_queue* spoke) {
     memcpy(transfer.data, &number, sizeof(number));
 
     const bool announced = send_directive(worker->sockfd[1], transfer);
-    if (announced && !send_descriptor(worker->sockfd[1], fd)) {
-        (void)send_descriptor(worker->sockfd[1], -1); // it waits for a message: let it find one, and report ready
+    if (announced && !send_descriptor(worker->sockfd[1], fd, 0)) {
+        (void)send_descriptor(worker->sockfd[1], -1, 0); // it waits for a message: let it find one, and report ready
     }
-    worker->idle = 0;
     unlist(p, first);
     if (!announced) {
-        hang_up(fd); // the link is dead, and nobody will echo
+        hang_up(fd); // the consumer has heard of nothing; a dead link says so itself
         return;
     }
+    worker->idle = 0;
     p->self->in_transit[worker->index] = fd;
     if (spoke_itself) {
         (void)shutdown(fd, SHUT_RDWR);

@@ -7,14 +7,15 @@
 //   ks_stop()    withdraws the socket, sets `stopping`, wakes the producer by shutting the listening socket down, and
 //                waits. It closes nothing itself: closing an epoll descriptor would not wake its waiter, and the number
 //                could be somebody else's a moment later.
-//   the thread that ran the producer loop then ends the run (end_run): it tells each consumer to stop, waits for it, and
-//                closes every descriptor. Nobody else touches the table any more, so nothing is read after it is freed,
-//                closed twice or waited for twice, however many threads call ks_stop().
+//   end_run()    is for the thread that ran the producer loop: it tells each consumer to stop, waits for it, and closes
+//                every descriptor. Nobody else touches the table any more, so nothing is read after it is freed, closed
+//                twice or waited for twice, however many threads call ks_stop().
 //   the table    is freed by ks_start() as it returns, or by ks_stop() after joining the producer with KS_STANDALONE.
 //
 // ks_stop() may come while ks_start() is still setting up: it waits until the service is up, then stops it. It may also
-// come from a signal handler on a thread that is inside ks_start() or ks_stop() itself: it then only leaves its mark and
-// returns, and what it interrupted ends the run.
+// come from a signal handler, on whatever thread the kernel chooses. On one that the service itself needs to end
+// (inside ks_start() or ks_stop(), the producer's, a consumer's) it must not wait: it then only leaves its mark and
+// returns, and what it interrupted ends the run. Each such thread carries the service in `engaged`.
 #include "internal.h"
 
 #include <cerrno>
@@ -38,7 +39,7 @@ namespace {
 
 // Holds a service's lock with all signals blocked, so that a handler on this thread never finds it taken.
 class locked {
-  public:
+public:
     explicit locked(service* self) : self_(self) {
         sigset_t all;
         sigfillset(&all);
@@ -52,19 +53,47 @@ class locked {
     locked(const locked&) = delete;
     locked& operator=(const locked&) = delete;
 
+    // The thread's own mask.
+    [[nodiscard]] const sigset_t& mask_before() const { return before_; }
+
     void wait() { pthread_cond_wait(&self_->changed, &self_->lock); }
     void wake_all() { pthread_cond_broadcast(&self_->changed); }
 
-  private:
+private:
     service* self_;
     sigset_t before_;
 };
 
-void set_byte(uint8_t* byte, uint8_t value) { __atomic_store_n(byte, value, __ATOMIC_RELEASE); }
+void set_byte(uint8_t* byte, uint8_t value) {
+    __atomic_store_n(byte, value, __ATOMIC_RELEASE);
+}
+
+// The service whose end depends on this thread.
+thread_local const service* engaged = nullptr;
+
+class engagement {
+public:
+    explicit engagement(const service* self) : before_(engaged) { engaged = self; }
+    ~engagement() { engaged = before_; }
+    engagement(const engagement&) = delete;
+    engagement& operator=(const engagement&) = delete;
+
+private:
+    const service* before_;
+};
+
+// First thing in a thread of the service, which is started with all signals blocked: a handler must not run on it
+// before it is marked. The mark stays until the thread is gone.
+void engage_thread(const service* self) {
+    engaged = self;
+    pthread_sigmask(SIG_SETMASK, &self->thread_mask, nullptr);
+}
 
 // Thread start routines must be plain functions of one pointer.
 void* consumer_thread(void* argument) {
-    run_consumer(static_cast<ks_worker*>(argument));
+    const auto* start = static_cast<const service::consumer_start*>(argument);
+    engage_thread(start->self);
+    run_consumer(start->worker);
     return nullptr;
 }
 
@@ -74,7 +103,12 @@ bool start_thread(pthread_t* ret_thread, void* (*routine)(void*), void* argument
     pthread_attr_setscope(&attr, PTHREAD_SCOPE_SYSTEM);
     // KEPT: without PTHREAD_EXPLICIT_SCHED the policy is inherited, so this has no effect.
     pthread_attr_setschedpolicy(&attr, SCHED_RR);
+    sigset_t all;
+    sigset_t before;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &before); // until engage_thread()
     const bool started = pthread_create(ret_thread, &attr, routine, argument) == 0;
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
     pthread_attr_destroy(&attr);
     return started;
 }
@@ -109,6 +143,7 @@ void close_from(unsigned first) {
     run_consumer(worker);
     free(self->handle.worker);
     free(self->in_transit);
+    free(self->starts);
     free(self);
     _exit(0);
 }
@@ -167,6 +202,8 @@ void end_run(service* self) {
 void free_table(service* self, locked* guard) {
     free(self->in_transit);
     self->in_transit = nullptr;
+    free(self->starts);
+    self->starts = nullptr;
     free(self->handle.worker);
     __atomic_store_n(&self->handle.worker, static_cast<ks_worker*>(nullptr), __ATOMIC_RELEASE);
     self->state = service::phase::idle;
@@ -175,7 +212,6 @@ void free_table(service* self, locked* guard) {
 
 void set_serving(service* self) {
     locked guard(self);
-    self->producer = pthread_self();
     self->state = service::phase::serving;
     guard.wake_all();
 }
@@ -185,6 +221,7 @@ void set_serving(service* self) {
 // long as the service.
 void* producer_thread(void* argument) {
     service* self = static_cast<service*>(argument);
+    engage_thread(self);
     if ((self->handle.mode & KS_PROCESS_MODE) != 0) {
         start_all_consumers(self);
     }
@@ -192,11 +229,6 @@ void* producer_thread(void* argument) {
     run_producer(self);
     end_run(self);
     return nullptr;
-}
-
-void claim_join(service* self) {
-    self->join_claimed = true;
-    self->joiner = pthread_self();
 }
 
 void start_standalone(service* self) {
@@ -215,7 +247,8 @@ void start_standalone(service* self) {
         if (!threads) {
             start_all_consumers(self); // where no thread can be made, no process can: report that one first
         }
-        abort_with("ks_start", "pthread_create(&producer_worker->id.tid, &attr, ks_producer_worker, (void*) handle) == 0",
+        abort_with("ks_start",
+                   "pthread_create(&producer_worker->id.tid, &attr, ks_producer_worker, (void*) handle) == 0",
                    "producer-worker create thread fail");
     }
     bool join = false;
@@ -224,11 +257,9 @@ void start_standalone(service* self) {
         while (self->state == service::phase::starting) {
             guard.wait();
         }
-        // Stopped by a signal handler on this thread, which could not wait.
+        // Stopped by a signal handler that could not wait.
         join = self->stop_requested && !self->join_claimed;
-        if (join) {
-            claim_join(self);
-        }
+        self->join_claimed = self->join_claimed || join;
     }
     if (join) {
         pthread_join(producer->id.tid, nullptr);
@@ -244,8 +275,11 @@ void start_standalone(service* self) {
 // Takes the socket's name away and wakes the producer. The socket is not touched while open_producer() is still at it,
 // which would find its file gone: ks_start() then does this itself.
 void withdraw(service* self) {
-    if (self->listening) {
+    if (self->published) {
         (void)unlink(self->handle.sockfile);
+        self->published = false;
+    }
+    if (self->listening) {
         (void)shutdown(self->handle.worker[self->handle.service_size].sockfd[1], SHUT_RDWR);
     }
 }
@@ -284,7 +318,7 @@ void start_consumer(service* self, size_t index) {
                   "set_fd_cloexec(worker->sockfd[1])",
                   "consumer-worker create sockets fail");
     if ((worker->flags & KS_PTHREAD_MODE) != 0) {
-        KS_REQUIRE_IN(kConsumerSetUp, start_thread(&worker->id.tid, consumer_thread, worker),
+        KS_REQUIRE_IN(kConsumerSetUp, start_thread(&worker->id.tid, consumer_thread, &self->starts[index]),
                       "pthread_create(&worker->id.tid, &attr, ks_consumer_worker, (void*) worker) == 0",
                       "consumer-worker create thread fail");
     } else {
@@ -360,24 +394,31 @@ void ks_start(ks_handle* handle) {
     (void)signal(SIGPIPE, SIG_IGN);
     KS_REQUIRE(is_handle(handle), KS_HANDLE_TEXT, "cannot start incorrect ks_handle %p", (void*)handle);
     service* self = service_of(handle);
+    const ks::engagement here(self);
     {
         locked guard(self);
         KS_REQUIRE(handle->worker == nullptr, "service_handle->worker == NULL", "cannot start service twice");
         const size_t entries = handle->service_size + 1;
         auto* table = entries == 0 ? nullptr : static_cast<ks_worker*>(calloc(entries, sizeof(ks_worker)));
         self->in_transit = entries == 0 ? nullptr : static_cast<int32_t*>(calloc(entries, sizeof(int32_t)));
-        KS_REQUIRE(table != nullptr && self->in_transit != nullptr,
+        self->starts = entries == 0
+                           ? nullptr
+                           : static_cast<service::consumer_start*>(calloc(entries, sizeof(service::consumer_start)));
+        KS_REQUIRE(table != nullptr && self->in_transit != nullptr && self->starts != nullptr,
                    "(service_handle->worker = calloc(service_option->service_size + 1, sizeof(ks_worker)))",
                    "alloc worker memory fail");
         memset(self->in_transit, 0xFF, entries * sizeof(int32_t)); // -1 each
+        for (size_t i = 0; i < entries; ++i) {
+            self->starts[i] = {self, &table[i]};
+        }
         // An earlier ks_stop() left both bytes set.
         ks::set_byte(&handle->stopping, 0);
         ks::set_byte(&handle->paused, __atomic_load_n(&self->pause_requested, __ATOMIC_RELAXED));
         self->stop_requested = false;
         self->join_claimed = false;
+        self->thread_mask = guard.mask_before();
         __atomic_store_n(&handle->worker, table, __ATOMIC_RELEASE);
         self->state = service::phase::starting;
-        self->producer = pthread_self();
         ++self->generation;
         ++self->users;
     }
@@ -385,6 +426,7 @@ void ks_start(ks_handle* handle) {
     {
         locked guard(self);
         self->listening = true;
+        self->published = true;
         if (self->stop_requested) {
             ks::withdraw(self); // a signal handler on this thread could not
         }
@@ -424,8 +466,9 @@ void ks_stop(ks_handle* handle) {
         return;
     }
     service* self = service_of(handle);
+    const bool own_thread = ks::engaged == self;
+    const ks::engagement here(self);
     bool first = false;
-    bool own_thread = false;
     bool join = false;
     pthread_t producer = {};
     uint64_t generation = 0;
@@ -434,8 +477,6 @@ void ks_stop(ks_handle* handle) {
         if (handle->worker == nullptr) {
             return;
         }
-        own_thread = pthread_equal(self->producer, pthread_self()) != 0 ||
-                     (self->join_claimed && pthread_equal(self->joiner, pthread_self()) != 0);
         generation = self->generation;
         while (!own_thread && self->state == service::phase::starting) {
             guard.wait();
@@ -450,7 +491,7 @@ void ks_stop(ks_handle* handle) {
         }
         join = !own_thread && !self->join_claimed && (handle->mode & KS_STANDALONE) != 0;
         if (join) {
-            ks::claim_join(self);
+            self->join_claimed = true;
             producer = handle->worker[handle->service_size].id.tid;
         }
     }

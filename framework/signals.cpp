@@ -2,7 +2,7 @@
 //
 // The reporter runs in a signal handler of a process that may have just corrupted its heap or died inside malloc(), so
 // it takes nothing from the heap and no lock of the C library: ks_backtrace() makes the first backtrace() call, which
-// loads the unwinder; the report's object stands in static storage; symbol texts go straight from the loader's tables
+// loads the unwinder; the report's object stands on the stack; symbol texts go straight from the loader's tables
 // into a memory file (backtrace_symbols_fd(3)), which is read back line by line; and lines are put together in buffers
 // on the stack. (A blank is put back between the symbol and its address, which only backtrace_symbols(3) writes.) What
 // is knowingly left: the unwinder reads a stack that may be damaged, and the loader's tables are read under its lock,
@@ -25,9 +25,7 @@ namespace {
 constexpr int kFrames = 50;
 constexpr int kOwnFrames = 2; // the reporter's and ks_signal_handler()'s
 constexpr int kCrashSignals[] = {SIGABRT, SIGBUS, SIGFPE, SIGSEGV};
-constexpr size_t kLineSize = 1024;
-
-ks_io crash_report; // what the reporter writes into; only a crash uses it, and only one does
+constexpr size_t kLineSize = 960; // what a record of the kernel log surely holds
 
 void install(int signum, int flags, void (*handler)(int)) {
     struct sigaction action = {};
@@ -50,6 +48,12 @@ struct line_buffer {
     }
     void add(const char* more) { add(more, strlen(more)); }
 
+    // Ends the line with a newline, for which the last character makes room.
+    void end() {
+        size -= size == sizeof(text) ? 1 : 0;
+        add("\n", 1);
+    }
+
     // `width` counts blanks in front, as "%2d" does.
     void add_number(unsigned value, int width) {
         char digits[16];
@@ -67,7 +71,7 @@ struct line_buffer {
 };
 
 // "%2d. %s\n" of each frame after our own, one symbol text a line of `symbols_fd`.
-void report_frames(int symbols_fd) {
+void report_frames(int symbols_fd, ks_io* report) {
     (void)lseek(symbols_fd, 0, SEEK_SET);
     line_buffer line = {};
     unsigned number = 1;
@@ -90,21 +94,22 @@ void report_frames(int symbols_fd) {
                 line.add(&block[i], 1);
                 continue;
             }
-            if (line.size == sizeof(line.text)) {
-                --line.size;
-            }
-            line.add("\n", 1);
-            (void)ks_io_write(&crash_report, line.text, line.size);
+            line.end();
+            (void)ks_io_write(report, line.text, line.size);
             fresh = true;
         }
     }
 }
 
-// The kernel takes one record a write, of at most about a thousand bytes: hence line by line.
+// The kernel takes one record a write, of at most about a thousand bytes, and a few records in five seconds: as many
+// whole lines at a time as a record holds.
 void copy_lines(const char* text, size_t size, int log_fd) {
     while (size > 0) {
-        const void* end = memchr(text, '\n', size);
-        const size_t length = end != nullptr ? (size_t)(static_cast<const char*>(end) - text) + 1 : size;
+        size_t length = size;
+        if (length > kLineSize) {
+            const void* end = memrchr(text, '\n', kLineSize);
+            length = end != nullptr ? (size_t)(static_cast<const char*>(end) - text) + 1 : kLineSize;
+        }
         const ssize_t written = write(log_fd, text, length);
         if (written < 1) {
             return;
@@ -152,10 +157,15 @@ void ks_backtrace(void) {
 // NOLINTNEXTLINE(bugprone-reserved-identifier): the callers' name for it
 __attribute__((noinline)) void _ks_backtrace(int sig) {
     const char* known = sigdescr_np(sig);
-    const char* description = known != nullptr ? known : "Unknown signal";
-    line_buffer line = {};
-    line.add(description);
-    line.add("\n");
+    line_buffer name = {};
+    if (known != nullptr) {
+        name.add(known);
+    } else {
+        name.add("Unknown signal ");
+        name.add_number((unsigned)sig, 1);
+    }
+    line_buffer line = name;
+    line.end();
     if (write(STDERR_FILENO, line.text, line.size) < 0) {
         // The kernel log matters more.
     }
@@ -171,22 +181,23 @@ __attribute__((noinline)) void _ks_backtrace(int sig) {
     }
     backtrace_symbols_fd(frames + kOwnFrames, count - kOwnFrames, symbols_fd);
 
-    crash_report.magic = KS_IO_MAGIC;
-    crash_report.memfd = -1;
-    crash_report.sockfd = -1;
-    crash_report.passfd = -1;
-    line.size = 0;
-    line.add(description);
+    ks_io report = {}; // ks_io_create() would need the heap
+    report.magic = KS_IO_MAGIC;
+    report.memfd = -1;
+    report.sockfd = -1;
+    report.passfd = -1;
+    line = name;
     line.add(" (pid ");
     line.add_number((unsigned)getpid(), 1);
     line.add(") ");
     line.add(program_invocation_name);
-    line.add(":\n");
-    (void)ks_io_write(&crash_report, line.text, line.size);
-    report_frames(symbols_fd);
+    line.add(":");
+    line.end();
+    (void)ks_io_write(&report, line.text, line.size);
+    report_frames(symbols_fd, &report);
 
     size_t size = 0;
-    const char* text = static_cast<const char*>(ks_io_read(&crash_report, &size));
+    const char* text = static_cast<const char*>(ks_io_read(&report, &size));
     copy_lines(text, size, log_fd);
     (void)fsync(log_fd);
     close(log_fd);

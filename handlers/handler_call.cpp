@@ -11,7 +11,7 @@ bool handler_call::parse(location where) {
     if (json_parse(request_text(io_), &request_)) {
         return true;
     }
-    dbg_printf2("[%s][%d] ks_io input fail.", function_, static_cast<int>(where.line()));
+    dbg_printf2("[%s][%d] ks_io input fail.", function_, where.line);
     reject("input error");
     return false;
 }

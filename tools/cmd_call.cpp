@@ -1,4 +1,5 @@
 // ksctl call: one request, its reply to standard output.
+#include "command_list.h"
 #include "exchange.h"
 #include "ksctl.h"
 #include "pretty_json.h"
@@ -70,6 +71,15 @@ std::optional<std::string> request_text(const std::optional<std::string>& argume
     return text;
 }
 
+// Tells of a command that the service's list does not have but nearly has. The list may be older than the service, so
+// what was asked is sent all the same.
+void hint_at_near_command(const call_options& options) {
+    if (const command_summary* near = near_command(options.service, options.command)) {
+        (void)fail(kSuccess, "%s is not known to have a command %s; did you mean %s?", near->service,
+                   options.command.c_str(), near->name);
+    }
+}
+
 int call(const call_options& options) {
     if (!check_service_name(options.service)) {
         return kBadArgument;
@@ -90,6 +100,7 @@ int call(const call_options& options) {
             return fail(kFailure, "cannot write %s: %s", options.output_path.c_str(), strerror(errno));
         }
     }
+    hint_at_near_command(options);
     const outcome ended =
         exchange(options.service, options.command, std::move(request), options.timeout_s, output.get());
     if (ended.status != kSuccess) {

@@ -97,6 +97,7 @@ void log_set_dir(const char* dir) {
         const int result = ::mkdir(dir, 0775);
         if (result != 0) {
             (void)std::printf("Error mkdir [%s] failed ret=%d\n", dir, result);
+            (void)std::fflush(stdout); // standard output may become a caller's before the buffer is full
         }
     }
     (void)std::snprintf(cLogDirPath, sizeof cLogDirPath, "%s", dir);

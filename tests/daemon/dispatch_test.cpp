@@ -9,13 +9,14 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <fcntl.h>
 #include <filesystem>
-#include <optional>
+#include <fstream>
+#include <pthread.h>
 #include <stdexcept>
 #include <string>
-
-#include <fcntl.h>
-#include <pthread.h>
+#include <sys/stat.h>
+#include <thread>
 #include <unistd.h>
 
 namespace {
@@ -102,7 +103,6 @@ TEST_F(DispatchTest, AnUnknownCommandEndsTheConnectionWithoutAReply) {
 }
 
 TEST_F(DispatchTest, AnUnknownCommandLeavesNothingBehind) {
-    (void)service_handler("test", ks_io_create(), -1); // what the first request opens for good is open now
     const served main(service_handler);
     const size_t before = open_descriptors();
     for (int i = 0; i < 200; ++i) {
@@ -114,7 +114,8 @@ TEST_F(DispatchTest, AnUnknownCommandLeavesNothingBehind) {
         EXPECT_EQ(read(ends[0], &byte, 1), 0) << "the passed descriptor is still open";
         close(ends[0]);
     }
-    EXPECT_TRUE(wait_until([&] { return open_descriptors() == before; })) << open_descriptors() << ", before " << before;
+    EXPECT_TRUE(wait_until([&] { return open_descriptors() == before; }))
+        << open_descriptors() << ", before " << before;
 }
 
 TEST_F(DispatchTest, TheCallersDescriptorIsStandardOutputWhileTheHandlerRuns) {
@@ -123,33 +124,42 @@ TEST_F(DispatchTest, TheCallersDescriptorIsStandardOutputWhileTheHandlerRuns) {
     const unique_fd file(open((folder / "out").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
     EXPECT_EQ(main.call("exec_cli", asks_where(1), &reply_, file.get()), 0U);
     EXPECT_THAT(reply_, testing::HasSubstr(folder / "out"));
-    EXPECT_EQ(main.call("test", "", &reply_), 0U); // the first request is over
-    EXPECT_EQ(target_of(1), "/dev/null");
+    // The reply comes before the request's end.
+    EXPECT_TRUE(wait_until([] { return target_of(1) == "/dev/null"; }));
 }
 
 TEST_F(DispatchTest, WithoutADescriptorStandardOutputStaysTheNullDevice) {
     const served main(service_handler);
     EXPECT_EQ(main.call("test", "", &reply_), 0U);
+    ASSERT_TRUE(wait_until([] { return target_of(1) == "/dev/null"; }));
     EXPECT_EQ(main.call("exec_cli", asks_where(1), &reply_), 0U);
     EXPECT_THAT(reply_, testing::HasSubstr("\"result\":\"/dev/null\\n\""));
 }
 
-TEST_F(DispatchTest, WhatAHandlerPrintsReachesTheCallersDescriptor) {
+TEST_F(DispatchTest, WhatIsPrintedWhileAHandlerRunsReachesTheCallersDescriptor) {
+    const served main(service_handler);
+    const test_folder folder;
+    const std::string gate = folder / "gate";
+    ASSERT_EQ(mkfifo(gate.c_str(), 0600), 0);
     int ends[2];
     ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
-    // An entry of the dispatch's own shape, since no handler of the table prints on purpose.
-    request_thread request = {ends[1], nullptr, "prints", [](ks_io*, int) { return std::printf("printed\n"); }};
-    dup2(ends[1], STDOUT_FILENO);
-    close(ends[1]);
-    pthread_t thread = {};
-    ASSERT_EQ(pthread_create(&thread, nullptr, pthread_callback_function, &request), 0);
-    pthread_join(thread, nullptr);
-    (void)fflush(stdout);
-    dup2(kept_stdout_.get(), STDOUT_FILENO);
+    const unique_fd read_end(ends[0]);
+    unique_fd write_end(ends[1]);
+    const std::string pipe_name = target_of(write_end.get());
+    std::thread client([&] {
+        std::string reply;
+        EXPECT_EQ(main.call("exec_cli", R"({"command":["/bin/cat",")" + gate + R"("]})", &reply, write_end.get()), 0U);
+    });
+    // The program, and so the handler, waits for the gate.
+    EXPECT_TRUE(wait_until([&] { return target_of(1) == pipe_name; }));
+    (void)printf("printed\n"); // stays in the buffer until the request ends
+    std::ofstream(gate).close();
+    client.join();
+    write_end.reset();
     char text[16] = {};
-    EXPECT_EQ(read(ends[0], text, sizeof(text) - 1), 8);
+    EXPECT_EQ(read(read_end.get(), text, sizeof(text) - 1), 8);
     EXPECT_STREQ(text, "printed\n");
-    close(ends[0]);
+    EXPECT_EQ(read(read_end.get(), text, sizeof(text)), 0) << "the daemon's side holds it no more";
 }
 
 TEST_F(DispatchTest, TheDescriptorsNumberIsHeldUntilItIsClosedTheSecondTime) {
@@ -171,7 +181,7 @@ TEST_F(DispatchTest, TheDescriptorsNumberIsHeldUntilItIsClosedTheSecondTime) {
     close(ends[0]);
 }
 
-TEST_F(DispatchTest, ARequestWithoutAnObjectIsServed) {
+TEST_F(DispatchTest, AnUnknownCommandWithoutAnObjectIsNoFault) {
     EXPECT_EQ(service_handler("no_such", nullptr, -1), 0);
     EXPECT_EQ(sendmail_service_handler("sendmail ", nullptr, -1), 0);
 }

@@ -35,8 +35,8 @@ TEST(OptionsTest, AnUnknownLetterIsNamedAndTheRestStillRead) {
 
 TEST(OptionsTest, AnUnprintableLetterIsNamedByASharp) {
     testing::internal::CaptureStderr();
-    (void)read({"-\x01"});
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), "Illegal option:-#\n");
+    (void)read({"-\x01", "-\xe9"});
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "Illegal option:-#\nIllegal option:-#\n");
 }
 
 } // namespace

@@ -3,6 +3,10 @@
 #include "framework_support.h"
 #include "kservice.h"
 
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -16,9 +20,6 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 #include <vector>
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 namespace {
 
@@ -36,7 +37,7 @@ void no_core() {
 }
 
 class AbortDeathTest : public testing::Test {
-  protected:
+protected:
     void SetUp() override { no_core(); }
 
     std::string with_pointer(const char* before, const void* pointer, const char* after) {
@@ -245,8 +246,9 @@ TEST_F(AbortDeathTest, WorkerTableCannotBeAllocated) {
 // ---- ks_create(), in the order of its checks
 
 TEST_F(AbortDeathTest, NameIsMissingOrTooLong) {
-    const char* line = "[ABORT] @ks_create() name cannot be NULL and maximum characters is 64: `name && strlen(name) <= "
-                       "MAXIMUM_NAME_SIZE'\n";
+    const char* line =
+        "[ABORT] @ks_create() name cannot be NULL and maximum characters is 64: `name && strlen(name) <= "
+        "MAXIMUM_NAME_SIZE'\n";
     EXPECT_ABORT(ks_create(nullptr, 5, 1, echo), line);
     EXPECT_ABORT(ks_create(std::string(65, 'n').c_str(), 5, 1, echo), line);
     EXPECT_ABORT(ks_create(nullptr, 0, 0, nullptr), line);
@@ -289,14 +291,16 @@ TEST_F(AbortDeathTest, ForeignHandleWithTheOperationsOwnWords) {
     const char* after = ": `service_handle && (*(u_int32_t*) service_handle == KS_HANDLE_MAGIC)'\n";
     ks_handle foreign = {};
     ks_handle* handle = &foreign;
-    EXPECT_ABORT(ks_start(handle), with_pointer("[ABORT] @ks_start() cannot start incorrect ks_handle ", handle, after));
+    EXPECT_ABORT(ks_start(handle),
+                 with_pointer("[ABORT] @ks_start() cannot start incorrect ks_handle ", handle, after));
     EXPECT_ABORT(ks_worker_init(handle, nullptr, nullptr),
                  with_pointer("[ABORT] @ks_worker_init() cannot start incorrect ks_handle ", handle, after));
     EXPECT_ABORT(ks_worker_fini(handle, nullptr, nullptr),
                  with_pointer("[ABORT] @ks_worker_fini() cannot start incorrect ks_handle ", handle, after));
     EXPECT_ABORT(ks_stop(handle), with_pointer("[ABORT] @ks_stop() cannot stop incorrect ks_handle ", handle, after));
     EXPECT_ABORT(ks_free(handle), with_pointer("[ABORT] @ks_stop() cannot stop incorrect ks_handle ", handle, after));
-    EXPECT_ABORT(ks_pause(handle), with_pointer("[ABORT] @ks_pause() cannot pause incorrect ks_handle ", handle, after));
+    EXPECT_ABORT(ks_pause(handle),
+                 with_pointer("[ABORT] @ks_pause() cannot pause incorrect ks_handle ", handle, after));
     EXPECT_ABORT(ks_resume(handle),
                  with_pointer("[ABORT] @ks_resume() cannot resume incorrect ks_handle ", handle, after));
     EXPECT_ABORT(ks_start(nullptr),
@@ -380,8 +384,9 @@ TEST_F(AbortDeathTest, SocketCannotBeBound) {
 }
 
 TEST_F(AbortDeathTest, ProducersEpollCannotBeMade) {
-    const char* line = "[ABORT] @ks_producer_worker_init() producer-worker create epoll fail: "
-                       "`(producer_worker->pollfd = epoll_create(1)) >= 0 && set_fd_cloexec(producer_worker->pollfd)'\n";
+    const char* line =
+        "[ABORT] @ks_producer_worker_init() producer-worker create epoll fail: "
+        "`(producer_worker->pollfd = epoll_create(1)) >= 0 && set_fd_cloexec(producer_worker->pollfd)'\n";
     EXPECT_ABORT(
         {
             ks_handle* handle = ks_create(name_.c_str(), 5, 1, echo);
@@ -473,18 +478,21 @@ TEST_F(AbortDeathTest, ThreadOrProcessCannotBeMade) {
     }
 }
 
+// The listening socket is registered first, so the calls must begin to fail between two: with the first of many
+// workers.
 TEST_F(AbortDeathTest, LinkCannotBeWatched) {
     EXPECT_ABORT(
         {
-            ks_handle* handle = ks_create(name_.c_str(), 5, 200, echo);
+            ks_handle* handle = ks_create(name_.c_str(), 5, 500, echo);
             ks_worker_init(
                 handle,
-                [](void* argument) {
-                    auto* service = static_cast<ks_handle*>(argument);
-                    ks_worker* workers = __atomic_load_n(&service->worker, __ATOMIC_ACQUIRE);
-                    close(workers[service->service_size].pollfd); // the producer's epoll goes under its feet
+                [](void*) {
+                    static std::atomic<bool> done = false;
+                    if (!done.exchange(true)) {
+                        fail_system_call(SYS_epoll_ctl, ENOSPC, 1); // EPOLL_CTL_ADD
+                    }
                 },
-                handle);
+                nullptr);
             ks_start(handle);
         },
         "[ABORT] @ks_consumer_worker_init() producer-worker epoll add consumer-worker sockfd fail: "

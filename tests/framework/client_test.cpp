@@ -2,6 +2,8 @@
 #include "framework_support.h"
 #include "kservice.h"
 
+#include <gtest/gtest.h>
+
 #include <atomic>
 #include <cerrno>
 #include <cstdlib>
@@ -13,8 +15,6 @@
 #include <sys/un.h>
 #include <thread>
 #include <unistd.h>
-
-#include <gtest/gtest.h>
 
 namespace {
 
@@ -31,7 +31,9 @@ struct freer {
 using unique_io = std::unique_ptr<ks_io, freer>;
 using unique_epoll = std::unique_ptr<ks_epoll, freer>;
 
-bool is_open(int fd) { return fd >= 0 && fcntl(fd, F_GETFD) != -1; }
+bool is_open(int fd) {
+    return fd >= 0 && fcntl(fd, F_GETFD) != -1;
+}
 
 void expect_emptied(const ks_io* io) {
     EXPECT_EQ(io->memfd, -1);
@@ -43,7 +45,7 @@ void expect_emptied(const ks_io* io) {
 
 // The other side of a conversation, written byte by byte.
 class scripted_service {
-  public:
+public:
     scripted_service() : path_(dir_.file("s")), listening_(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
         sockaddr_un address = {};
         address.sun_family = AF_UNIX;
@@ -55,7 +57,7 @@ class scripted_service {
     const char* name() const { return name_.c_str(); }
     descriptor accept_one() const { return descriptor(accept4(listening_.get(), nullptr, nullptr, SOCK_CLOEXEC)); }
 
-  private:
+private:
     support::temp_dir dir_;
     std::string path_;
     std::string name_;
@@ -387,7 +389,7 @@ TEST(ClientTest, CallsLeaveNoDescriptors) {
     const service one(5, 2, echo);
     std::string reply;
     ASSERT_EQ(support::call(one.name(), "c", "", &reply), 0U);
-    const auto before = support::open_descriptors().size();
+    const auto before = support::settled_descriptors();
     for (int i = 0; i < 50; ++i) {
         ASSERT_EQ(support::call(one.name(), "c", "t", &reply), 0U);
         ASSERT_EQ(support::call("nobody", "c", "t", &reply), 2U);

@@ -2,6 +2,8 @@
 #include "framework_support.h"
 #include "kservice.h"
 
+#include <gtest/gtest.h>
+
 #include <atomic>
 #include <cerrno>
 #include <cstdlib>
@@ -17,8 +19,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 #include <vector>
-
-#include <gtest/gtest.h>
 
 namespace {
 
@@ -38,7 +38,7 @@ std::string contents(const descriptor& file) {
 
 // A service of one consumer: whatever keeps that busy would be noticed by the next call.
 class ConsumerTest : public testing::Test {
-  protected:
+protected:
     void expect_it_serves() {
         std::string reply;
         EXPECT_EQ(support::call(one_.name(), "still", "there", &reply), 0U);
@@ -164,7 +164,7 @@ TEST_F(ConsumerTest, DataWithoutADescriptorDropsTheCaller) {
 
 TEST_F(ConsumerTest, DescriptorsBeyondTheFirstAreClosed) {
     expect_it_serves();
-    const auto before = support::open_descriptors();
+    const auto before = support::settled_descriptors();
     const descriptor file = memory_file("text");
     for (const size_t count : {2UL, 3UL, 64UL}) {
         const raw_caller caller = invited_caller();
@@ -176,7 +176,7 @@ TEST_F(ConsumerTest, DescriptorsBeyondTheFirstAreClosed) {
     ASSERT_TRUE(caller.send_fds({file.get()}, 259));
     EXPECT_TRUE(caller.hung_up());
     expect_it_serves();
-    EXPECT_TRUE(eventually([&] { return support::open_descriptors().size() == before.size() + 2; }));
+    EXPECT_TRUE(eventually([&] { return support::open_descriptors().size() == before + 2; }));
 }
 
 int report_flags(const char*, ks_io* io, int fd) {
@@ -341,8 +341,8 @@ TEST(ConsumerCallbackTest, GetsTheCallersCredentials) {
     const service one(5, 1, who);
     std::string reply;
     ASSERT_EQ(support::call(one.name(), "c", "", &reply), 0U);
-    EXPECT_EQ(reply, std::to_string(getpid()) + " " + std::to_string(getuid()) + " " + std::to_string(getgid()) +
-                         " -1 same");
+    EXPECT_EQ(reply,
+              std::to_string(getpid()) + " " + std::to_string(getuid()) + " " + std::to_string(getgid()) + " -1 same");
 }
 
 TEST(ConsumerCallbackTest, CredentialsAreThoseOfTheConnection) {
@@ -353,8 +353,7 @@ TEST(ConsumerCallbackTest, CredentialsAreThoseOfTheConnection) {
     const pid_t child = fork();
     if (child == 0) {
         std::string reply;
-        const bool good = setgid(1234) == 0 && setuid(4321) == 0 &&
-                          support::call(name.c_str(), "c", "", &reply) == 0 &&
+        const bool good = setgid(1234) == 0 && setuid(4321) == 0 && support::call(name.c_str(), "c", "", &reply) == 0 &&
                           reply == std::to_string(getpid()) + " 4321 1234 -1 same";
         _exit(good ? 0 : 1);
     }

@@ -17,13 +17,15 @@
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/un.h>
 #include <unistd.h>
 
-// Process workers are forked from threads: nothing else must be said on the command line for that.
+// Process workers are forked from threads. And services are stopped by signal handlers, which with KS_STANDALONE frees
+// the worker table there: the tests see to it that no allocation is interrupted.
 extern "C" const char* __tsan_default_options(); // NOLINT(bugprone-reserved-identifier): the sanitizer's name for it
 extern "C" const char* __tsan_default_options() {
-    return "die_after_fork=0";
+    return "die_after_fork=0:report_signal_unsafe=0";
 }
 
 namespace support {
@@ -100,10 +102,23 @@ std::vector<int> open_descriptors() {
 size_t open_sockets() {
     size_t count = 0;
     for (const int fd : open_descriptors()) {
-        struct stat st = {};
-        count += fstat(fd, &st) == 0 && S_ISSOCK(st.st_mode) ? 1 : 0;
+        char target[32] = {};
+        const ssize_t size = readlink(("/proc/self/fd/" + std::to_string(fd)).c_str(), target, sizeof(target) - 1);
+        count += size > 0 && std::string_view(target).substr(0, 7) == "socket:" ? 1 : 0;
     }
     return count;
+}
+
+size_t settled_descriptors() {
+    size_t last = 0;
+    int same = 0;
+    (void)eventually([&] {
+        const size_t now = open_descriptors().size();
+        same = now == last ? same + 1 : 0;
+        last = now;
+        return same == 50;
+    });
+    return last;
 }
 
 size_t thread_count() {
@@ -200,13 +215,15 @@ void service::stop() {
     restore_stdin();
 }
 
-service::~service() { stop(); }
+service::~service() {
+    stop();
+}
 
 unsigned call(const char* name, const char* command, std::string_view text, std::string* ret_reply, int passfd) {
     void* reply = nullptr;
     size_t size = 0;
-    const unsigned code = ks_ez_call(name, command, text.empty() ? nullptr : text.data(), text.size(), &reply, &size, 60,
-                                     passfd);
+    const unsigned code =
+        ks_ez_call(name, command, text.empty() ? nullptr : text.data(), text.size(), &reply, &size, 60, passfd);
     if (reply != nullptr) {
         ret_reply->assign(static_cast<const char*>(reply), size);
         free(reply);
@@ -290,7 +307,9 @@ bool raw_caller::request(std::string_view command, int memfd) const {
     return what && *what == make_record(9);
 }
 
-void raw_caller::shut_write() const { (void)shutdown(fd_.get(), SHUT_WR); }
+void raw_caller::shut_write() const {
+    (void)shutdown(fd_.get(), SHUT_WR);
+}
 
 gate::gate() {
     sem_init(&both_->arrived, 1, 0);
@@ -342,7 +361,8 @@ void fail_system_call(long number, int error, long argument) {
     filter.push_back(BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | ((unsigned)error & SECCOMP_RET_DATA)));
     filter.push_back(BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW));
     sock_fprog program = {(unsigned short)filter.size(), filter.data()};
-    if (prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0 || prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) != 0) {
+    if (prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0 ||
+        syscall(SYS_seccomp, SECCOMP_SET_MODE_FILTER, SECCOMP_FILTER_FLAG_TSYNC, &program) != 0) {
         throw std::runtime_error("seccomp");
     }
 }

@@ -11,13 +11,13 @@
 #include <chrono>
 #include <cstdint>
 #include <functional>
+#include <new>
 #include <optional>
+#include <semaphore.h>
 #include <string>
 #include <string_view>
-#include <thread>
-#include <new>
-#include <semaphore.h>
 #include <sys/mman.h>
+#include <thread>
 #include <vector>
 
 namespace support {
@@ -27,7 +27,7 @@ bool eventually(const std::function<bool()>& condition, std::chrono::millisecond
 
 /// Owns one descriptor.
 class descriptor {
-  public:
+public:
     explicit descriptor(int fd = -1) : fd_(fd) {}
     ~descriptor() { reset(); }
     descriptor(descriptor&& other) noexcept : fd_(other.release()) {}
@@ -39,13 +39,13 @@ class descriptor {
     int release();
     void reset(int fd = -1);
 
-  private:
+private:
     int fd_;
 };
 
 /// A directory of its own, removed with what is in it.
 class temp_dir {
-  public:
+public:
     temp_dir();
     ~temp_dir();
     temp_dir(const temp_dir&) = delete;
@@ -53,7 +53,7 @@ class temp_dir {
     const std::string& path() const { return path_; }
     std::string file(std::string_view name) const { return path_ + "/" + std::string(name); }
 
-  private:
+private:
     std::string path_;
 };
 
@@ -63,6 +63,8 @@ void restore_stdin();
 /// Numbers of this process's open descriptors, how many of them are sockets, and how many threads it has.
 std::vector<int> open_descriptors();
 size_t open_sockets();
+/// How many descriptors are open once nothing is under way any more: the same number in fifty looks running.
+size_t settled_descriptors();
 size_t thread_count();
 /// CPU time that the whole process has used, in milliseconds.
 int64_t cpu_ms();
@@ -79,7 +81,7 @@ descriptor memory_file(std::string_view text = "");
 
 /// A started service; stops and frees it at the end. Without KS_STANDALONE a thread of its own is inside ks_start().
 class service {
-  public:
+public:
     /// `prepare` runs between ks_create() and ks_start().
     service(unsigned mode, size_t workers, ks_exec exec, const std::function<void(ks_handle*)>& prepare = nullptr);
     service(const std::string& name, unsigned mode, size_t workers, ks_exec exec);
@@ -92,7 +94,7 @@ class service {
     std::string path() const { return handle_->sockfile; }
     void stop();
 
-  private:
+private:
     void start(unsigned mode);
 
     temp_dir dir_;
@@ -110,7 +112,7 @@ record make_record(unsigned char type, unsigned char flags = 0, std::string_view
 
 /// A caller that says exactly what the test wants.
 class raw_caller {
-  public:
+public:
     explicit raw_caller(const std::string& path);
     bool connected() const { return connected_; }
     int fd() const { return fd_.get(); }
@@ -129,14 +131,15 @@ class raw_caller {
     void shut_write() const;
     void close() { fd_.reset(); }
 
-  private:
+private:
     descriptor fd_;
     bool connected_ = false;
 };
 
 /// One T in memory that forked processes share. Process workers close their descriptors, so pipes would not do.
-template <class T> class shared {
-  public:
+template <class T>
+class shared {
+public:
     shared() : memory_(mmap(nullptr, sizeof(T), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0)) {
         new (memory_) T();
     }
@@ -146,22 +149,22 @@ template <class T> class shared {
     T* operator->() const { return static_cast<T*>(memory_); }
     T& operator*() const { return *static_cast<T*>(memory_); }
 
-  private:
+private:
     void* memory_;
 };
 
 /// Where a callback, in whatever thread or process, waits until the test opens.
 class gate {
-  public:
+public:
     gate();
     ~gate();
     gate(const gate&) = delete;
     gate& operator=(const gate&) = delete;
-    void pass() const;                ///< Announces itself, then waits for one open().
-    bool await(size_t n = 1) const;   ///< Waits until `n` more have announced themselves.
-    void open(size_t n = 1) const;    ///< Lets `n` pass.
+    void pass() const;              ///< Announces itself, then waits for one open().
+    bool await(size_t n = 1) const; ///< Waits until `n` more have announced themselves.
+    void open(size_t n = 1) const;  ///< Lets `n` pass.
 
-  private:
+private:
     struct semaphores {
         sem_t arrived;
         sem_t go;
@@ -169,7 +172,7 @@ class gate {
     shared<semaphores> both_;
 };
 
-/// From here on system call `number` fails with `error` in this thread and its children. With `argument` >= 0 only
+/// From here on system call `number` fails with `error` in all threads. With `argument` >= 0 only
 /// calls whose second argument equals it. Not to be undone: for death tests.
 void fail_system_call(long number, int error, long argument = -1);
 

@@ -2,6 +2,8 @@
 #include "framework_support.h"
 #include "kservice.h"
 
+#include <gtest/gtest.h>
+
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
@@ -12,8 +14,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <gtest/gtest.h>
-
 namespace {
 
 using support::descriptor;
@@ -23,9 +23,13 @@ struct freer {
 };
 using unique_io = std::unique_ptr<ks_io, freer>;
 
-unique_io make() { return unique_io(ks_io_create()); }
+unique_io make() {
+    return unique_io(ks_io_create());
+}
 
-bool is_open(int fd) { return fcntl(fd, F_GETFD) != -1; }
+bool is_open(int fd) {
+    return fcntl(fd, F_GETFD) != -1;
+}
 
 TEST(IoTest, FreshObjectIsEmpty) {
     const unique_io io = make();

@@ -2,6 +2,9 @@
 #include "framework_support.h"
 #include "kservice.h"
 
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
 #include <atomic>
 #include <csignal>
 #include <cstring>
@@ -16,9 +19,6 @@
 #include <unistd.h>
 #include <vector>
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 namespace {
 
 using support::echo;
@@ -29,8 +29,16 @@ using support::raw_caller;
 using support::service;
 
 gate* held = nullptr;
+// The process that serves. The worker table says so too, but while the producer runs it is the producer's alone.
+const support::shared<std::atomic<pid_t>> server;
+
+int tell(const char* command, ks_io* io, int fd) {
+    *server = getpid();
+    return echo(command, io, fd);
+}
 
 int hold(const char*, ks_io* io, int) {
+    *server = getpid();
     held->pass();
     support::answer(io, "done");
     return 0;
@@ -38,10 +46,8 @@ int hold(const char*, ks_io* io, int) {
 
 // What the calls of one test say to standard error, in this process and its children.
 class captured_stderr {
-  public:
-    captured_stderr() : saved_(fcntl(2, F_DUPFD_CLOEXEC, 300)), file_(support::memory_file()) {
-        dup2(file_.get(), 2);
-    }
+public:
+    captured_stderr() : saved_(fcntl(2, F_DUPFD_CLOEXEC, 300)), file_(support::memory_file()) { dup2(file_.get(), 2); }
     ~captured_stderr() { dup2(saved_.get(), 2); }
     captured_stderr(const captured_stderr&) = delete;
     captured_stderr& operator=(const captured_stderr&) = delete;
@@ -51,14 +57,14 @@ class captured_stderr {
         return {bytes, got < 0 ? 0 : (size_t)got};
     }
 
-  private:
+private:
     support::descriptor saved_;
     support::descriptor file_;
 };
 
 // A caller that has sent its request and whose answer is held back.
 class held_request {
-  public:
+public:
     explicit held_request(const std::string& path) : caller_(path), file_(support::memory_file()) {
         EXPECT_TRUE(caller_.invited());
         EXPECT_TRUE(caller_.send(make_record(8, 0, "c")) && caller_.send_fds({file_.get()}));
@@ -66,17 +72,24 @@ class held_request {
     }
     raw_caller& caller() { return caller_; }
 
-  private:
+private:
     raw_caller caller_;
     support::descriptor file_;
 };
 
 // Connects a caller for whom nobody is free, and waits until the producer, which is in this process, has accepted it:
-// the process then has `sockets` sockets.
+// the process then has `sockets` sockets. Until the last hand-over's echo it has one more.
 std::unique_ptr<raw_caller> accepted_caller(const std::string& path, size_t sockets) {
+    EXPECT_TRUE(eventually([sockets] { return support::open_sockets() == sockets - 2; })) << support::open_sockets();
     auto caller = std::make_unique<raw_caller>(path);
     EXPECT_TRUE(eventually([sockets] { return support::open_sockets() == sockets; })) << support::open_sockets();
     return caller;
+}
+
+// Whether the service has hung up, perhaps after it had invited the caller.
+bool dropped(const raw_caller& caller) {
+    const auto what = caller.receive();
+    return !what || (*what == make_record(7) && caller.hung_up());
 }
 
 bool silent(const raw_caller& caller) {
@@ -163,26 +176,27 @@ TEST(ProducerTest, PausedTurnsNewCallersAwayAndKeepsTheWaiting) {
     EXPECT_EQ(support::call(one.name(), "c", "", &reply), 0U);
 }
 
+// One that has just answered may not have reported ready when the next caller comes, so the turns are not to the point.
 TEST(ProducerTest, ConsumersTakeTurns) {
-    static std::atomic<int> next = 0;
-    thread_local int mine = -1;
-    next = 0;
+    static std::atomic<size_t> next = 0;
+    static std::atomic<int> served[3] = {};
+    thread_local size_t mine = 3;
     const service one(5, 3, [](const char*, ks_io* io, int) {
-        if (mine < 0) {
+        if (mine == 3) {
             mine = next++;
         }
-        support::answer(io, std::to_string(mine));
+        ++served[mine];
+        support::answer(io, "");
         return 0;
     });
-    std::string order;
-    for (int i = 0; i < 9; ++i) {
+    for (int i = 0; i < 300; ++i) {
         std::string reply;
         ASSERT_EQ(support::call(one.name(), "c", "", &reply), 0U);
-        order += reply;
     }
-    EXPECT_EQ(order.substr(0, 3), order.substr(3, 3));
-    EXPECT_EQ(order.substr(0, 3), order.substr(6, 3));
-    EXPECT_EQ(next, 3);
+    EXPECT_EQ(next, 3U);
+    for (const auto& each : served) {
+        EXPECT_GE(each, 60) << "the first that is idle would always be the same";
+    }
 }
 
 TEST(ProducerTest, WaitingCallerThatHangsUpCostsNothing) {
@@ -190,7 +204,7 @@ TEST(ProducerTest, WaitingCallerThatHangsUpCostsNothing) {
     held = &here;
     const service one(5, 1, hold);
     held_request busy(one.path());
-    const auto before = support::open_descriptors().size();
+    const auto before = support::settled_descriptors();
     for (int i = 0; i < 300; ++i) {
         raw_caller gone(one.path());
         if (i % 3 == 1) {
@@ -313,8 +327,6 @@ TEST(ProducerTest, StopsWhileDescriptorsAreLacking) {
     support::restore_stdin();
 }
 
-pid_t worker_pid(const service& one, size_t index = 0) { return one.handle()->worker[index].id.pid; }
-
 void kill_and_await_death(pid_t pid, int signum) {
     ASSERT_EQ(kill(pid, signum), 0);
     siginfo_t info = {};
@@ -323,20 +335,23 @@ void kill_and_await_death(pid_t pid, int signum) {
 
 TEST(ProducerRestartTest, KilledConsumerIsReportedAndStartedAgain) {
     captured_stderr said;
-    const service one(3, 1, echo);
+    const service one(3, 1, tell);
     std::string reply;
     ASSERT_EQ(support::call(one.name(), "c", "", &reply), 0U);
-    const pid_t old = worker_pid(one);
+    const pid_t old = *server;
     kill_and_await_death(old, SIGKILL);
     ASSERT_EQ(support::call(one.name(), "c", "", &reply), 0U);
     EXPECT_EQ(reply, "c||none");
-    EXPECT_NE(worker_pid(one), old);
+    EXPECT_NE(*server, old);
     // The name is cut nowhere: it is short.
-    EXPECT_EQ(said.text(), std::string("[KService] [WARN] [") + one.name() + "] consumer-worker[0].pid=" +
-                               std::to_string(old) + " WIFSIGNALED=9, restart it.\n");
+    EXPECT_EQ(said.text(), std::string("[KService] [WARN] [") + one.name() +
+                               "] consumer-worker[0].pid=" + std::to_string(old) + " WIFSIGNALED=9, restart it.\n");
 }
 
-int leave(const char*, ks_io*, int) { _exit(7); }
+int leave(const char*, ks_io*, int) {
+    *server = getpid();
+    _exit(7);
+}
 
 TEST(ProducerRestartTest, ExitedConsumerIsReportedWithItsStatus) {
     captured_stderr said;
@@ -346,9 +361,9 @@ TEST(ProducerRestartTest, ExitedConsumerIsReportedWithItsStatus) {
         const raw_caller caller(one.path());
         const support::descriptor file = support::memory_file();
         ASSERT_TRUE(caller.invited());
-        old = worker_pid(one);
         ASSERT_TRUE(caller.send(make_record(8)) && caller.send_fds({file.get()}));
         EXPECT_TRUE(caller.hung_up());
+        old = *server;
     }
     siginfo_t info = {};
     ASSERT_EQ(waitid(P_PID, (id_t)old, &info, WEXITED | WNOWAIT), 0);
@@ -357,32 +372,33 @@ TEST(ProducerRestartTest, ExitedConsumerIsReportedWithItsStatus) {
         const raw_caller caller(one.path());
         ASSERT_TRUE(caller.invited());
     }
-    EXPECT_EQ(said.text(), std::string("[KService] [WARN] [") + one.name() + "] consumer-worker[0].pid=" +
-                               std::to_string(old) + " WIFEXITED=7, restart it.\n");
+    EXPECT_EQ(said.text(), std::string("[KService] [WARN] [") + one.name() +
+                               "] consumer-worker[0].pid=" + std::to_string(old) + " WIFEXITED=7, restart it.\n");
 }
 
 TEST(ProducerRestartTest, RestartedConsumerRunsTheInitCallbackAgain) {
     const support::shared<std::atomic<int>> count;
     captured_stderr said;
-    const service one(3, 1, echo, [&](ks_handle* handle) {
-        ks_worker_init(handle, [](void* argument) { ++*static_cast<std::atomic<int>*>(argument); }, &*count);
+    const service one(3, 1, tell, [&](ks_handle* handle) {
+        ks_worker_init(
+            handle, [](void* argument) { ++*static_cast<std::atomic<int>*>(argument); }, &*count);
     });
     std::string reply;
     for (int i = 1; i <= 5; ++i) {
         ASSERT_EQ(support::call(one.name(), "c", "", &reply), 0U);
         EXPECT_EQ(*count, i);
-        kill_and_await_death(worker_pid(one), SIGKILL);
+        kill_and_await_death(*server, SIGKILL);
     }
 }
 
 TEST(ProducerRestartTest, RestartLeavesNoDescriptorsBehind) {
     captured_stderr said;
-    const service one(3, 2, echo);
+    const service one(3, 2, tell);
     std::string reply;
     ASSERT_EQ(support::call(one.name(), "c", "", &reply), 0U);
-    const auto before = support::open_descriptors().size();
+    const auto before = support::settled_descriptors();
     for (int i = 0; i < 20; ++i) {
-        kill_and_await_death(worker_pid(one, (size_t)i % 2), SIGKILL);
+        kill_and_await_death(*server, SIGKILL);
         ASSERT_EQ(support::call(one.name(), "c", "", &reply), 0U);
         ASSERT_EQ(support::call(one.name(), "c", "", &reply), 0U);
     }
@@ -396,14 +412,14 @@ TEST(ProducerRestartTest, WaitingCallerWhoseSpeechCausedTheHandOverIsShutDown) {
     held = &here;
     const service one(3, 1, hold);
     const size_t sockets = support::open_sockets();
-    const auto before = support::open_descriptors().size();
+    const auto before = support::settled_descriptors();
     {
         held_request busy(one.path());
         const auto waiting = accepted_caller(one.path(), sockets + 3); // the other caller's is with the consumer
-        kill_and_await_death(worker_pid(one), SIGKILL);
+        kill_and_await_death(*server, SIGKILL);
         EXPECT_TRUE(busy.caller().hung_up());
         ASSERT_TRUE(waiting->send_bytes("hello", 5));
-        EXPECT_TRUE(waiting->hung_up());
+        EXPECT_TRUE(dropped(*waiting)); // the new consumer may be quicker than the shut-down
     }
     here.open();
     std::string reply;
@@ -431,9 +447,9 @@ TEST(ProducerRestartTest, EarlyShutDownNeverClosesSomebodyElsesDescriptor) {
     for (int i = 0; i < 30; ++i) {
         held_request busy(one.path());
         const auto waiting = accepted_caller(one.path(), sockets + 3); // the other caller's is with the consumer
-        kill_and_await_death(worker_pid(one), SIGKILL);
+        kill_and_await_death(*server, SIGKILL);
         ASSERT_TRUE(waiting->send_bytes("hello", 5));
-        EXPECT_TRUE(waiting->hung_up());
+        EXPECT_TRUE(dropped(*waiting)); // the new consumer may be quicker than the shut-down
     }
     done = true;
     opener.join();
@@ -444,7 +460,7 @@ TEST(ProducerRestartTest, EarlyShutDownNeverClosesSomebodyElsesDescriptor) {
 // replaced hangs up for good; the producer must not take that for its present link.
 TEST(ProducerRestartTest, CopiesOfAReplacedLinkInOtherProcessesDoNoHarm) {
     captured_stderr said;
-    const service one(3, 1, echo);
+    const service one(3, 1, tell);
     std::string reply;
     ASSERT_EQ(support::call(one.name(), "c", "", &reply), 0U);
     const int consumer_end = one.handle()->worker[0].sockfd[0];
@@ -460,7 +476,7 @@ TEST(ProducerRestartTest, CopiesOfAReplacedLinkInOtherProcessesDoNoHarm) {
             pause();
         }
     }
-    kill_and_await_death(worker_pid(one), SIGKILL);
+    kill_and_await_death(*server, SIGKILL);
     ASSERT_EQ(support::call(one.name(), "c", "", &reply), 0U);
     *step = 1;
     ASSERT_TRUE(eventually([&] { return *step == 2; }));

@@ -2,6 +2,9 @@
 #include "framework_support.h"
 #include "kservice.h"
 
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
 #include <atomic>
 #include <cerrno>
 #include <csignal>
@@ -17,9 +20,6 @@
 #include <unistd.h>
 #include <vector>
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 namespace {
 
 using support::echo;
@@ -28,8 +28,12 @@ using support::service;
 
 const unsigned kModes[] = {2, 3, 4, 5};
 
-bool is_open(int fd) { return fcntl(fd, F_GETFD) != -1; }
-bool exists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
+bool is_open(int fd) {
+    return fcntl(fd, F_GETFD) != -1;
+}
+bool exists(const std::string& path) {
+    return access(path.c_str(), F_OK) == 0;
+}
 
 struct created {
     explicit created(const char* name, unsigned mode = 5) : handle(ks_create(name, mode, 1, echo)) {}
@@ -170,12 +174,35 @@ TEST(ServiceTest, TableDescribesTheWorkers) {
     EXPECT_EQ(producer.index, 3U);
 }
 
+ks_handle* signalled = nullptr;
+std::atomic<uint32_t> seen_flags = 0;
+std::atomic<pid_t> seen_pid = 0;
+void look_at_the_producer(int) {
+    const ks_worker& producer = signalled->worker[signalled->service_size];
+    seen_pid = producer.id.pid;
+    seen_flags = producer.flags;
+}
+
+// Looked at on the thread that serves: nobody else may.
 TEST(ServiceTest, ProducerInTheCallersThreadIsMarkedAsAProcess) {
-    const service one(4, 1, echo);
-    std::string reply;
-    ASSERT_EQ(support::call(one.name(), "c", "", &reply), 0U); // the loop runs, and its entry is filled
-    EXPECT_EQ(one.handle()->worker[1].flags, 2U);
-    EXPECT_EQ(one.handle()->worker[1].id.pid, getpid());
+    const support::temp_dir dir;
+    const std::string name = "@" + dir.file("s");
+    signalled = ks_create(name.c_str(), 4, 1, echo);
+    (void)signal(SIGUSR1, look_at_the_producer);
+    std::thread runner([] { ks_start(signalled); });
+    ASSERT_TRUE(eventually([&] {
+        std::string reply;
+        return support::call(name.c_str(), "c", "", &reply) == 0; // the loop runs, and its entry is filled
+    }));
+    pthread_kill(runner.native_handle(), SIGUSR1);
+    EXPECT_TRUE(eventually([] { return seen_flags != 0; }));
+    EXPECT_EQ(seen_flags, 2U);
+    EXPECT_EQ(seen_pid, getpid());
+    ks_stop(signalled);
+    runner.join();
+    ks_free(signalled);
+    (void)signal(SIGUSR1, SIG_DFL);
+    support::restore_stdin();
 }
 
 TEST(ServiceTest, StopOfAnUnstartedServiceDoesNothing) {
@@ -308,8 +335,12 @@ struct marks {
     std::atomic<int> init;
     std::atomic<int> fini;
 };
-void count_init(void* argument) { ++static_cast<marks*>(argument)->init; }
-void count_fini(void* argument) { ++static_cast<marks*>(argument)->fini; }
+void count_init(void* argument) {
+    ++static_cast<marks*>(argument)->init;
+}
+void count_fini(void* argument) {
+    ++static_cast<marks*>(argument)->fini;
+}
 
 TEST(ServiceTest, EveryConsumerRunsTheCallbacksOnce) {
     for (const unsigned mode : kModes) {
@@ -414,8 +445,12 @@ TEST(ServiceStopTest, StopDoesNotWaitForASilentInvitedCaller) {
     EXPECT_TRUE(silent.hung_up());
 }
 
-ks_handle* signalled = nullptr;
-void stop_it(int) { ks_stop(signalled); }
+volatile sig_atomic_t inside_start = 0;
+void stop_it(int) {
+    if (inside_start != 0) {
+        ks_stop(signalled);
+    }
+}
 
 // The usual way to end a foreground service, on the very thread that is inside ks_start(), at any moment of it.
 TEST(ServiceStopTest, StopFromASignalHandlerAtAnyMomentOfStart) {
@@ -438,7 +473,9 @@ TEST(ServiceStopTest, StopFromASignalHandlerAtAnyMomentOfStart) {
                     std::this_thread::sleep_for(std::chrono::milliseconds(1));
                 } while (!returned);
             });
+            inside_start = 1;
             ks_start(signalled);
+            inside_start = 0;
             returned = true;
             sender.join();
             ks_stop(signalled);
@@ -451,7 +488,47 @@ TEST(ServiceStopTest, StopFromASignalHandlerAtAnyMomentOfStart) {
     }
 }
 
-pid_t only_worker(const ks_handle* handle) { return handle->worker[0].id.pid; }
+// A signal to the process goes to whatever thread the kernel chooses: a producer that still forks its workers, a
+// consumer.
+TEST(ServiceStopTest, StopFromASignalToTheProcessWhicheverThreadTakesIt) {
+    struct sigaction action = {};
+    action.sa_handler = stop_it;
+    sigaction(SIGUSR1, &action, nullptr);
+    for (const unsigned mode : {2U, 3U, 4U, 5U}) {
+        for (int round = 0; round < 30; ++round) {
+            const support::temp_dir dir;
+            const std::string name = "@" + dir.file("s");
+            signalled = ks_create(name.c_str(), mode, 16, echo);
+            std::atomic<bool> over = false;
+            std::thread sender([round, &over] {
+                sigset_t own;
+                sigemptyset(&own);
+                sigaddset(&own, SIGUSR1);
+                pthread_sigmask(SIG_BLOCK, &own, nullptr);
+                std::this_thread::sleep_for(std::chrono::microseconds(round * 100));
+                do { // seldom enough for a fork, which a signal makes begin anew
+                    kill(getpid(), SIGUSR1);
+                    std::this_thread::sleep_for(std::chrono::milliseconds(30));
+                } while (!over);
+            });
+            inside_start = 1;
+            ks_start(signalled);
+            ks_stop(signalled);
+            inside_start = 0;
+            over = true;
+            sender.join();
+            EXPECT_EQ(signalled->worker, nullptr) << "mode " << mode << ", round " << round;
+            EXPECT_FALSE(exists(dir.file("s"))) << "mode " << mode << ", round " << round;
+            ks_free(signalled);
+            support::restore_stdin();
+        }
+    }
+    (void)signal(SIGUSR1, SIG_DFL);
+}
+
+pid_t only_worker(const ks_handle* handle) {
+    return handle->worker[0].id.pid;
+}
 
 TEST(ServiceProcessTest, WorkersOutliveTheThreadThatStartedThem) {
     const support::temp_dir dir;
@@ -469,28 +546,34 @@ TEST(ServiceProcessTest, WorkersOutliveTheThreadThatStartedThem) {
     support::restore_stdin();
 }
 
+const support::shared<std::atomic<pid_t>> stubborn;
+int never_return(const char*, ks_io*, int) {
+    *stubborn = getpid();
+    for (;;) {
+        pause();
+    }
+}
+
+// One that is busy does not see its link hang up: the kernel has to end it.
 TEST(ServiceProcessTest, WorkersDieWithTheProcess) {
     for (const unsigned mode : {2U, 3U}) {
         ASSERT_EQ(prctl(PR_SET_CHILD_SUBREAPER, 1), 0); // the orphan becomes ours
-        const support::shared<std::atomic<pid_t>> worker;
+        *stubborn = 0;
         const support::temp_dir dir;
         const std::string name = "@" + dir.file("s");
         const pid_t daemon = fork();
         if (daemon == 0) {
-            service one(name, mode, 1, echo);
+            service one(name, mode, 1, never_return);
             std::string reply;
             (void)support::call(name.c_str(), "c", "", &reply);
-            *worker = only_worker(one.handle());
-            for (;;) {
-                pause();
-            }
+            _exit(1);
         }
-        ASSERT_TRUE(eventually([&] { return *worker != 0; }));
+        ASSERT_TRUE(eventually([&] { return *stubborn != 0; }));
         kill(daemon, SIGKILL);
         ASSERT_EQ(waitpid(daemon, nullptr, 0), daemon);
         int status = 0;
-        ASSERT_EQ(waitpid(*worker, &status, 0), *worker);
-        EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL);
+        ASSERT_EQ(waitpid(*stubborn, &status, 0), *stubborn);
+        EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL) << mode;
         prctl(PR_SET_CHILD_SUBREAPER, 0);
     }
 }

@@ -1,4 +1,6 @@
 // libkservice.so as others meet it: from C, and with no name in it but the header's.
+#include <gtest/gtest.h>
+
 #include <algorithm>
 #include <array>
 #include <cstdio>
@@ -9,8 +11,6 @@
 #include <sstream>
 #include <string>
 #include <sys/wait.h>
-
-#include <gtest/gtest.h>
 
 namespace {
 

@@ -6,17 +6,25 @@
 #include "scoped.h"
 
 #include <cstdlib>
+#include <exception>
 #include <optional>
 #include <string>
-
 #include <unistd.h>
 
 using handler_function = int (*)(ks_io* io, int fd);
 
 inline handler_function asked_handler = nullptr;
 
+/// What the handler let escape; empty when it returned. The daemon's dispatch stops such errors as this does.
+inline std::string escaped_error;
+
 inline int run_asked_handler(const char* /*command*/, ks_io* io, int fd) {
-    asked_handler(io, fd);
+    escaped_error.clear();
+    try {
+        asked_handler(io, fd);
+    } catch (const std::exception& error) {
+        escaped_error = error.what();
+    }
     ks_io_free(io);
     return 0;
 }
@@ -29,8 +37,7 @@ inline std::optional<std::string> ask(handler_function handler, const std::strin
     ks_start(service);
     void* reply = nullptr;
     size_t size = 0;
-    const unsigned code =
-        ks_ez_call(name.c_str(), "asked", request.data(), request.size(), &reply, &size, 10, -1);
+    const unsigned code = ks_ez_call(name.c_str(), "asked", request.data(), request.size(), &reply, &size, 10, -1);
     const unique_heap<void> owner(reply);
     ks_free(service);
     if (code != 0) {

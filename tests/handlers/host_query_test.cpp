@@ -8,9 +8,8 @@
 #include <gtest/gtest.h>
 
 #include <string>
-#include <vector>
-
 #include <sys/stat.h>
+#include <vector>
 
 namespace {
 
@@ -72,8 +71,8 @@ TEST_F(HostQueryTest, TvLoungeStatusIsTheConfiguredNumber) {
     EXPECT_EQ(ask(hos_get_cfg_tvLounge_handler), "{\"error_code\":0,\"tvLounge_Status\":42}\n");
     const auto calls = cfgread.calls();
     ASSERT_EQ(calls.size(), 1U);
-    EXPECT_EQ(calls[0].argv, (strings{"cfgread", "CP_APP", "tvLounge", "-c", "-d", "CFGREAD_FAILD", "-f",
-                                      "/etc/kos.ui.cp.conf"}));
+    EXPECT_EQ(calls[0].argv,
+              (strings{"cfgread", "CP_APP", "tvLounge", "-c", "-d", "CFGREAD_FAILD", "-f", "/etc/kos.ui.cp.conf"}));
 }
 
 TEST_F(HostQueryTest, TvLoungeStatusIsZeroForTextThatIsNoNumber) {

@@ -10,13 +10,12 @@
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
+#include <fcntl.h>
 #include <filesystem>
 #include <string>
-#include <vector>
-
-#include <fcntl.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <vector>
 
 inline constexpr const char* kMain = "VexHubServer-vexprod";
 inline constexpr const char* kMail = "VexHubServer_send_mail-vexprod";
@@ -27,8 +26,7 @@ inline unsigned call_service(const char* service, const char* command, const std
                              std::string* ret_reply, unsigned timeout_s = 10) {
     void* reply = nullptr;
     size_t size = 0;
-    const unsigned code =
-        ks_ez_call(service, command, request.data(), request.size(), &reply, &size, timeout_s, -1);
+    const unsigned code = ks_ez_call(service, command, request.data(), request.size(), &reply, &size, timeout_s, -1);
     const unique_heap<void> owner(reply);
     ret_reply->assign(static_cast<const char*>(reply), code == KS_OK ? size : 0);
     return code;
@@ -78,7 +76,8 @@ public:
     /// Waits for the end. @return The raw wait status, or -1 when it does not end within `seconds`.
     int wait(int seconds = 20) {
         int status = -1;
-        const bool ended = wait_until([&] { return waitpid(pid_, &status, WNOHANG) == pid_; }, std::chrono::seconds(seconds));
+        const bool ended =
+            wait_until([&] { return waitpid(pid_, &status, WNOHANG) == pid_; }, std::chrono::seconds(seconds));
         if (ended) {
             pid_ = -1;
         }
@@ -99,6 +98,19 @@ public:
             ++entries;
         }
         return entries;
+    }
+
+    /// The same once it has stopped changing: the last request's closing is over.
+    [[nodiscard]] size_t settled(const char* what) const {
+        size_t last = count(what);
+        int same = 0;
+        (void)wait_until([&] {
+            const size_t now = count(what);
+            same = now == last ? same + 1 : 0;
+            last = now;
+            return same == 10;
+        });
+        return last;
     }
 
 private:

@@ -5,9 +5,8 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <thread>
-
 #include <sys/stat.h>
+#include <thread>
 
 namespace {
 
@@ -161,8 +160,8 @@ TEST_F(DaemonSystemTest, AnyLocalUserMayCall) {
 TEST_F(DaemonSystemTest, ManyClientsGetTheirOwnRepliesAndLeaveNothingBehind) {
     daemon_process daemon;
     ASSERT_TRUE(daemon.serves());
-    const size_t descriptors = daemon.count("fd");
-    const size_t threads = daemon.count("task");
+    const size_t threads = daemon.settled("task");
+    const size_t descriptors = daemon.settled("fd");
     std::atomic<int> wrong = 0;
     std::vector<std::thread> clients;
     for (int client = 0; client < 8; ++client) {

@@ -1,0 +1,26 @@
+#include "tool_run.h"
+
+#include "argument_vector.h"
+#include "base64.h"
+#include "runner.h"
+
+#include <utility>
+
+tool_run run_tool(const std::string& path, std::vector<std::string> argv, tool_errors errors) {
+    const argument_vector vector(std::move(argv));
+    tool_run run = {temp_file(), -1};
+    const char* error_file = errors == tool_errors::with_output ? run.output.path() : nullptr;
+    run.status = lyn_vexprod_corvo_exec_v(run.output.path(), error_file, nullptr, path.c_str(), vector.data());
+    return run;
+}
+
+std::vector<std::string> first_slash_argv(const std::string& path, std::vector<std::string> arguments) {
+    arguments.insert(arguments.begin(), path.substr(path.find('/') + 1)); // no "/": npos + 1 is 0
+    return arguments;
+}
+
+std::string output_base64(const tool_run& run) {
+    std::string encoded;
+    base64_encode(run.output.read_all(), encoded);
+    return encoded;
+}
