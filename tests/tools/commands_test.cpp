@@ -39,7 +39,7 @@ std::vector<std::string> lines_of(const std::string& text) {
     return lines;
 }
 
-// What the document has between its headings, as the list prints it: "main  NAME  SUMMARY", each blank run one blank.
+// What the document says, as the list prints it: "main NAME SUMMARY", less the blanks that make columns.
 std::vector<std::string> documented_lines() {
     std::ifstream document(COMMANDS_DOCUMENT);
     std::vector<std::string> found;
@@ -53,7 +53,8 @@ std::vector<std::string> documented_lines() {
             std::string summary;
             std::getline(document, summary); // the empty line
             std::getline(document, summary);
-            found.push_back(section + " " + line.substr(5, line.size() - 6) + " " + summary);
+            const std::string name = line.substr(5, line.size() - 6);
+            found.push_back(std::string(section).append(" ").append(name).append(" ").append(summary));
         }
     }
     return found;
