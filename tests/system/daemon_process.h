@@ -38,6 +38,7 @@ public:
     explicit daemon_process(std::vector<std::string> arguments = {}) {
         arguments.insert(arguments.begin(), VEXPROD_PROGRAM);
         std::vector<char*> argv;
+        argv.reserve(arguments.size() + 1);
         for (std::string& each : arguments) {
             argv.push_back(each.data());
         }
