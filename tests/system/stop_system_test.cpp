@@ -24,7 +24,8 @@ protected:
         // The mail service is left to process exit, where one of its request threads may have ended without having been
         // joined yet: to the thread sanitizer that is a leak.
         const char* options = getenv("TSAN_OPTIONS");
-        ::setenv("TSAN_OPTIONS", (std::string(options != nullptr ? options : "") + ":report_thread_leaks=0").c_str(), 1);
+        ::setenv("TSAN_OPTIONS", (std::string(options != nullptr ? options : "") + ":report_thread_leaks=0").c_str(),
+                 1);
     }
     static long runs() { return setting("VEXPROD_STOP_RUNS", kSanitized ? 50 : 500); }
     static bool queues_are_gone() { return !queue_exists(kNotifyQueue) && !queue_exists(kEventQueue); }
