@@ -39,6 +39,7 @@ protected:
 // Processes that call both services, and some that post, again and again until they are killed.
 std::vector<side_process> make_clients(int count) {
     std::vector<side_process> clients;
+    clients.reserve(static_cast<size_t>(count));
     for (int client = 0; client < count; ++client) {
         clients.emplace_back([client] {
             std::string reply;
@@ -167,6 +168,7 @@ TEST_F(StopSystemTest, ManySignalsAtOnceAreOneStop) {
 
 TEST_F(StopSystemTest, EndsCleanlyWhileMailWorkersStillRunRequests) {
     std::vector<side_process> clients;
+    clients.reserve(8);
     for (int i = 0; i < 8; ++i) {
         clients.emplace_back([] {
             std::string reply;
