@@ -29,7 +29,6 @@ namespace {
 using std::chrono::seconds;
 using std::chrono::steady_clock;
 using testing::ElementsAre;
-using testing::StartsWith;
 
 constexpr int kKey = 4711;
 constexpr unsigned long kBody = 16;

@@ -129,7 +129,7 @@ std::string minute_of(const std::string& json) {
 }
 
 std::string minute_in(int hours_east) {
-    const time_t now = time(nullptr) + hours_east * 3600;
+    const time_t now = time(nullptr) + time_t{hours_east} * 3600;
     tm parts = {};
     gmtime_r(&now, &parts);
     char text[32];

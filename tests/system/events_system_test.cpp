@@ -180,11 +180,11 @@ TEST_F(EventsSystemTest, NoRecordOfTwoBusyProducersIsLostChangedOrOutOfOrder) {
     const notify_listener listener;
     close(gate[0]);
     close(gate[1]);
-    const auto requests = notify_listener::wait_for(static_cast<size_t>(2 * each), std::chrono::minutes(4));
+    const auto requests = notify_listener::wait_for(2 * static_cast<size_t>(each), std::chrono::minutes(4));
     for (side_process& producer : producers) {
         EXPECT_EQ(producer.join(), 0);
     }
-    ASSERT_EQ(requests.size(), static_cast<size_t>(2 * each));
+    ASSERT_EQ(requests.size(), 2 * static_cast<size_t>(each));
 
     std::array<int, 2> next = {0, 0};
     long last_second = 0;

@@ -24,7 +24,8 @@ protected:
         // The mail service is left to process exit, where one of its request threads may have ended without having been
         // joined yet: to the thread sanitizer that is a leak.
         const char* options = getenv("TSAN_OPTIONS");
-        ::setenv("TSAN_OPTIONS", (std::string(options != nullptr ? options : "") + ":report_thread_leaks=0").c_str(), 1);
+        ::setenv("TSAN_OPTIONS", (std::string(options != nullptr ? options : "") + ":report_thread_leaks=0").c_str(),
+                 1);
     }
     static long runs() { return setting("VEXPROD_STOP_RUNS", kSanitized ? 50 : 500); }
     static bool queues_are_gone() { return !queue_exists(kNotifyQueue) && !queue_exists(kEventQueue); }
@@ -38,6 +39,7 @@ protected:
 // Processes that call both services, and some that post, again and again until they are killed.
 std::vector<side_process> make_clients(int count) {
     std::vector<side_process> clients;
+    clients.reserve(static_cast<size_t>(count));
     for (int client = 0; client < count; ++client) {
         clients.emplace_back([client] {
             std::string reply;
@@ -166,6 +168,7 @@ TEST_F(StopSystemTest, ManySignalsAtOnceAreOneStop) {
 
 TEST_F(StopSystemTest, EndsCleanlyWhileMailWorkersStillRunRequests) {
     std::vector<side_process> clients;
+    clients.reserve(8);
     for (int i = 0; i < 8; ++i) {
         clients.emplace_back([] {
             std::string reply;

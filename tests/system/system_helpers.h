@@ -71,7 +71,7 @@ inline size_t count_of(const std::string& text, const std::string& part) {
 /// The path of a service's socket.
 inline std::string socket_path(const char* service) {
     ks_handle* handle = ks_create(service, KS_PTHREAD_MODE, 1, [](const char*, ks_io*, int) { return 0; });
-    const std::string path = handle->sockfile;
+    std::string path = handle->sockfile;
     ks_free(handle);
     return path;
 }
