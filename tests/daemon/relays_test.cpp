@@ -346,14 +346,17 @@ TEST_F(RelaysTest, RelayingLeavesNoDescriptorBehind) {
         return std::distance(begin(all), end(all));
     };
     const notify_listener listener;
-    eventlog_handler(full_event().data());
-    (void)notify_listener::wait_for(1);
+    // Callers go to the listener's workers in turn: afterwards each of them has come up.
+    for (int i = 0; i < 8; ++i) {
+        eventlog_handler(full_event().data());
+    }
+    (void)notify_listener::wait_for(8);
     const auto before = open_descriptors();
     for (int i = 0; i < 100; ++i) {
         eventlog_handler(full_event().data());
         notify_handler(host_record::notification(1, 1, 1, "").data());
     }
-    (void)notify_listener::wait_for(201);
+    (void)notify_listener::wait_for(208);
     EXPECT_TRUE(wait_until([&] { return open_descriptors() <= before; })) << open_descriptors() << " " << before;
 }
 
