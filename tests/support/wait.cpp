@@ -12,3 +12,15 @@ bool wait_until(const std::function<bool()>& condition, std::chrono::millisecond
     }
     return true;
 }
+
+std::size_t settled(const std::function<std::size_t()>& count) {
+    std::size_t last = count();
+    int unchanged = 0;
+    (void)wait_until([&] {
+        const std::size_t now = count();
+        unchanged = now == last ? unchanged + 1 : 0;
+        last = now;
+        return unchanged == 10;
+    });
+    return last;
+}

@@ -103,15 +103,7 @@ public:
 
     /// The same once it has stopped changing: the last request's closing is over.
     [[nodiscard]] size_t settled(const char* what) const {
-        size_t last = count(what);
-        int same = 0;
-        (void)wait_until([&] {
-            const size_t now = count(what);
-            same = now == last ? same + 1 : 0;
-            last = now;
-            return same == 10;
-        });
-        return last;
+        return ::settled([&] { return count(what); });
     }
 
 private:
