@@ -352,7 +352,7 @@ TEST(ClientTest, EasyCallCopiesTheReply) {
 
 TEST(ClientTest, EasyCallTakesAnEmptyAndALargeReply) {
     const service one(5, 1, [](const char* command, ks_io* io, int) {
-        support::answer(io, std::string((size_t)atol(command), 'r'));
+        support::answer(io, std::string(strtoul(command, nullptr, 10), 'r'));
         return 0;
     });
     for (const size_t wanted : {0UL, 1UL, 4096UL, 5000001UL}) {
