@@ -419,10 +419,12 @@ void run_producer(service* self) {
             going = handle_event(&p, event.events, static_cast<ks_queue*>(event.data.ptr));
         }
     }
-    while (p.own->queue.next != &p.own->queue) {
-        const int fd = p.own->queue.next->sockfd;
-        unlist(&p, p.own->queue.next);
+    for (ks_queue* each = p.own->queue.next; each != &p.own->queue;) {
+        ks_queue* next = each->next;
+        const int fd = each->sockfd;
+        unlist(&p, each);
         close(fd);
+        each = next;
     }
 }
 
