@@ -21,7 +21,6 @@ namespace {
 
 using testing::EndsWith;
 using testing::HasSubstr;
-using testing::StartsWith;
 
 std::string port_text(std::uint16_t port) {
     return std::to_string(port);
