@@ -82,7 +82,6 @@ int fail(int status, const char* format, ...) {
     std::array<char, 1024> message{};
     va_list arguments;
     va_start(arguments, format);
-    // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): the line above starts it
     (void)vsnprintf(message.data(), message.size(), format, arguments);
     va_end(arguments);
     (void)fprintf(stderr, "ksctl: %s\n", message.data());

@@ -35,7 +35,7 @@ using support::service;
 
 int scaled(int count) {
     const char* percent = getenv("KS_STRESS");
-    return percent == nullptr ? count : std::max(1, count * atoi(percent) / 100); // NOLINT(cert-err34-c)
+    return percent == nullptr ? count : std::max(1, count * (int)strtol(percent, nullptr, 10) / 100);
 }
 
 class stopwatch {
@@ -443,7 +443,8 @@ TEST(StressRestartTest, ConsumersKilledWhileCalled) {
     for (int i = 0; i < times; ++i) {
         std::string reply;
         ASSERT_EQ(support::call(one.name(), "pid", "", &reply), 0U);
-        const pid_t victim = atoi(reply.c_str()); // NOLINT(cert-err34-c)
+        const pid_t victim = (pid_t)strtol(reply.c_str(), nullptr, 10);
+        ASSERT_GT(victim, 1) << "anything less would be a whole group of processes";
         ASSERT_EQ(kill(victim, SIGKILL), 0);
         siginfo_t info = {};
         ASSERT_EQ(waitid(P_PID, (id_t)victim, &info, WEXITED | WNOWAIT), 0); // leaves the status to the producer
