@@ -7,12 +7,14 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
 #include <execinfo.h>
+#include <pthread.h>
 #include <sys/stat.h>
 #include <sys/time.h>
 
@@ -50,11 +52,26 @@ void format_stamp(std::time_t second, char (&stamp)[40]) {
     (void)std::snprintf(stamp, sizeof stamp, "%.*s", static_cast<int>(kStampLength), text == nullptr ? "" : text);
 }
 
+// The process's id, asked for once: it costs a system call, and a line makes four that it cannot do without. A child of
+// fork(2) has another one, and so has the daemon once it has left the terminal.
+pid_t own_pid() {
+    static std::atomic<pid_t> known = 0;
+    static const bool forgotten_by_children = ::pthread_atfork(nullptr, nullptr, [] { known = 0; }) == 0;
+    pid_t pid = known.load(std::memory_order_relaxed);
+    if (pid == 0) {
+        pid = ::getpid();
+        if (forgotten_by_children) {
+            known.store(pid, std::memory_order_relaxed);
+        }
+    }
+    return pid;
+}
+
 const line_prefix& current_prefix() {
     thread_local line_prefix cached;
     struct timeval now = {};
     (void)::gettimeofday(&now, nullptr); // cannot fail with these arguments
-    const pid_t pid = ::getpid();
+    const pid_t pid = own_pid();
     if (now.tv_sec != cached.second || pid != cached.pid) {
         char stamp[40];
         format_stamp(now.tv_sec, stamp);
@@ -66,27 +83,31 @@ const line_prefix& current_prefix() {
     return cached;
 }
 
-using message_buffer = std::array<char, kMessageLimit>;
-
-void write_line(const char* file, const message_buffer& message) {
+// Appends one line to `file`. The message is formatted where it stands in the line: copying it costs as much as
+// reading the clock.
+void write_line(const char* file, const char* fmt, std::va_list arguments) {
+    const int saved_errno = errno;
     log_file_rotation(file);
     const line_prefix& prefix = current_prefix();
     const unique_fd log =
         above_standard_streams(unique_fd(::open(file, O_RDWR | O_CREAT | O_APPEND | O_CLOEXEC, 0666)));
+    errno = saved_errno; // for %m
     if (!log.ok()) {
         return;
     }
     std::array<char, kLineSize> line;
-    char* end = std::copy_n(prefix.text, prefix.length, line.data());
+    char* const message = std::copy_n(prefix.text, prefix.length, line.data());
     const std::size_t room = line.size() - 1 - prefix.length; // a longer line loses its end, the newline first
-    const std::size_t length = std::strlen(message.data());
-    end = std::copy_n(message.data(), std::min(length, room), end);
+    const int wanted = std::vsnprintf(message, std::min(kMessageLimit, room + 1), fmt, arguments);
+    const std::size_t length = std::min({static_cast<std::size_t>(std::max(wanted, 0)), kMessageLimit - 1, room});
+    char* end = message + length;
     if (length < room) {
         *end++ = '\n';
     }
     // One write, so that no other line comes in between; one that fails is lost like one that cannot be opened.
     [[maybe_unused]] const ssize_t written =
         ::write(log.get(), line.data(), static_cast<std::size_t>(end - line.data()));
+    errno = saved_errno;
 }
 
 } // namespace
@@ -110,25 +131,17 @@ void dbg_printf2(const char* fmt, ...) {
         (void)std::fputs("Log file path not set. Please call log_set_dir() first.\n", stderr);
         return;
     }
-    const int saved_errno = errno;
-    message_buffer message;
     std::va_list arguments;
     va_start(arguments, fmt);
-    (void)std::vsnprintf(message.data(), message.size(), fmt, arguments);
+    write_line(cLogFilePath, fmt, arguments);
     va_end(arguments);
-    write_line(cLogFilePath, message);
-    errno = saved_errno;
 }
 
 void dbg_printf(const char* file, const char* fmt, ...) {
-    const int saved_errno = errno;
-    message_buffer message;
     std::va_list arguments;
     va_start(arguments, fmt);
-    (void)std::vsnprintf(message.data(), message.size(), fmt, arguments);
+    write_line(file, fmt, arguments);
     va_end(arguments);
-    write_line(file, message);
-    errno = saved_errno;
 }
 
 void log_file_rotation(const char* file) {
