@@ -284,8 +284,8 @@ void withdraw(service* self) {
     }
 }
 
-// A start's value of `paused`: what ks_pause() and ks_resume() last said. They take no lock, so one that comes meanwhile
-// is looked for once more; one that comes after that look writes the byte after us.
+// A start's value of `paused`: what ks_pause() and ks_resume() last said. They take no lock, so one that comes
+// meanwhile is looked for once more; one that comes after that look writes the byte after us.
 void restore_pause(service* self) {
     uint8_t requested = 0;
     do {
