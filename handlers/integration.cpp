@@ -208,7 +208,11 @@ std::string viewer_missing_text(const char* path, int error) {
 
 /// Runs the viewer's tool, if the viewer is installed. One that is not is an answer, no failure.
 void run_viewer_tool(handler_call& call, const std::string& command, viewer_answer* answer) {
-    const auto path = installed_file<512>(kViewerPackage, kViewerTool);
+    // KEPT: without an entry in the registry the tool is looked for in the root folder, and the answer names that path.
+    std::string folder;
+    (void)ks_get_ini_info(kPackageRegistry, kViewerPackage, kInstallPathField, folder);
+    std::array<char, 512> path{};
+    (void)std::snprintf(path.data(), path.size(), "%s/%s", folder.c_str(), kViewerTool);
     struct stat status = {};
     if (::stat(path.data(), &status) != 0) {
         answer->output = viewer_missing_text(path.data(), errno);

@@ -74,11 +74,11 @@ TEST_F(MediaViewerTest, EnabledIsTrueInAnyCaseAndNothingElse) {
               "{\"cli_ret\":0,\"is_enabled\":0,\"is_installed\":1,\"result\":0,\"result_out\":\"Zm9v\"}\n");
 }
 
-TEST_F(MediaViewerTest, AMissingViewerIsAnAnswer) {
+TEST_F(MediaViewerTest, KeptAMissingViewerIsAnAnswerAndWithoutAnEntryItsPathBeginsAtTheRoot) {
     registry("[CayinMediaViewer]\nInstall_Path = /share/Gone\n");
     EXPECT_EQ(ask(hos_cmv_cli_handler, R"({"cmd":"c"})"), missing_reply("/share/Gone/bin/cfgread"));
     registry("[VexHubServer]\nEnable = TRUE\n");
-    EXPECT_EQ(ask(hos_cmv_cli_handler, R"({"cmd":"c"})"), missing_reply(""));
+    EXPECT_EQ(ask(hos_cmv_cli_handler, R"({"cmd":"c"})"), missing_reply("/bin/cfgread"));
 }
 
 TEST_F(MediaViewerTest, RejectionsCarryTheStatusKeysAsWell) {
