@@ -222,11 +222,12 @@ TEST_F(DispatchTest, ARequestThatGetsNoThreadEndsWithoutAReplyAndLeavesNothingBe
                   EAGAIN);
         for (int i = 0; i < 20; ++i) {
             int ends[2];
-            ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
+            ASSERT_EQ(pipe2(ends, O_CLOEXEC | O_NONBLOCK), 0);
             EXPECT_EQ(main.call("test", "", &reply_, ends[1]), 5U);
             close(ends[1]);
             char byte = 0;
-            EXPECT_EQ(read(ends[0], &byte, 1), 0) << "the passed descriptor is still open";
+            ASSERT_TRUE(wait_until([&] { return read(ends[0], &byte, 1) == 0; }))
+                << "the passed descriptor is still open";
             close(ends[0]);
         }
         EXPECT_EQ(target_of(1), "/dev/null") << "standard output no longer leads to the caller";
