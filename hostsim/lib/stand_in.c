@@ -48,5 +48,15 @@ void record(const char* format, ...) {
     (void)vfprintf(log, format, arguments);
     va_end(arguments);
     (void)fputc('\n', log);
+    char* variable = knob("show_variable", NULL);
+    if (variable != NULL) {
+        const char* value = getenv(variable);
+        if (value != NULL) {
+            (void)fprintf(log, "%s=%s\n", variable, value);
+        } else {
+            (void)fprintf(log, "%s is not set\n", variable);
+        }
+        free(variable);
+    }
     (void)fclose(log);
 }

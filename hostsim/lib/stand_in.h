@@ -1,7 +1,9 @@
 /* What the stand-ins for the host's libraries share: following a test's knobs and writing down how they were called.
  *
  * The knobs of /usr/lib/LIBRARY are files in /var/lib/hostsim/knobs/_usr_lib_LIBRARY/, its calls are the lines of
- * /var/lib/hostsim/calls/_usr_lib_LIBRARY/log. */
+ * /var/lib/hostsim/calls/_usr_lib_LIBRARY/log. A knob of every library: "show_variable" = the name of an environment
+ * variable, which each call then shows as it finds it in the process, in a second line: "NAME=value" or "NAME is not
+ * set". (The kernel's /proc/PID/environ shows only what the process was started with.) */
 #ifndef HOSTSIM_STAND_IN_H
 #define HOSTSIM_STAND_IN_H
 

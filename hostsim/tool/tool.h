@@ -18,7 +18,8 @@ struct tool {
 /// Every tool, in tools.cpp.
 std::span<const tool> all_tools();
 
-/// The tool that this process runs as, by the file that was executed: argument 0 is the caller's choice. Null for none.
+/// The tool that this process runs as, by the file that was executed: argument 0 is the caller's choice. A program of
+/// the machine that a test has covered with this one only has to be called. Null for the program itself.
 const tool* running_tool();
 
 // The jobs. Each stands in a file named after it or after its subject.

@@ -4,6 +4,7 @@
 
 #include <array>
 #include <filesystem>
+#include <string>
 #include <system_error>
 
 namespace fs = std::filesystem;
@@ -69,7 +70,12 @@ const tool* running_tool() {
             return &candidate;
         }
     }
-    return nullptr;
+    if (unreadable || self.filename() == "hosttool") {
+        return nullptr;
+    }
+    static const std::string covered = self.string();
+    static const tool cover = {covered.c_str(), succeed};
+    return &cover;
 }
 
 /// Succeeds quietly.

@@ -8,6 +8,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <fcntl.h>
 #include <filesystem>
@@ -182,6 +183,59 @@ TEST_F(DispatchTest, TheDescriptorsNumberIsHeldUntilItIsClosedTheSecondTime) {
     char byte = 0;
     EXPECT_EQ(read(ends[0], &byte, 1), 0) << "nobody holds the pipe's end any more";
     close(ends[0]);
+}
+
+// For as long as it lives this process can make no thread: the address space has no room for the stack.
+class no_more_threads {
+public:
+    no_more_threads() {
+        pthread_attr_init(&attr_);
+        pthread_getattr_default_np(&attr_);
+        pthread_attr_getstacksize(&attr_, &before_);
+        pthread_attr_setstacksize(&attr_, size_t{1} << 60);
+        EXPECT_EQ(pthread_setattr_default_np(&attr_), 0);
+    }
+    no_more_threads(const no_more_threads&) = delete;
+    no_more_threads& operator=(const no_more_threads&) = delete;
+    ~no_more_threads() {
+        pthread_attr_setstacksize(&attr_, before_);
+        EXPECT_EQ(pthread_setattr_default_np(&attr_), 0);
+        pthread_attr_destroy(&attr_);
+    }
+
+private:
+    pthread_attr_t attr_ = {};
+    size_t before_ = 0;
+};
+
+TEST_F(DispatchTest, ARequestThatGetsNoThreadEndsWithoutAReplyAndLeavesNothingBehind) {
+    const served main(service_handler);
+    for (int i = 0; i < 4; ++i) { // callers go to the workers in turn: afterwards both have come up
+        EXPECT_EQ(main.call("test", "", &reply_), 0U);
+    }
+    const size_t before = settled(open_descriptors);
+    {
+        const no_more_threads limit;
+        pthread_t thread = {};
+        ASSERT_EQ(pthread_create(
+                      &thread, nullptr, [](void*) -> void* { return nullptr; }, nullptr),
+                  EAGAIN);
+        for (int i = 0; i < 20; ++i) {
+            int ends[2];
+            ASSERT_EQ(pipe2(ends, O_CLOEXEC | O_NONBLOCK), 0);
+            EXPECT_EQ(main.call("test", "", &reply_, ends[1]), 5U);
+            close(ends[1]);
+            char byte = 0;
+            ASSERT_TRUE(wait_until([&] { return read(ends[0], &byte, 1) == 0; }))
+                << "the passed descriptor is still open";
+            close(ends[0]);
+        }
+        EXPECT_EQ(target_of(1), "/dev/null") << "standard output no longer leads to the caller";
+    }
+    EXPECT_TRUE(wait_until([&] { return open_descriptors() == before; }))
+        << open_descriptors() << ", before " << before;
+    EXPECT_EQ(main.call("test", "", &reply_), 0U) << "the worker is as good as before";
+    EXPECT_EQ(reply_, kMainTest);
 }
 
 TEST_F(DispatchTest, AnUnknownCommandWithoutAnObjectIsNoFault) {

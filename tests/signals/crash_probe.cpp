@@ -1,12 +1,19 @@
-// A service that crashes in a worker, for the test of the crash reporter:
+// A service that crashes in a worker, for the tests of the crash reporter:
 //
-//     crash_probe SOCKET    publishes itself at that path, calls itself, and faults while it serves
+//     crash_probe SOCKET [SIGNAL [DEPTH]]
 //
-// The functions have names that the dynamic loader knows (the program exports them), so that the report can show them.
+// publishes itself at that path, calls itself, and raises SIGNAL (SIGSEGV if not said) while it serves, DEPTH calls
+// further down (none if not said). The functions have names that the dynamic loader knows (the program exports them),
+// so that the report can show them.
 #include "kservice.h"
 
 #include <csignal>
 #include <string>
+
+namespace {
+int fatal_signal = SIGSEGV;
+int calls_to_go = 0;
+} // namespace
 
 extern "C" {
 
@@ -15,8 +22,15 @@ __attribute__((noinline)) int crash_probe_innermost(int signal) {
     return raised + 1; // not a tail call: its frame must be there
 }
 
+// One frame a call: the volatile variable keeps the optimiser from making a loop of it.
+__attribute__((noinline)) int crash_probe_descend(int calls) { // NOLINT(misc-no-recursion)
+    volatile int deeper = 0;
+    deeper = calls > 0 ? crash_probe_descend(calls - 1) : crash_probe_innermost(fatal_signal);
+    return deeper + 1;
+}
+
 __attribute__((noinline)) int crash_probe_serve(const char* /*command*/, ks_io* io, int /*fd*/) {
-    const int result = crash_probe_innermost(SIGSEGV);
+    const int result = calls_to_go > 0 ? crash_probe_descend(calls_to_go - 1) : crash_probe_innermost(fatal_signal);
     ks_io_free(io);
     return result;
 }
@@ -27,6 +41,8 @@ int main(int argc, char** argv) {
         return 2;
     }
     const std::string name = std::string("@") + argv[1];
+    fatal_signal = argc > 2 ? std::stoi(argv[2]) : fatal_signal;
+    calls_to_go = argc > 3 ? std::stoi(argv[3]) : calls_to_go;
     ks_backtrace();
     ks_handle* service = ks_create(name.c_str(), KS_STANDALONE | KS_PTHREAD_MODE, 1, crash_probe_serve);
     ks_start(service);

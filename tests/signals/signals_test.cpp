@@ -1,3 +1,4 @@
+#include "crash_probe_run.h"
 #include "kservice.h"
 #include "test_files.h"
 
@@ -6,7 +7,6 @@
 
 #include <cerrno>
 #include <csignal>
-#include <fcntl.h>
 #include <sstream>
 #include <sys/resource.h>
 #include <vector>
@@ -154,27 +154,6 @@ TEST(SignalsTest, ASecondCrashSignalRunsTheDefaultAction) {
         ASSERT_TRUE(WIFSIGNALED(status)) << signum << ": " << status;
         EXPECT_EQ(WTERMSIG(status), signum);
     }
-}
-
-struct crash {
-    int status;
-    pid_t pid;
-    std::string standard_error;
-};
-
-crash run_crash_probe() {
-    const test_folder folder;
-    const std::string socket = folder / "crash.sock";
-    const std::string err = folder / "stderr";
-    const pid_t pid = fork();
-    if (pid == 0) {
-        dup2(open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), STDERR_FILENO);
-        execl(CRASH_PROBE, "crash_probe", socket.c_str(), nullptr);
-        _exit(126);
-    }
-    int status = -1;
-    waitpid(pid, &status, 0);
-    return {status, pid, read_file(err)};
 }
 
 class CrashReportTest : public testing::Test {

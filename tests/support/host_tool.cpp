@@ -3,10 +3,13 @@
 #include "test_files.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <filesystem>
 #include <map>
 #include <sstream>
 #include <stdexcept>
+#include <sys/mount.h>
+#include <system_error>
 #include <utility>
 
 namespace fs = std::filesystem;
@@ -102,4 +105,17 @@ std::vector<tool_call> host_tool::calls() const {
 void host_tool::clear() {
     fs::remove_all(calls_);
     fs::remove_all(knobs_);
+}
+
+covered_program::covered_program(std::string path) : path_(std::move(path)) {
+    if (!fs::exists("/.hostsim")) {
+        throw std::logic_error("run this test through hostsim/enter");
+    }
+    if (::mount("/sbin/cfgread", path_.c_str(), nullptr, MS_BIND, nullptr) != 0) { // the same program as every tool
+        throw std::system_error(errno, std::generic_category(), "cover " + path_);
+    }
+}
+
+covered_program::~covered_program() {
+    (void)::umount2(path_.c_str(), MNT_DETACH);
 }

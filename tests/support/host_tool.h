@@ -56,4 +56,19 @@ private:
     std::string knobs_;
 };
 
+/// For a program that the host shares with the machine: the recording tool lies over it for as long as this lives, is
+/// called in its place, and succeeds unless a host_tool of the same path is told otherwise.
+class covered_program {
+public:
+    /// @param path  No part of it may be a link: the tool keeps its records under the path of the file that was
+    ///              executed. Throws when it cannot be covered.
+    explicit covered_program(std::string path);
+    covered_program(const covered_program&) = delete;
+    covered_program& operator=(const covered_program&) = delete;
+    ~covered_program();
+
+private:
+    std::string path_;
+};
+
 #endif

@@ -5,7 +5,7 @@
 //     ... run the code under test ...
 //     EXPECT_EQ(accounts.calls(), "Get_Local_User_List_V2 [0] [0] [null]\n");
 //
-// What can be set stands at the head of each library's source in hostsim/lib.
+// What can be set stands at the head of each library's source in hostsim/lib, and of hostsim/lib/stand_in.h.
 #ifndef VEXPROD_TESTS_LIBRARY_STAND_IN_H
 #define VEXPROD_TESTS_LIBRARY_STAND_IN_H
 

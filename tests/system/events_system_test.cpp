@@ -308,24 +308,55 @@ TEST_F(EventsSystemTest, AnErrorStreamThatNobodyReadsDelaysNeitherRelaysNorTheSt
     stops_within(&daemon, kOneCall);
 }
 
+// Of what the daemon says on standard error the first line only: the file grows faster than it can be read.
+std::string first_error_line(const daemon_process& daemon) {
+    std::ifstream file("/proc/" + std::to_string(daemon.pid()) + "/fd/2");
+    std::string line;
+    std::getline(file, line);
+    return line;
+}
+
 TEST_F(EventsSystemTest, ARecordOfTheWrongSizeDoesNotKeepTheDaemonFromStopping) {
     daemon_process daemon;
     ASSERT_TRUE(daemon.serves());
     ASSERT_TRUE(post(kEventQueue, host_record(1, 2489)));
-    // The first line only: the file grows faster than it can be read.
-    const auto first_line = [&daemon] {
-        std::ifstream file("/proc/" + std::to_string(daemon.pid()) + "/fd/2");
-        std::string line;
-        std::getline(file, line);
-        return line;
-    };
     EXPECT_TRUE(wait_until([&] {
-        return first_line().rfind("msgrcv Error\xEF\xBC\x9A"
-                                  "Argument list too long(7), msgid:",
-                                  0) == 0;
+        return first_error_line(daemon).rfind("msgrcv Error\xEF\xBC\x9A"
+                                              "Argument list too long(7), msgid:",
+                                              0) == 0;
     }));
     EXPECT_TRUE(answers_soon());
     stops_within(&daemon, seconds(5));
+}
+
+// The sizes as the host's programs know them: 144 bytes after the type word for a notification, 2488 for an event.
+TEST_F(EventsSystemTest, ARecordOfExactlyItsQueuesSizeIsRelayedAndOneByteMoreIsNot) {
+    const struct {
+        int key;
+        unsigned long body;
+        const char* command;
+    } queues[] = {{kNotifyQueue, 144, "notify_event"}, {kEventQueue, 2488, "notify_log"}};
+    for (const auto& queue : queues) {
+        daemon_process daemon;
+        ASSERT_TRUE(daemon.serves());
+        const notify_listener listener;
+        const int id = msgget(queue.key, 0);
+        ASSERT_TRUE(post(queue.key, host_record(1, queue.body + 1)));
+        const std::string complaint = "msgrcv Error\xEF\xBC\x9A"
+                                      "Argument list too long(7), msgid:" +
+                                      std::to_string(id);
+        EXPECT_TRUE(wait_until([&] { return first_error_line(daemon) == complaint; })) << first_error_line(daemon);
+        EXPECT_EQ(queue_length(queue.key), 1) << "it stays in the queue";
+        // Taken out here, it makes room for one that fits; what comes first at the listener is that one.
+        std::vector<char> taken(sizeof(long) + queue.body + 1);
+        ASSERT_EQ(msgrcv(id, taken.data(), queue.body + 1, 0, IPC_NOWAIT), static_cast<ssize_t>(queue.body + 1));
+        ASSERT_TRUE(post(queue.key, host_record(1, queue.body)));
+        const auto requests = notify_listener::wait_for(1);
+        ASSERT_EQ(requests.size(), 1U);
+        EXPECT_EQ(requests[0].first, queue.command);
+        stops_within(&daemon, seconds(5));
+        EXPECT_EQ(notify_listener::wait_for(1).size(), 1U);
+    }
 }
 
 TEST_F(EventsSystemTest, WhatAKilledDaemonLeftInTheQueuesIsRelayedByTheNext) {

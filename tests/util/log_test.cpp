@@ -1,3 +1,4 @@
+#include "host_tool.h"
 #include "log.h"
 #include "test_files.h"
 
@@ -80,6 +81,41 @@ TEST_F(LogTest, ProcessIdsHaveFiveDigitsAtLeast) {
     EXPECT_GE(std::string(padded).size(), 8U);
 }
 
+TEST_F(LogTest, AForkedChildsLineCarriesTheChildsId) {
+    dbg_printf2("parent");
+    const std::string parent = line_start();
+    EXPECT_TRUE(passes_in_own_process([&] {
+        ASSERT_NE(line_start(), parent);
+        dbg_printf2("child");
+        EXPECT_THAT(read_file(log), testing::HasSubstr("\n" + line_start()));
+    }));
+    dbg_printf2("parent again");
+    std::ifstream lines(log);
+    std::vector<std::string> starts;
+    for (std::string line; std::getline(lines, line);) {
+        starts.push_back(line.substr(0, parent.size()));
+    }
+    ASSERT_EQ(starts.size(), 3U);
+    EXPECT_EQ(starts[0], parent);
+    EXPECT_NE(starts[1], parent);
+    EXPECT_EQ(starts[2], parent) << "the child's id stays the child's";
+}
+
+TEST_F(LogTest, AProcessIdOfSevenDigitsIsWrittenWhole) {
+    std::ifstream limit("/proc/sys/kernel/pid_max");
+    long highest = 0;
+    limit >> highest;
+    std::ofstream last("/proc/sys/kernel/ns_last_pid"); // of the simulated host alone
+    if (highest <= 1234567 || !(last << 1234566 << std::flush)) {
+        GTEST_SKIP() << "this kernel gives out no such process id";
+    }
+    EXPECT_TRUE(passes_in_own_process([&] {
+        ASSERT_EQ(::getpid(), 1234567);
+        dbg_printf2("x");
+        EXPECT_THAT(read_file(log), testing::MatchesRegex("\\[1234567\\] \\[.{20}\\] x\n"));
+    }));
+}
+
 TEST_F(LogTest, EachCallAppends) {
     write_file(log, "old\n");
     dbg_printf2("one");
@@ -121,6 +157,22 @@ TEST_F(LogTest, ALogOf524288BytesIsMovedBeforeTheNextLine) {
     EXPECT_EQ(read_file(log + ".bak"), std::string(524288, 'x'));
     EXPECT_EQ(last_message(), "next\n");
     EXPECT_LT(read_file(log).size(), 100U);
+}
+
+TEST_F(LogTest, RotationRunsMvUnderItsBaseNameWithoutAnEnvironment) {
+    const std::string program = std::filesystem::canonical("/bin/mv");
+    const covered_program cover(program);
+    const host_tool mv(program);
+    write_file(log, std::string(524288, 'x'));
+    dbg_printf2("next");
+    const auto calls = mv.calls();
+    ASSERT_EQ(calls.size(), 1U);
+    EXPECT_THAT(calls[0].argv, testing::ElementsAre("mv", log, log + ".bak"));
+    EXPECT_THAT(calls[0].env, testing::IsEmpty());
+    ASSERT_GE(calls[0].targets.size(), 3U);
+    EXPECT_EQ(calls[0].targets[1], "/dev/null");
+    EXPECT_EQ(calls[0].targets[2], "/dev/null");
+    EXPECT_GT(read_file(log).size(), 524288U) << "nothing was moved, so the line went to the same file";
 }
 
 TEST_F(LogTest, RotationOfAMissingFileDoesNothing) {
