@@ -1,18 +1,15 @@
 // Sessions and accounts, asked over a real service, with the simulated host's login tool and libraries behind them.
 #include "ask.h"
+#include "handler_fixture.h"
 #include "handlers.h"
 #include "host_tool.h"
 #include "library_stand_in.h"
-#include "tool_fixture.h"
 
 #include <gmock/gmock.h>
 
 namespace {
 
-constexpr const char* kInputError = "{\"error_code\":-1,\"error_msg\":\"input error\"}\n";
-constexpr const char* kParserFail = "{\"error_code\":-1,\"error_msg\":\"paser fail\"}\n";
-
-class LoginTest : public ToolFixture {
+class LoginTest : public HandlerTest {
 protected:
     host_tool zcli{"/sbin/zcli"};
 };
@@ -62,7 +59,7 @@ TEST_F(LoginTest, AnAnswerLongerThanOneReadIsReadWhole) {
 }
 
 TEST_F(LoginTest, WithoutTheToolALoginFails) {
-    std::filesystem::remove("/sbin/zcli");
+    programs.take_away("/sbin/zcli");
     EXPECT_EQ(ask(hos_get_sess_id_handler, R"({"user":"u","pwd":"p"})"),
               "{\"error_code\":-2,\"error_msg\":\"get_sess_id fail\"}\n");
 }
@@ -90,7 +87,7 @@ TEST_F(LoginTest, ABadRequestIsToldFromAFailedLogin) {
     EXPECT_EQ(ask(hos_get_sess_id_handler), kInputError);
     for (const char* text : {"{}", R"({"user":"u"})", R"({"pwd":"p"})", R"({"user":1,"pwd":"p"})",
                              R"({"user":"u","pwd":null})", "[]", "7"}) {
-        EXPECT_EQ(ask(hos_get_sess_id_handler, text), kParserFail) << text;
+        EXPECT_EQ(ask(hos_get_sess_id_handler, text), kPaserFail) << text;
     }
     EXPECT_TRUE(zcli.calls().empty());
 }
@@ -102,7 +99,7 @@ TEST_F(LoginTest, NoPasswordReachesTheLog) {
     EXPECT_THAT(log(), testing::Not(testing::HasSubstr("top-secret")));
 }
 
-class SessionTest : public ToolFixture {
+class SessionTest : public HandlerTest {
 protected:
     library_stand_in sessions{"/usr/lib/libhcore_nasauth.so.1.0.0"};
 };
@@ -132,7 +129,7 @@ TEST_F(SessionTest, AnyOtherResultOfTheLibraryIsAFailure) {
 
 TEST_F(SessionTest, TheLengthIsRequiredAndNotUsed) {
     sessions.set("user", "anna-with-a-long-name");
-    EXPECT_EQ(ask(hos_vex_auth_get_session_handler, R"({"type":3,"sid":"s1"})"), kParserFail);
+    EXPECT_EQ(ask(hos_vex_auth_get_session_handler, R"({"type":3,"sid":"s1"})"), kPaserFail);
     EXPECT_EQ(sessions.calls(), "");
     for (const char* text : {R"({"type":3,"length":0,"sid":"s1"})", R"({"type":3,"length":-5,"sid":"s1"})",
                              R"({"type":3,"length":2147483647,"sid":"s1"})"}) {
@@ -152,9 +149,9 @@ TEST_F(SessionTest, KeysOfAnotherTypeAreRefused) {
                              R"({"type":1.5,"user":"u","sid":"s"})", R"({"type":2147483648,"user":"u","sid":"s"})",
                              R"({"type":null,"user":"u","sid":"s"})", R"({"type":1,"user":2,"sid":"s"})",
                              R"({"type":1,"user":"u"})", "{}", "null"}) {
-        EXPECT_EQ(ask(hos_vex_auth_add_session_handler, text), kParserFail) << text;
+        EXPECT_EQ(ask(hos_vex_auth_add_session_handler, text), kPaserFail) << text;
     }
-    EXPECT_EQ(ask(hos_vex_auth_get_session_handler, R"({"type":1,"length":"64","sid":"s"})"), kParserFail);
+    EXPECT_EQ(ask(hos_vex_auth_get_session_handler, R"({"type":1,"length":"64","sid":"s"})"), kPaserFail);
     EXPECT_EQ(ask(hos_vex_auth_add_session_handler, "{"), kInputError);
     EXPECT_EQ(ask(hos_vex_auth_get_session_handler), kInputError);
     EXPECT_EQ(sessions.calls(), "");
@@ -180,7 +177,7 @@ TEST_F(SessionTest, WithoutTheFunctionOrTheLibraryTheCallFails) {
     both_fail();
 }
 
-class SmsConfigTest : public ToolFixture {
+class SmsConfigTest : public HandlerTest {
 protected:
     // A record as the library lays it out: four little-endian integers, then the texts.
     static std::string record(const std::string& texts) {
@@ -227,9 +224,9 @@ TEST_F(SmsConfigTest, WithoutTheFunctionOrTheLibraryTheCallFails) {
 }
 
 // One library for the three lists.
-class AccountListTest : public ToolFixture {
+class AccountListTest : public HandlerTest {
 protected:
-    void all_fail() const {
+    void all_fail() {
         EXPECT_EQ(ask(hos_get_all_users_handler), "{\"error_msg\":\"hos_get_all_users_handler fail\",\"result\":-1}\n");
         EXPECT_EQ(ask(hos_get_all_groups_handler),
                   "{\"error_msg\":\"hos_get_all_groups_handler fail\",\"result\":-1}\n");
@@ -332,7 +329,7 @@ TEST_F(AccountListTest, WithoutTheLibraryTheCallsFail) {
 TEST_F(AccountListTest, AGroupIsRequired) {
     EXPECT_EQ(ask(hos_get_group_members_handler), kInputError);
     for (const char* text : {"{}", R"({"group_name":5})", R"({"group_name":null})", "[]"}) {
-        EXPECT_EQ(ask(hos_get_group_members_handler, text), kParserFail) << text;
+        EXPECT_EQ(ask(hos_get_group_members_handler, text), kPaserFail) << text;
     }
     EXPECT_EQ(accounts.calls(), "");
 }

@@ -1,8 +1,8 @@
 // Package programs, asked over a real service, with the simulated host's script and tool behind them.
 #include "ask.h"
+#include "handler_fixture.h"
 #include "handlers.h"
 #include "host_tool.h"
-#include "tool_fixture.h"
 
 #include <gmock/gmock.h>
 
@@ -10,7 +10,7 @@
 
 namespace {
 
-class InstallAppTest : public ToolFixture {
+class InstallAppTest : public HandlerTest {
 protected:
     host_tool script{"/share/ZpkgCenter/script/operate_zpkgcenter_app.sh"};
     host_tool root_script{"/script/operate_zpkgcenter_app.sh"};
@@ -138,11 +138,11 @@ TEST_F(InstallAppTest, TheScriptsPathIsCutTo1023Characters) {
     EXPECT_THAT(log(), testing::HasSubstr("exec " + fits + "f/script/operate_zpkgcenter_app.s failed"));
 }
 
-class AgentCliTest : public ToolFixture {
+class AgentCliTest : public HandlerTest {
 protected:
     void SetUp() override {
-        ToolFixture::SetUp();
-        write_file("/etc/config/zpkg.conf", "[VexHubServer]\nInstall_Path = /share/VexHubServer\n");
+        HandlerTest::SetUp();
+        registry("[VexHubServer]\nInstall_Path = /share/VexHubServer\n");
     }
     static constexpr const char* kToolName = "share/VexHubServer/ext_service/ExtVexCloudAgent/vex_agent_cli";
     static constexpr const char* kNotThere = "{\"error_msg\":\"vex_agent_cli_path does not exist\",\"result\":-4}\n";
@@ -189,7 +189,7 @@ TEST_F(AgentCliTest, KeptAFailedToolShowsInItsRawStatusAlone) {
 }
 
 TEST_F(AgentCliTest, AToolThatCannotBeExecutedShowsInItsRawStatusAlone) {
-    ASSERT_EQ(::chmod(agent.path().c_str(), 0644), 0);
+    programs.replace_by_plain_file(agent.path());
     EXPECT_EQ(ask(vex_agent_cli_handler, "{}"), "{\"cli_ret\":32512,\"result\":0,\"result_out\":\"\"}\n");
 }
 
@@ -210,7 +210,7 @@ TEST_F(AgentCliTest, AnUnreadableRequestIsAnInputErrorInTheResult) {
 }
 
 TEST_F(AgentCliTest, AToolThatIsNotThereIsToldBeforeTheRequestIsLookedAt) {
-    std::filesystem::remove(agent.path());
+    programs.take_away(agent.path());
     for (const char* text : {R"({"opt":["status"]})", "{", ""}) {
         EXPECT_EQ(ask(vex_agent_cli_handler, text), kNotThere) << text;
     }
@@ -221,7 +221,7 @@ TEST_F(AgentCliTest, AToolThatIsNotThereIsToldBeforeTheRequestIsLookedAt) {
 }
 
 TEST_F(AgentCliTest, WithoutAnInstallPathThereIsNoTool) {
-    write_file("/etc/config/zpkg.conf", "[VexHubServer]\nOther = 1\n");
+    registry("[VexHubServer]\nOther = 1\n");
     EXPECT_EQ(ask(vex_agent_cli_handler, "not json"), kNotThere);
     EXPECT_THAT(log(), testing::ContainsRegex("\\]\\[[0-9]+\\] vex_agent_cli_path does not exist: \n"));
     EXPECT_THAT(log(), testing::Not(testing::HasSubstr("ks_io input fail")));

@@ -1,8 +1,8 @@
 // The cloud account, asked over a real service, with the simulated host's tools behind it.
 #include "ask.h"
+#include "handler_fixture.h"
 #include "handlers.h"
 #include "host_tool.h"
-#include "tool_fixture.h"
 
 #include <gmock/gmock.h>
 
@@ -10,9 +10,7 @@
 
 namespace {
 
-constexpr const char* kParserFail = "{\"error_code\":-1,\"error_msg\":\"paser fail\"}\n";
-
-class CloudAccountTest : public ToolFixture {
+class CloudAccountTest : public HandlerTest {
 protected:
     host_tool cfgread{"/sbin/cfgread"};
     host_tool device_tool{"/usr/local/bin/nimbo_device_tool"};
@@ -100,7 +98,7 @@ TEST_F(CloudAccountTest, AToolThatFailsIsAFailureOfTheHandler) {
 
 TEST_F(CloudAccountTest, AToolThatIsNotThereIsAFailureOfTheHandler) {
     for (const encoded_case& each : encoded_cases()) {
-        std::filesystem::remove(each.tool);
+        programs.take_away(each.tool);
         EXPECT_EQ(ask(each.handler, each.request),
                   std::string("{\"error_msg\":\"") + each.name + " fail\",\"result\":-1}\n");
     }
@@ -109,8 +107,8 @@ TEST_F(CloudAccountTest, AToolThatIsNotThereIsAFailureOfTheHandler) {
 
 TEST_F(CloudAccountTest, AFileThatCannotBeRemovedIsTraced) {
     for (const encoded_case& each : encoded_cases()) {
-        std::filesystem::remove("/tmp/handler-log/.lyn_ks_vexprod.log");
-        replace_by_script(each.tool, "/bin/rm -f /tmp/vexprod-*");
+        forget_log();
+        programs.replace_by_script(each.tool, "/bin/rm -f /tmp/vexprod-*");
         EXPECT_EQ(ask(each.handler, each.request), "{\"cli_ret\":0,\"result\":0,\"result_out\":\"\"}\n") << each.name;
         EXPECT_THAT(log(), testing::ContainsRegex(std::string("\\[") + each.name +
                                                   "\\]\\[[0-9]+\\] remove tmpfile:\\[/tmp/vexprod-[^]]+\\] fail\\.\n"));
@@ -118,8 +116,8 @@ TEST_F(CloudAccountTest, AFileThatCannotBeRemovedIsTraced) {
 }
 
 TEST_F(CloudAccountTest, TheDeviceHandlersRemoveTheirFileWithoutATrace) {
-    replace_by_script("/usr/local/bin/nimbo_device_tool", "/bin/rm -f /tmp/vexprod-*");
-    replace_by_script("/sbin/board_serial", "/bin/rm -f /tmp/vexprod-*");
+    programs.replace_by_script("/usr/local/bin/nimbo_device_tool", "/bin/rm -f /tmp/vexprod-*");
+    programs.replace_by_script("/sbin/board_serial", "/bin/rm -f /tmp/vexprod-*");
     EXPECT_EQ(ask(hos_system_call_cloud_get_device_list_handler), "{\"device_list\":\"\",\"result\":0}\n");
     EXPECT_EQ(ask(hos_system_call_cloud_get_device_info_handler), "{\"device_info\":\"\",\"result\":0}\n");
     EXPECT_EQ(ask(hos_system_call_cloud_get_device_status_handler), "{\"device_status\":\"\",\"result\":0}\n");
@@ -129,8 +127,8 @@ TEST_F(CloudAccountTest, TheDeviceHandlersRemoveTheirFileWithoutATrace) {
 
 TEST_F(CloudAccountTest, AnUnreadableRequestEndsAsAParserFailure) {
     for (const char* text : {"", "{", "not json", "{\"client_id\":\"id\""}) {
-        EXPECT_EQ(ask(hos_system_call_cloud_get_xid_service_handler, text), kParserFail) << text;
-        EXPECT_EQ(ask(hos_system_call_cloud_get_access_token_handler, text), kParserFail) << text;
+        EXPECT_EQ(ask(hos_system_call_cloud_get_xid_service_handler, text), kPaserFail) << text;
+        EXPECT_EQ(ask(hos_system_call_cloud_get_access_token_handler, text), kPaserFail) << text;
     }
     EXPECT_THAT(log(), testing::ContainsRegex(
                            R"(\[hos_system_call_cloud_get_xid_service_handler\]\[[0-9]+\] ks_io input fail\.)"));
@@ -143,12 +141,12 @@ TEST_F(CloudAccountTest, AnUnreadableRequestEndsAsAParserFailure) {
 TEST_F(CloudAccountTest, AMissingOrWrongKeyRunsNothing) {
     for (const char* text : {"{}", "[]", R"({"section_name":"s"})", R"({"field_name":"f"})",
                              R"({"section_name":1,"field_name":"f"})", R"({"section_name":"s","field_name":null})"}) {
-        EXPECT_EQ(ask(hos_system_call_cloud_get_xid_service_handler, text), kParserFail) << text;
+        EXPECT_EQ(ask(hos_system_call_cloud_get_xid_service_handler, text), kPaserFail) << text;
     }
     for (const char* text : {"{}", "1", R"({"client_id":"i","access_token":"t"})",
                              R"({"client_secret":"s","access_token":"t"})", R"({"client_id":"i","client_secret":"s"})",
                              R"({"client_id":"i","client_secret":["s"],"access_token":"t"})"}) {
-        EXPECT_EQ(ask(hos_system_call_cloud_get_access_token_handler, text), kParserFail) << text;
+        EXPECT_EQ(ask(hos_system_call_cloud_get_access_token_handler, text), kPaserFail) << text;
     }
     EXPECT_TRUE(cfgread.calls().empty());
     EXPECT_TRUE(auth_tool.calls().empty());
@@ -167,7 +165,7 @@ TEST_F(CloudAccountTest, NoSecretReachesTheLog) {
     const char* request = R"({"client_id":"id-7","client_secret":"hush-7","access_token":"tok-7"})";
     auth_tool.exits(1);
     (void)ask(hos_system_call_cloud_get_access_token_handler, request);
-    replace_by_script("/usr/local/bin/nimbo_auth_tool", "/bin/rm -f /tmp/vexprod-*");
+    programs.replace_by_script("/usr/local/bin/nimbo_auth_tool", "/bin/rm -f /tmp/vexprod-*");
     (void)ask(hos_system_call_cloud_get_access_token_handler, request);
     (void)ask(hos_system_call_cloud_get_access_token_handler, R"({"client_secret":"hush-7","access_token":"tok-7")");
     EXPECT_THAT(log(), testing::HasSubstr("remove tmpfile"));
@@ -231,7 +229,7 @@ TEST_F(CloudAccountTest, KeptAFailedDeviceStatusCarriesItsExitStatusAndItsOutput
               "{\"device_status\":\"eA==\",\"error_msg\":\"hos_system_call_cloud_get_device_status_handler fail\","
               "\"result\":9}\n")
         << "the raw status of a tool that did not exit";
-    std::filesystem::remove("/usr/local/bin/nimbo_device_tool");
+    programs.take_away("/usr/local/bin/nimbo_device_tool");
     EXPECT_EQ(ask(hos_system_call_cloud_get_device_status_handler),
               "{\"device_status\":\"\",\"error_msg\":\"hos_system_call_cloud_get_device_status_handler fail\","
               "\"result\":127}\n");
@@ -271,7 +269,7 @@ TEST_F(CloudAccountTest, AFailedProbeStillDecidesByWhatItPrinted) {
     board_serial.answers("serial\n");
     cloud_tool.answers("VHOS_CLD\n").exits(1);
     EXPECT_EQ(ask(hos_get_hwsn_handler), "{\"result\":0,\"result_out\":\"dWlkCg==\"}\n");
-    std::filesystem::remove("/usr/sbin/nimbo_tool");
+    programs.take_away("/usr/sbin/nimbo_tool");
     EXPECT_EQ(ask(hos_get_hwsn_handler), "{\"result\":0,\"result_out\":\"c2VyaWFsCg==\"}\n");
 }
 

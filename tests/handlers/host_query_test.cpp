@@ -1,8 +1,7 @@
 #include "ask.h"
+#include "handler_fixture.h"
 #include "handlers.h"
 #include "host_tool.h"
-#include "log.h"
-#include "test_files.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -13,20 +12,10 @@
 
 namespace {
 
-using strings = std::vector<std::string>;
-
 constexpr const char* kControlScript = "/share/VexHubServer/VexHubServer.sh";
-constexpr const char* kLog = "/tmp/handler-log/.lyn_ks_vexprod.log";
 
-class HostQueryTest : public testing::Test {
+class HostQueryTest : public HandlerTest {
 protected:
-    void SetUp() override {
-        ASSERT_NE(getenv("HOSTSIM"), nullptr) << "these tests write to the host's fixed paths";
-        log_set_dir("/tmp/handler-log");
-        (void)unlink(kLog);
-    }
-    static void registry(const std::string& text) { write_file("/etc/config/zpkg.conf", text); }
-
     host_tool cfgread{"/sbin/cfgread"};
     host_tool hwctl{"/sbin/hwctl"};
 };
@@ -135,15 +124,15 @@ TEST_F(HostQueryTest, ProductDataGettersReadTheHostsOwnAnswer) {
 TEST_F(HostQueryTest, AGenericModelIsToldByTheMarkFile) {
     (void)unlink("/etc/IS_G");
     EXPECT_EQ(ask(hos_is_generic_model_handler), "{\"is_generic\":0,\"result\":-1}\n");
-    EXPECT_THAT(read_file(kLog), testing::ContainsRegex(R"(\[hos_is_generic_model_handler\]\[[0-9]+\] normal\.)"));
+    EXPECT_THAT(logged(), testing::Contains("[hos_is_generic_model_handler][N] normal."));
     write_file("/etc/IS_G", "");
     EXPECT_EQ(ask(hos_is_generic_model_handler), "{\"is_generic\":1,\"result\":0}\n");
-    EXPECT_THAT(read_file(kLog), testing::ContainsRegex(R"(\[hos_is_generic_model_handler\]\[[0-9]+\] is generic\.)"));
+    EXPECT_THAT(logged(), testing::Contains("[hos_is_generic_model_handler][N] is generic."));
 }
 
 TEST_F(HostQueryTest, ThisBuildIsNeverTheApplianceModel) {
     EXPECT_EQ(ask(hos_system_is_VXB_model_handler), "{\"is_VXB_model\":0,\"result\":0}\n");
-    EXPECT_THAT(read_file(kLog), testing::ContainsRegex(R"(\[hos_system_is_VXB_model_handler\]\[[0-9]+\] normal\.)"));
+    EXPECT_THAT(logged(), testing::Contains("[hos_system_is_VXB_model_handler][N] normal."));
 }
 
 // The control script: a recording tool at a path that the registry names.

@@ -1,5 +1,6 @@
 #include "ask.h"
 #include "base64.h"
+#include "descriptor_shortage.h"
 #include "handler_fixture.h"
 #include "handlers.h"
 #include "host_tool.h"
@@ -7,10 +8,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <fcntl.h>
 #include <filesystem>
 #include <string>
-#include <sys/resource.h>
 #include <sys/xattr.h>
 #include <unistd.h>
 
@@ -26,10 +25,6 @@ using testing::IsEmpty;
 constexpr const char* kInstalled = "[VexHubServer]\n"
                                    "Install_Path = /share/VexHubServer\n"
                                    "Shell = /share/VexHubServer/VexHubServer.sh\n";
-
-std::string failure(const std::string& handler) {
-    return "{\"error_msg\":\"" + handler + " fail\",\"result\":-1}\n";
-}
 
 std::string encoded(const std::string& text) {
     std::string out;
@@ -179,31 +174,6 @@ TEST_F(ExtendedProductDataTest, TheKeyIsMisspelt) {
     EXPECT_THAT(hwctl.calls(), IsEmpty());
 }
 
-// Leaves the process one descriptor: enough to write the log, too few for a pipe.
-class descriptor_shortage {
-public:
-    descriptor_shortage() {
-        if (fcntl(STDIN_FILENO, F_GETFD) < 0) { // an ended service closes it
-            (void)open("/dev/null", O_RDONLY);
-        }
-        (void)getrlimit(RLIMIT_NOFILE, &before_);
-        const struct rlimit one_more = {static_cast<rlim_t>(next_descriptor() + 1), before_.rlim_max};
-        (void)setrlimit(RLIMIT_NOFILE, &one_more);
-    }
-    descriptor_shortage(const descriptor_shortage&) = delete;
-    descriptor_shortage& operator=(const descriptor_shortage&) = delete;
-    ~descriptor_shortage() { (void)setrlimit(RLIMIT_NOFILE, &before_); }
-
-    static int next_descriptor() {
-        const int next = dup(STDERR_FILENO);
-        (void)close(next);
-        return next;
-    }
-
-private:
-    struct rlimit before_ = {};
-};
-
 int starved_vpd_handler(ks_io* io, int fd) {
     const descriptor_shortage shortage;
     return hos_get_vpd_ext_area_handler(io, fd);
@@ -340,13 +310,10 @@ TEST_F(CloudUsageTest, AReaderThatCannotBeStartedIsAFailure) {
 }
 
 TEST_F(CloudUsageTest, TheReadersArgumentsAreFixedAndItsExitStatusIsNotLookedAt) {
-    fs::rename("/usr/bin/getfattr", "/usr/bin/getfattr.away");
-    write_file("/usr/bin/getfattr", "#!/bin/sh\nprintf '%s|' \"$@\"\nexit 3\n");
-    fs::permissions("/usr/bin/getfattr", fs::perms::owner_all);
+    programs.replace_by_script("/usr/bin/getfattr", "printf '%s|' \"$@\"\nexit 3");
     EXPECT_EQ(usage_of("/tmp/a b"), "{\"result\":0,\"size_info\":\"" +
                                         encoded("--only-values|--absolute-names|-n|trusted.tm.cloud_usage|/tmp/a b|") +
                                         "\"}\n");
-    fs::rename("/usr/bin/getfattr.away", "/usr/bin/getfattr");
 }
 
 } // namespace

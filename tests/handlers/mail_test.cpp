@@ -165,9 +165,8 @@ TEST_F(MailTest, ResultIsTheProgramsWaitStatus) {
 }
 
 TEST_F(MailTest, AProgramThatCannotBeStartedIs32512) {
-    fs::rename("/usr/sbin/sendmail", "/usr/sbin/sendmail.away");
+    programs.take_away("/usr/sbin/sendmail");
     EXPECT_EQ(ask(hos_sendmail_handler, kPlain), "{\"result\":32512}\n");
-    fs::rename("/usr/sbin/sendmail.away", "/usr/sbin/sendmail");
 }
 
 TEST_F(MailTest, AMissingMailRunsNothingAndRemovesTheLog) {

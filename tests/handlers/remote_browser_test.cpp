@@ -6,10 +6,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <filesystem>
 #include <string>
-
-namespace fs = std::filesystem;
 
 namespace {
 
@@ -26,21 +23,7 @@ class RemoteBrowserTest : public HandlerTest {
 protected:
     void SetUp() override {
         HandlerTest::SetUp();
-        for (const auto& entry : fs::directory_iterator("/tmp")) {
-            if (entry.path().filename().string().rfind("vexprod-", 0) == 0) {
-                fs::remove(entry.path());
-            }
-        }
         tool.answers("foo");
-    }
-    static strings left_files() {
-        strings left;
-        for (const auto& entry : fs::directory_iterator("/tmp")) {
-            if (entry.path().filename().string().rfind("vexprod-", 0) == 0) {
-                left.push_back(entry.path());
-            }
-        }
-        return left;
     }
     /// The vector that the tool gets for `action` and `rules`.
     strings argv_for(const std::string& action, const std::string& rules) {
@@ -137,15 +120,15 @@ TEST_F(RemoteBrowserTest, TheRunIsTracedAndItsFileRemoved) {
                                       "[hos_web_kiosk_handler][N] argv[3] = [id=w1]",
                                       "[hos_web_kiosk_handler][N] argv[4] = [(null)]",
                                       "[hos_web_kiosk_handler][N] exec /usr/sbin/vsh succ, ret_out=[foo]"));
-    EXPECT_THAT(left_files(), IsEmpty());
+    EXPECT_THAT(kept_files(), IsEmpty());
 }
 
 TEST_F(RemoteBrowserTest, AFailedToolHasNoReplyAndItsOutputStays) {
     tool.answers("why").complains("discarded").exits(3);
     EXPECT_EQ(ask(hos_web_kiosk_handler, R"({"action":"delete","rule_list":[{}]})"), std::nullopt);
     EXPECT_THAT(logged(), Contains("[hos_web_kiosk_handler][N] exec /usr/sbin/vsh failed, ret=[768]"));
-    ASSERT_EQ(left_files().size(), 1U);
-    EXPECT_EQ(read_file(left_files()[0]), "why");
+    ASSERT_EQ(kept_files().size(), 1U);
+    EXPECT_EQ(read_file(kept_files()[0]), "why");
 }
 
 } // namespace

@@ -32,12 +32,10 @@ const strings kStart = {"svc_keeper", "reverseproxy_vexsurveillance", "start",
 const strings kReload = {"reverseproxy_vexsurveillance", "-k", "graceful", "-f",
                          "/etc/reverseproxy_vexsurveillance/reverseproxy-vexsurveillance.conf"};
 
-strings files_in(const std::string& folder, const std::string& prefix = "") {
+strings files_in(const std::string& folder) {
     strings names;
     for (const auto& entry : fs::directory_iterator(folder)) {
-        if (entry.path().filename().string().rfind(prefix, 0) == 0) {
-            names.push_back(entry.path().filename());
-        }
+        names.push_back(entry.path().filename());
     }
     return names;
 }
@@ -50,9 +48,6 @@ protected:
         fs::create_directories(kExtra);
         fs::remove(kPid);
         fs::remove(kChain);
-        for (const std::string& left : files_in("/tmp", "vexprod-")) {
-            fs::remove_all("/tmp/" + left);
-        }
         keeper.answers("");
         proxy.answers("");
     }
@@ -318,7 +313,7 @@ TEST_F(ReverseProxyTest, WhatTheProgramPrintedIsReturnedEncodedAndItsFileRemoved
     proxy.answers("foo");
     proxy.complains("errors are discarded");
     EXPECT_EQ(ask(hos_reverse_proxy_handler, "{}"), "{\"cli_ret\":0,\"result\":0,\"result_out\":\"Zm9v\"}\n");
-    EXPECT_THAT(files_in("/tmp", "vexprod-"), IsEmpty());
+    EXPECT_THAT(kept_files(), IsEmpty());
     EXPECT_THAT(logged(), Contains("[hos_reverse_proxy_handler][N] exec /usr/sbin/reverseproxy_vexsurveillance succ, "
                                    "ret_out=[foo]"));
 }
@@ -329,17 +324,13 @@ TEST_F(ReverseProxyTest, AFailedProgramHasNoReplyAndItsOutputStays) {
     EXPECT_EQ(escaped_error, "");
     EXPECT_THAT(logged(), Contains("[hos_reverse_proxy_handler][N] exec /usr/sbin/reverseproxy_vexsurveillance failed, "
                                    "ret=[768]"));
-    const strings left = files_in("/tmp", "vexprod-");
-    ASSERT_EQ(left.size(), 1U);
-    EXPECT_EQ(read_file("/tmp/" + left[0]), "why");
+    ASSERT_EQ(kept_files().size(), 1U);
+    EXPECT_EQ(read_file(kept_files()[0]), "why");
 }
 
 TEST_F(ReverseProxyTest, AFileThatIsGoneAlreadyShowsInTheReply) {
-    fs::rename("/usr/sbin/reverseproxy_vexsurveillance", "/usr/sbin/reverseproxy_vexsurveillance.away");
-    write_file("/usr/sbin/reverseproxy_vexsurveillance", "#!/bin/sh\n/bin/rm -f \"$(/bin/readlink /proc/$$/fd/1)\"\n");
-    fs::permissions("/usr/sbin/reverseproxy_vexsurveillance", fs::perms::owner_all);
+    programs.replace_by_script(proxy.path(), "/bin/rm -f \"$(/bin/readlink /proc/$$/fd/1)\"");
     EXPECT_EQ(ask(hos_reverse_proxy_handler, "{}"), "{\"cli_ret\":-1,\"result\":0,\"result_out\":\"\"}\n");
-    fs::rename("/usr/sbin/reverseproxy_vexsurveillance.away", "/usr/sbin/reverseproxy_vexsurveillance");
 }
 
 } // namespace

@@ -1,5 +1,5 @@
+#include "handler_fixture.h"
 #include "host_tool.h"
-#include "tool_fixture.h"
 #include "tool_run.h"
 
 #include <gmock/gmock.h>
@@ -9,7 +9,7 @@
 
 namespace {
 
-class ToolRunTest : public ToolFixture {
+class ToolRunTest : public HandlerTest {
 protected:
     host_tool tool{"/usr/local/bin/nimbo_device_tool"};
 };
