@@ -11,10 +11,13 @@
 #include "scoped.h"
 #include "text.h"
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <dlfcn.h>
 #include <string>
 #include <vector>
 
@@ -27,8 +30,7 @@ using auth_get_session_function = int(const char* session_id, int type, char* re
 // @param ret_list   One block from the heap, the caller's to free; may be set even on failure.
 // @return Negative = failure.
 using list_function = int(char** ret_list, int, int, void*, std::int32_t* ret_count);
-// @param ret_list  As above, taken for a block like those of the two other lists: the caller's to free, which also
-//                  holds whatever its entries point to.
+// @param ret_list  Receives the address of an array of as many pointers, like the two other lists. See group_members.
 // @return The number of members; negative = failure.
 using member_list_function = int(const char* group, char*** ret_list);
 
@@ -52,6 +54,60 @@ static_assert(offsetof(sms_settings, mode) == 0 && offsetof(sms_settings, max_pr
               offsetof(sms_settings, phone1) == 48 && offsetof(sms_settings, phone2) == 80);
 
 using get_sms_config_function = int(sms_settings* ret_settings);
+
+// Calls the library for the members of a group and reads what it left, while the library is still loaded: what the
+// entries stand in may be its own.
+//
+// Hosts differ in one thing that their headers do not show: most answer with the address of a list, some fill the list
+// that they are given. The latter would write over the caller's stack if they got no more than a pointer, so all get
+// cleared room for more members than a group may have, of which an address takes the first entry.
+class group_members {
+public:
+    explicit group_members(const char* group) {
+        const host_library library(kAccountLibrary);
+        auto* list = library.function<member_list_function>("Get_NAS_User_List_Of_Group_Ex");
+        if (list == nullptr) {
+            return;
+        }
+        std::vector<char**> room(kMostMembers);
+        count_ = list(group, room.data());
+        if (count_ <= 0) {
+            release(room[0]);
+            return;
+        }
+        const auto count = static_cast<std::size_t>(count_);
+        const auto in_room = static_cast<std::ptrdiff_t>(std::min(count, kMostMembers));
+        if (std::any_of(room.begin() + 1, room.begin() + in_room, [](char** entry) { return entry != nullptr; })) {
+            set_.resize(count);
+            std::transform(room.begin(), room.begin() + in_room, set_.begin(),
+                           [](char** entry) { return entry != nullptr; });
+        } else if (room[0] != nullptr) {
+            set_.resize(count);
+            std::transform(room[0], room[0] + count, set_.begin(), [](const char* entry) { return entry != nullptr; });
+            release(room[0]);
+        } else {
+            count_ = -1; // members, and no list of them
+        }
+    }
+
+    [[nodiscard]] int count() const noexcept { return count_; } ///< Negative = failure.
+    /// Whether the entry of member `index` is set.
+    [[nodiscard]] bool is_set(int index) const { return set_[static_cast<std::size_t>(index)]; }
+
+private:
+    static constexpr std::size_t kMostMembers = 65536;
+
+    // The list is the caller's to free, unless it is a variable of the library's.
+    static void release(char** list) {
+        Dl_info object = {};
+        if (::dladdr(list, &object) == 0) {
+            std::free(list); // NOLINT(cppcoreguidelines-no-malloc): from the library's malloc()
+        }
+    }
+
+    int count_ = -1;
+    std::vector<bool> set_;
+};
 
 // The text of a fixed-size field: up to its NUL, or all of it.
 std::string field_text(const char* field, std::size_t size_bytes) {
@@ -100,7 +156,7 @@ int reply_name_list(const char* handler, ks_io* io, const char* function, std::s
             status = list(&block, 0, 0, nullptr, &count);
         }
     }
-    const unique_heap<char> owner(block);
+    unique_heap<char> owner(block);
     const bool listed = status >= 0 && (block != nullptr || count <= 0);
     if (call.finish(listed ? 0 : -1)) {
         call.reply()["local_count"] = count;
@@ -109,6 +165,7 @@ int reply_name_list(const char* handler, ks_io* io, const char* function, std::s
             names.append(field_text(block + static_cast<std::size_t>(i) * name_bytes, name_bytes));
         }
     }
+    owner.reset(); // a caller that has its reply finds nothing left of the request
     return call.send();
 }
 
@@ -207,21 +264,12 @@ int hos_get_group_members_handler(ks_io* io, int /*fd*/) {
     handler_call call(__func__, io);
     std::string group;
     if (call.take({{"group_name", &group}})) {
-        char** block = nullptr;
-        int count = -1;
-        {
-            const host_library library(kAccountLibrary);
-            if (auto* list = library.function<member_list_function>("Get_NAS_User_List_Of_Group_Ex")) {
-                count = list(group.c_str(), &block);
-            }
-        }
-        const unique_heap<char*> owner(block);
-        const bool listed = count == 0 || (count > 0 && block != nullptr);
-        if (call.finish(listed ? 0 : -1)) {
-            call.reply()["user_count"] = count;
-            Json::Value& members = call.reply()["user_list"]; // KEPT: null without members
-            for (int i = 0; i < count; ++i) {
-                members.append(block[i] != nullptr); // KEPT: whether there is a member, not who it is
+        const group_members members(group.c_str());
+        if (call.finish(members.count() < 0 ? -1 : 0)) {
+            call.reply()["user_count"] = members.count();
+            Json::Value& list = call.reply()["user_list"]; // KEPT: null without members
+            for (int i = 0; i < members.count(); ++i) {
+                list.append(members.is_set(i)); // KEPT: whether there is a member, not who it is
             }
         }
     }

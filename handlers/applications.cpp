@@ -119,7 +119,7 @@ int hos_install_app_handler(ks_io* io, int /*fd*/) {
     }
     dbg_printf2("[%s][%d] exec %s succ, ret_out=[%s]", __func__, __LINE__, script.c_str(), output.c_str());
     call.finish(run.status);
-    call.reply()["result_out"] = output_base64(run);
+    call.reply()["result_out"] = base64_text(output);
     call.reply()["cli_ret"] = 0;
     (void)run.output.remove();
     ks_reply_json(json_write_stream(call.reply()), io); // KEPT: indented, where all other replies are on one line
@@ -152,9 +152,8 @@ int vex_agent_cli_handler(ks_io* io, int /*fd*/) {
     tool_run run = run_tool(path, first_slash_argv(path, std::move(arguments)));
     call.reply()["cli_ret"] = run.status; // KEPT: the only sign of a tool that failed
     call.reply()["result"] = 0;
-    call.reply()["result_out"] = output_base64(run);
-    const std::string output = run.output.read_all();
-    (void)run.output.remove();
+    const std::string output = take_output(run);
+    call.reply()["result_out"] = base64_text(output);
     dbg_printf2("[%s] ret=[%d][%s]", __func__, run.status, output.c_str());
     return call.send();
 }

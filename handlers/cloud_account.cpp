@@ -56,27 +56,30 @@ bool is_cloud_board() {
 int hos_get_hwsn_handler(ks_io* io, int /*fd*/) {
     handler_call call(__func__, io);
     const char* serial_tool = is_cloud_board() ? kBoardUidTool : kBoardSerialTool;
-    const tool_run run = run_tool(serial_tool, first_slash_argv(serial_tool, {}));
+    tool_run run = run_tool(serial_tool, first_slash_argv(serial_tool, {}));
+    const std::string serial = take_output(run);
     if (call.finish(run.status)) {
-        call.reply()["result_out"] = output_base64(run); // no "cli_ret" here
+        call.reply()["result_out"] = base64_text(serial); // no "cli_ret" here
     }
     return call.send();
 }
 
 int hos_system_call_cloud_get_device_list_handler(ks_io* io, int /*fd*/) {
     handler_call call(__func__, io);
-    const tool_run run = run_device_tool({"get_device_list", "-d", "TALKROOM_IOS"});
+    tool_run run = run_device_tool({"get_device_list", "-d", "TALKROOM_IOS"});
+    const std::string devices = take_output(run);
     if (call.finish(run.status)) {
-        call.reply()["device_list"] = run.output.read_all(); // the text itself, where all others are in Base64
+        call.reply()["device_list"] = devices; // the text itself, where all others are in Base64
     }
     return call.send();
 }
 
 int hos_system_call_cloud_get_device_info_handler(ks_io* io, int /*fd*/) {
     handler_call call(__func__, io);
-    const tool_run run = run_device_tool({"get_device_info"});
+    tool_run run = run_device_tool({"get_device_info"});
+    const std::string info = take_output(run);
     if (call.finish(run.status)) {
-        call.reply()["device_info"] = output_base64(run);
+        call.reply()["device_info"] = base64_text(info);
     }
     return call.send();
 }
@@ -85,10 +88,11 @@ int hos_system_call_cloud_get_device_status_handler(ks_io* io, int /*fd*/) {
     handler_call call(__func__, io);
     // KEPT: three departures from the others. The status is what both streams say, it is sent although the tool failed,
     // and "result" tells how: the exit status, or the raw wait status of a tool that did not exit.
-    const tool_run run = run_device_tool({"get_device_status"}, tool_errors::with_output);
+    tool_run run = run_device_tool({"get_device_status"}, tool_errors::with_output);
+    const std::string status_text = take_output(run);
     call.finish(run.status);
     call.reply()["result"] = WIFEXITED(run.status) ? WEXITSTATUS(run.status) : run.status;
-    call.reply()["device_status"] = output_base64(run);
+    call.reply()["device_status"] = base64_text(status_text);
     return call.send();
 }
 

@@ -17,7 +17,7 @@ void reply_cloud_tool(handler_call& call, const char* path, std::vector<std::str
                       handler_call::location where) {
     tool_run run = run_tool(path, first_slash_argv(path, std::move(arguments)));
     if (call.finish(run.status)) {
-        call.reply()["result_out"] = output_base64(run);
+        call.reply()["result_out"] = base64_text(run.output.read_all());
         call.reply()["cli_ret"] = 0;
     }
     if (run.output.remove() != 0) {

@@ -43,7 +43,7 @@ int run_mail_program(const mail& m) {
                                      nullptr);
 }
 
-/// Leaves a record of the run. It holds the password, so nobody but root may ever have the file open.
+/// Leaves a record of the run. It holds the password in clear, so it alone of the records is for root's eyes only.
 void write_record(const mail& m, int status) {
     const unique_fd record = create_anew(kMailRecord, 0600);
     if (record.ok()) {

@@ -71,12 +71,11 @@ bool run_container_tool(handler_call& call, const std::vector<std::string>& argv
         (void)run.output.release(); // what the tool said stays for inspection
         return false;
     }
-    dbg_printf2("[%s][%d] exec %s succ, ret_out=[%s]", call.function(), __LINE__, kContainerTool,
-                run.output.read_all().c_str());
-    call.reply()["result_out"] = output_base64(run);
+    const std::string output = take_output(run);
+    dbg_printf2("[%s][%d] exec %s succ, ret_out=[%s]", call.function(), __LINE__, kContainerTool, output.c_str());
+    call.reply()["result_out"] = base64_text(output);
     call.reply()["cli_ret"] = 0;
     call.reply()["result"] = 0;
-    (void)run.output.remove();
     return true;
 }
 

@@ -122,9 +122,9 @@ int hos_reverse_proxy_handler(ks_io* io, int /*fd*/) {
         (void)run.output.release(); // what the program said stays for inspection
         return 0;                   // without a reply
     }
-    dbg_printf2("[%s][%d] exec %s succ, ret_out=[%s]", __func__, __LINE__, operation.program,
-                run.output.read_all().c_str());
-    call.reply()["result_out"] = output_base64(run);
+    const std::string output = run.output.read_all();
+    dbg_printf2("[%s][%d] exec %s succ, ret_out=[%s]", __func__, __LINE__, operation.program, output.c_str());
+    call.reply()["result_out"] = base64_text(output);
     call.reply()["cli_ret"] = run.output.remove(); // KEPT: the removal's status, not the program's
     call.reply()["result"] = 0;
     return call.send();

@@ -22,7 +22,7 @@ void write_register_record(const std::string& command, const std::string& provid
     std::array<char, 512> command_line{};
     (void)std::snprintf(command_line.data(), command_line.size(), "%s %s -p %s -c /share/.@analytic", kAnalyticTool,
                         command.c_str(), provide_id.c_str());
-    const unique_fd record = create_anew(kAnalyticRecord, 0600);
+    const unique_fd record = create_anew(kAnalyticRecord, 0644);
     if (record.ok()) {
         (void)::dprintf(record.get(), "cmd=[%s]\nprovide_id=[%s]\nstr_cloud_analysis_register=[%s]\nret_val=[%d]\n",
                         command.c_str(), provide_id.c_str(), command_line.data(), status);

@@ -19,8 +19,14 @@ std::vector<std::string> first_slash_argv(const std::string& path, std::vector<s
     return arguments;
 }
 
-std::string output_base64(const tool_run& run) {
+std::string take_output(tool_run& run) {
+    std::string text = run.output.read_all();
+    (void)run.output.remove(); // a tool may have removed it already
+    return text;
+}
+
+std::string base64_text(const std::string& text) {
     std::string encoded;
-    base64_encode(run.output.read_all(), encoded);
+    base64_encode(text, encoded);
     return encoded;
 }

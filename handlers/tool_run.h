@@ -25,7 +25,11 @@ enum class tool_errors { discarded, with_output };
 /// KEPT: the first slash, so that "/sbin/cfgread" becomes "sbin/cfgread", not the base name.
 [[nodiscard]] std::vector<std::string> first_slash_argv(const std::string& path, std::vector<std::string> arguments);
 
-/// @return The text that the run left, in Base64.
-[[nodiscard]] std::string output_base64(const tool_run& run);
+/// Reads all that the tool printed, and removes the file: done before the reply goes out, so that a caller who has its
+/// reply finds nothing left of the request.
+[[nodiscard]] std::string take_output(tool_run& run);
+
+/// @return `text` in Base64, the form in which replies carry what a tool printed.
+[[nodiscard]] std::string base64_text(const std::string& text);
 
 #endif

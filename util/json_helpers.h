@@ -30,7 +30,7 @@ bool json_parse(const std::string& text, Json::Value* ret_root);
 /// @param ret_error  Receives the library's description of the failure; may be null.
 bool json_parse_stream(const std::string& text, Json::Value* ret_root, std::string* ret_error);
 
-/// @return `value` without indentation, keys sorted, and a line feed: the form of all replies but two.
+/// @return `value` without indentation, keys sorted, and a line feed: the form of all replies but one.
 std::string json_write_compact(const Json::Value& value);
 /// @return `value` indented by three blanks, and a line feed.
 std::string json_write_styled(const Json::Value& value);

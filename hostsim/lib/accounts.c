@@ -1,7 +1,8 @@
 /* libhcore_NAS: the host's local users and groups. Every list is one block from the heap, the caller's to free.
  *
  * Knobs: "users", "groups", "members" = the names, one a line; a member "(null)" is an entry without a pointer.
- * "return" = result of every function, the list being made all the same. "no_block" = no list is made. */
+ * "return" = result of every function, the list being made all the same. "no_block" = no list is made.
+ * "member_list" = "static": the members' list is a variable of this library; "filled": it is written into the caller's. */
 #include "stand_in.h"
 
 #include <stdint.h>
@@ -82,6 +83,25 @@ static char** list_pointers(const char* names, size_t count) {
     return list;
 }
 
+/* Hands the list, which it takes over, out the way the knob wants it. */
+static void give_list(char** list, size_t count, char*** ret_list) {
+    static char* own_list[64];
+    char* way = knob("member_list", NULL);
+    if (list == NULL || way == NULL) {
+        *ret_list = list;
+    } else {
+        char** const target = strcmp(way, "static") == 0 ? own_list : (char**)ret_list;
+        for (size_t i = 0; i < count && i < sizeof own_list / sizeof *own_list; ++i) {
+            target[i] = list[i] == NULL ? NULL : (char*)"a member";
+        }
+        if (target == own_list) {
+            *ret_list = own_list;
+        }
+        free(list);
+    }
+    free(way);
+}
+
 int Get_NAS_User_List_Of_Group_Ex(const char* group, char*** ret_list) {
     record("Get_NAS_User_List_Of_Group_Ex [%s]", group);
     char* names = names_of("members", strcmp(group, "administrators") == 0 ? "admin\n" : "admin\nguest\nvexuser\n");
@@ -89,7 +109,7 @@ int Get_NAS_User_List_Of_Group_Ex(const char* group, char*** ret_list) {
         return -1;
     }
     const size_t count = count_lines(names);
-    *ret_list = without_block() ? NULL : list_pointers(names, count);
+    give_list(without_block() ? NULL : list_pointers(names, count), count, ret_list);
     free(names);
     return number_knob("return", (int)count);
 }

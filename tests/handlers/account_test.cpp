@@ -295,6 +295,25 @@ TEST_F(AccountListTest, ANonNegativeResultIsASuccessOfTheLists) {
     EXPECT_EQ(ask(hos_get_all_users_handler), "{\"local_count\":1,\"result\":0,\"user_list\":[\"a\"]}\n");
 }
 
+TEST_F(AccountListTest, AMemberListMayBeTheLibrarysOwn) {
+    accounts.set("members", "a\n(null)\nc\n");
+    accounts.set("member_list", "static");
+    EXPECT_EQ(ask(hos_get_group_members_handler, R"({"group_name":"staff"})"),
+              "{\"result\":0,\"user_count\":3,\"user_list\":[true,false,true]}\n");
+}
+
+TEST_F(AccountListTest, AMemberListMayBeFilledInPlace) {
+    std::string names;
+    std::string expected = "{\"result\":0,\"user_count\":40,\"user_list\":[";
+    for (int i = 0; i < 40; ++i) {
+        names += i == 7 ? "(null)\n" : "a\n";
+        expected += i == 0 ? "true" : i == 7 ? ",false" : ",true";
+    }
+    accounts.set("members", names);
+    accounts.set("member_list", "filled");
+    EXPECT_EQ(ask(hos_get_group_members_handler, R"({"group_name":"staff"})"), expected + "]}\n");
+}
+
 TEST_F(AccountListTest, KeptMembersAreToldToExistAndNotNamed) {
     accounts.set("members", "a\nb\nc\n");
     EXPECT_EQ(ask(hos_get_group_members_handler, R"({"group_name":"staff"})"),

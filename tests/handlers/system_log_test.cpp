@@ -131,7 +131,7 @@ TEST_F(CloudAnalysisTest, TheRecordDoesNotFollowALink) {
     EXPECT_EQ(read_file("/tmp/victim"), "untouched");
     struct stat status = {};
     ASSERT_EQ(lstat(kRecord.c_str(), &status), 0);
-    EXPECT_EQ(status.st_mode, static_cast<mode_t>(S_IFREG | 0600));
+    EXPECT_EQ(status.st_mode, static_cast<mode_t>(S_IFREG | 0644));
 }
 
 class EventLogTest : public HandlerTest {

@@ -27,12 +27,20 @@ TEST_F(ToolRunTest, TheOutputIsKeptAsLongAsTheRunAndNoLonger) {
         const tool_run run = run_tool(tool.path(), {"zero", "one"});
         EXPECT_EQ(run.status, 5 << 8);
         EXPECT_EQ(run.output.read_all(), "text");
-        EXPECT_EQ(output_base64(run), "dGV4dA==");
+        EXPECT_EQ(base64_text(run.output.read_all()), "dGV4dA==");
         EXPECT_EQ(kept_files(), strings{run.output.path()});
     }
     EXPECT_TRUE(kept_files().empty());
     ASSERT_EQ(tool.calls().size(), 1U);
     EXPECT_EQ(tool.calls()[0].argv, (strings{"zero", "one"}));
+}
+
+TEST_F(ToolRunTest, OutputThatIsTakenLeavesNoFile) {
+    tool.answers("text");
+    tool_run run = run_tool(tool.path(), {"zero"});
+    EXPECT_EQ(take_output(run), "text");
+    EXPECT_TRUE(kept_files().empty());
+    EXPECT_EQ(run.status, 0);
 }
 
 TEST_F(ToolRunTest, ErrorsCanGoWithTheOutput) {
@@ -47,7 +55,7 @@ TEST_F(ToolRunTest, WithoutATemporaryFileNothingIsRun) {
         const tool_run run = run_tool(tool.path(), {"zero"});
         EXPECT_FALSE(run.output.ok());
         EXPECT_EQ(run.status, -1);
-        EXPECT_EQ(output_base64(run), "");
+        EXPECT_EQ(base64_text(run.output.read_all()), "");
     }));
     EXPECT_TRUE(tool.calls().empty());
 }
