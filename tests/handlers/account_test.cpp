@@ -1,5 +1,6 @@
 // Sessions and accounts, asked over a real service, with the simulated host's login tool and libraries behind them.
 #include "ask.h"
+#include "descriptor_shortage.h"
 #include "handler_fixture.h"
 #include "handlers.h"
 #include "host_tool.h"
@@ -92,6 +93,26 @@ TEST_F(LoginTest, ABadRequestIsToldFromAFailedLogin) {
     EXPECT_TRUE(zcli.calls().empty());
 }
 
+int starved_login_handler(ks_io* io, int fd) {
+    const descriptor_shortage shortage;
+    return hos_get_sess_id_handler(io, fd);
+}
+
+TEST_F(LoginTest, WithoutAPipeToTheToolALoginFails) {
+    EXPECT_EQ(ask(starved_login_handler, R"({"user":"admin","pwd":"secret"})"),
+              "{\"error_code\":-2,\"error_msg\":\"get_sess_id fail\"}\n");
+    EXPECT_TRUE(zcli.calls().empty());
+}
+
+TEST_F(LoginTest, AnUnreadableRequestIsTraced) {
+    for (const char* text : {"", "{", R"({"user":"u","pwd":"p")"}) {
+        forget_log();
+        EXPECT_EQ(ask(hos_get_sess_id_handler, text), kInputError) << text;
+        EXPECT_EQ(logged(), strings{"[hos_get_sess_id_handler][N] ks_io input fail."}) << text;
+    }
+    EXPECT_TRUE(zcli.calls().empty());
+}
+
 TEST_F(LoginTest, NoPasswordReachesTheLog) {
     (void)ask(hos_get_sess_id_handler, R"({"user":"u","pwd":"top-secret"})");
     (void)ask(hos_get_sess_id_handler, R"({"pwd":"top-secret"})");
@@ -151,9 +172,23 @@ TEST_F(SessionTest, KeysOfAnotherTypeAreRefused) {
                              R"({"type":1,"user":"u"})", "{}", "null"}) {
         EXPECT_EQ(ask(hos_vex_auth_add_session_handler, text), kPaserFail) << text;
     }
-    EXPECT_EQ(ask(hos_vex_auth_get_session_handler, R"({"type":1,"length":"64","sid":"s"})"), kPaserFail);
+    for (const std::string wrong : {"\"64\"", "true", "1.5", "2147483648", "-2147483649", "null", "[64]"}) {
+        EXPECT_EQ(ask(hos_vex_auth_get_session_handler, R"({"type":1,"sid":"s","length":)" + wrong + "}"), kPaserFail)
+            << wrong;
+        EXPECT_EQ(ask(hos_vex_auth_get_session_handler, R"({"length":1,"sid":"s","type":)" + wrong + "}"), kPaserFail)
+            << wrong;
+    }
+    EXPECT_EQ(ask(hos_vex_auth_get_session_handler, R"({"type":1,"length":1,"sid":5})"), kPaserFail);
+    EXPECT_EQ(ask(hos_vex_auth_get_session_handler, R"({"type":1,"length":1})"), kPaserFail);
+    EXPECT_EQ(sessions.calls(), "");
+    EXPECT_EQ(log(), "");
+}
+
+TEST_F(SessionTest, AnUnreadableRequestIsTraced) {
     EXPECT_EQ(ask(hos_vex_auth_add_session_handler, "{"), kInputError);
     EXPECT_EQ(ask(hos_vex_auth_get_session_handler), kInputError);
+    EXPECT_EQ(logged(), (strings{"[hos_vex_auth_add_session_handler][N] ks_io input fail.",
+                                 "[hos_vex_auth_get_session_handler][N] ks_io input fail."}));
     EXPECT_EQ(sessions.calls(), "");
 }
 
@@ -208,9 +243,9 @@ TEST_F(SmsConfigTest, ATextThatFillsItsFieldEndsThere) {
                   second + "\",\"result\":0,\"using_provider\":256}\n");
 }
 
-TEST_F(SmsConfigTest, TheLibrarysResultIsNotLookedAt) {
+TEST_F(SmsConfigTest, NeitherTheRequestNorTheLibrarysResultIsLookedAt) {
     config.set("return", "-1");
-    EXPECT_EQ(ask(hos_get_sms_config_handler),
+    EXPECT_EQ(ask(hos_get_sms_config_handler, "not json"),
               "{\"country\":\"Iceland\",\"country_code\":\"354\",\"max_provider\":4,\"mode\":1,\"now_provider\":2,"
               "\"phone1\":\"5550100\",\"phone2\":\"5550101\",\"result\":0,\"using_provider\":1}\n");
 }
@@ -325,6 +360,16 @@ TEST_F(AccountListTest, KeptMembersAreToldToExistAndNotNamed) {
     EXPECT_FALSE(accounts.is_open());
 }
 
+TEST_F(AccountListTest, TheListsTakeNoRequest) {
+    accounts.set("users", "a\n");
+    accounts.set("groups", "b\n");
+    for (const char* text : {"", "{", "not json", "[]"}) {
+        EXPECT_EQ(ask(hos_get_all_users_handler, text), "{\"local_count\":1,\"result\":0,\"user_list\":[\"a\"]}\n");
+        EXPECT_EQ(ask(hos_get_all_groups_handler, text), "{\"group_list\":[\"b\"],\"local_count\":1,\"result\":0}\n");
+    }
+    EXPECT_EQ(log(), "");
+}
+
 TEST_F(AccountListTest, ANegativeResultIsAFailureAlsoWithABlock) {
     accounts.set("return", "-1");
     all_fail();
@@ -347,6 +392,7 @@ TEST_F(AccountListTest, WithoutTheLibraryTheCallsFail) {
 
 TEST_F(AccountListTest, AGroupIsRequired) {
     EXPECT_EQ(ask(hos_get_group_members_handler), kInputError);
+    EXPECT_EQ(logged(), strings{"[hos_get_group_members_handler][N] ks_io input fail."});
     for (const char* text : {"{}", R"({"group_name":5})", R"({"group_name":null})", "[]"}) {
         EXPECT_EQ(ask(hos_get_group_members_handler, text), kPaserFail) << text;
     }
