@@ -20,6 +20,7 @@ namespace {
 using testing::Contains;
 using testing::ElementsAre;
 using testing::ElementsAreArray;
+using testing::HasSubstr;
 using testing::IsEmpty;
 
 constexpr const char* kInstalled = "[VexHubServer]\n"
@@ -136,6 +137,14 @@ TEST_F(ExtendedProductDataTest, IsTheToolsOutputTrimmedAtBothEnds) {
     EXPECT_THAT(logged(), Contains("[hos_get_vpd_ext_area_handler][N] str_output="));
 }
 
+TEST_F(ExtendedProductDataTest, TheToolHasTheDaemonsOwnEnvironment) {
+    setenv("VPD_TEST", "inherited", 1);
+    (void)ask(hos_get_vpd_ext_area_handler, R"({"offest":0,"length":4})");
+    unsetenv("VPD_TEST");
+    ASSERT_EQ(hwctl.calls().size(), 1U);
+    EXPECT_THAT(hwctl.calls()[0].env, Contains("VPD_TEST=inherited"));
+}
+
 TEST_F(ExtendedProductDataTest, ComesFromTheHostsOwnArea) {
     EXPECT_EQ(ask(hos_get_vpd_ext_area_handler, R"({"offest":2,"length":4})"),
               "{\"result\":0,\"vpd_ext_area\":\"0123\"}\n");
@@ -219,6 +228,19 @@ TEST_F(NotifyTest, WithoutAnInstallPathTheTextRunsAsACommand) {
               "{\"result\":0}\n");
     EXPECT_EQ(read_file("/tmp/notified"), "hi\n");
     EXPECT_THAT(wrapper.calls(), IsEmpty());
+}
+
+TEST_F(NotifyTest, TheShellIsCalledShAndHasNoEnvironment) {
+    registry("[VexHubServer]\nShell = /share/VexHubServer/VexHubServer.sh\n");
+    setenv("NOTIFY_TEST", "not inherited", 1);
+    const std::string command =
+        "/bin/cat /proc/$$/cmdline > /tmp/shell-argv; /bin/cat /proc/$$/environ > /tmp/shell-env";
+    EXPECT_EQ(ask(hos_system_call_nc_notify_handler, R"({"nc_notify":")" + encoded(command) + "\"}"),
+              "{\"result\":0}\n");
+    unsetenv("NOTIFY_TEST");
+    EXPECT_EQ(read_file("/tmp/shell-argv"), std::string("sh\0-c\0 ", 7) + command + '\0');
+    ASSERT_TRUE(file_exists("/tmp/shell-env"));
+    EXPECT_EQ(read_file("/tmp/shell-env"), "");
 }
 
 TEST_F(NotifyTest, TheCommandLineIsCutAt4095Characters) {
@@ -314,6 +336,20 @@ TEST_F(CloudUsageTest, TheReadersArgumentsAreFixedAndItsExitStatusIsNotLookedAt)
     EXPECT_EQ(usage_of("/tmp/a b"), "{\"result\":0,\"size_info\":\"" +
                                         encoded("--only-values|--absolute-names|-n|trusted.tm.cloud_usage|/tmp/a b|") +
                                         "\"}\n");
+}
+
+TEST_F(CloudUsageTest, TheReaderIsCalledByItsNameAndHasTheDaemonsOwnEnvironment) {
+    programs.replace_by_copy_of("/usr/bin/getfattr", CHILD_PROBE); // prints how it was called
+    setenv("USAGE_TEST", "inherited", 1);
+    const auto reply = usage_of("/tmp/x");
+    unsetenv("USAGE_TEST");
+    const std::string start = "{\"result\":0,\"size_info\":\"";
+    ASSERT_THAT(reply.value_or("none"), testing::StartsWith(start));
+    std::string report;
+    base64_decode(reply->substr(start.size()), report);
+    EXPECT_THAT(report, HasSubstr("\nargv=getfattr\nargv=--only-values\nargv=--absolute-names\nargv=-n\n"
+                                  "argv=trusted.tm.cloud_usage\nargv=/tmp/x\n"));
+    EXPECT_THAT(report, HasSubstr("\nenv=USAGE_TEST=inherited\n"));
 }
 
 } // namespace

@@ -43,6 +43,14 @@ TEST_F(MediaViewerTest, ReturnsWhatTheViewersToolPrinted) {
     EXPECT_THAT(viewer.calls()[0].argv, ElementsAre("cfgread", "get state"));
 }
 
+TEST_F(MediaViewerTest, TheToolHasTheDaemonsOwnEnvironment) {
+    setenv("VIEWER_TEST", "inherited", 1);
+    (void)ask(hos_cmv_cli_handler, R"({"cmd":"c"})");
+    unsetenv("VIEWER_TEST");
+    ASSERT_EQ(viewer.calls().size(), 1U);
+    EXPECT_THAT(viewer.calls()[0].env, testing::Contains("VIEWER_TEST=inherited"));
+}
+
 TEST_F(MediaViewerTest, AFailedToolShowsInItsStatusAlone) {
     viewer.exits(2);
     EXPECT_EQ(ask(hos_cmv_cli_handler, R"({"cmd":""})"),
