@@ -55,6 +55,10 @@ TEST_F(CloudTunnelTest, EveryKeyIsRequiredForEveryCommand) {
           R"({"command":"get_url","package_name":"","callback_path":"","reg_id":""})",
           R"({"mode":"","package_name":"","callback_path":"","reg_id":""})",
           R"({"command":"get_url","mode":1,"package_name":"","callback_path":"","reg_id":""})",
+          R"({"command":"get_url","mode":"","package_name":2,"callback_path":"","reg_id":""})",
+          R"({"command":"get_url","mode":"","package_name":"","callback_path":true,"reg_id":""})",
+          R"({"command":"get_url","mode":"","package_name":"","callback_path":"","reg_id":["r"]})",
+          R"({"command":"get_url","mode":"","package_name":"","callback_path":"","reg_id":null})",
           R"({"command":null,"mode":"","package_name":"","callback_path":"","reg_id":""})", "{}", "[]",
           "\"get_url\""}) {
         EXPECT_EQ(ask(hos_system_call_cloud_ncm_tunnel_agent_handler, text), kPaserFail) << text;
@@ -95,8 +99,13 @@ TEST_F(CloudTunnelTest, AFileThatCannotBeRemovedIsTraced) {
     programs.replace_by_script(tool.path(), "/bin/rm -f /tmp/vexprod-*");
     EXPECT_EQ(ask(hos_system_call_cloud_ncm_tunnel_agent_handler, request("get_url")),
               "{\"cli_ret\":0,\"result\":0,\"result_out\":\"\"}\n");
-    EXPECT_THAT(log(), testing::ContainsRegex("\\[hos_system_call_cloud_ncm_tunnel_agent_handler\\]\\[[0-9]+\\] remove "
-                                              "tmpfile:\\[/tmp/vexprod-[^]]+\\] fail\\.\n"));
+    programs.replace_by_script(tool.path(), "/bin/rm -f /tmp/vexprod-*; exit 3");
+    EXPECT_EQ(ask(hos_system_call_cloud_ncm_tunnel_agent_handler, request("get_url")),
+              failure("hos_system_call_cloud_ncm_tunnel_agent_handler"));
+    EXPECT_THAT(logged(), testing::AllOf(testing::SizeIs(2),
+                                         testing::Each(testing::MatchesRegex(
+                                             "\\[hos_system_call_cloud_ncm_tunnel_agent_handler\\]\\[N\\] remove "
+                                             "tmpfile:\\[/tmp/vexprod-[A-Za-z0-9]+\\] fail\\."))));
 }
 
 } // namespace
