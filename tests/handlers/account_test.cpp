@@ -1,10 +1,10 @@
 // Sessions and accounts, asked over a real service, with the simulated host's login tool and libraries behind them.
 #include "ask.h"
-#include "descriptor_shortage.h"
 #include "handler_fixture.h"
 #include "handlers.h"
 #include "host_tool.h"
 #include "library_stand_in.h"
+#include "shortage.h"
 
 #include <gmock/gmock.h>
 

@@ -1,9 +1,9 @@
 #include "ask.h"
 #include "base64.h"
-#include "descriptor_shortage.h"
 #include "handler_fixture.h"
 #include "handlers.h"
 #include "host_tool.h"
+#include "shortage.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

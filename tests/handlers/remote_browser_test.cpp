@@ -2,10 +2,12 @@
 #include "handler_fixture.h"
 #include "handlers.h"
 #include "host_tool.h"
+#include "shortage.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <csignal>
 #include <string>
 
 namespace {
@@ -95,8 +97,11 @@ TEST_F(RemoteBrowserTest, MembersThatCannotBeConvertedEndTheRequest) {
           R"({"action":"add","rule_list":[{"des_port":true}]})",
           R"({"action":"delete","rule_list":[{"des_port":4294967296}]})",
           R"({"action":"add","rule_list":[{"wk_id":[]}]})", R"({"action":"add","rule_list":["w1"]})",
-          R"({"action":"add","rule_list":{"wk_id":"w1"}})", R"({"action":{},"rule_list":[{}]})",
-          R"({"action":"add","auth_token":[],"rule_list":[{}]})"}) {
+          R"({"action":"add","rule_list":[{"des_protocol":["https"]}]})",
+          R"({"action":"add","rule_list":[{"host_name":["cam"]}]})",
+          R"({"action":"add","rule_list":[{"browser_type":["chrome"]}]})",
+          R"({"action":"delete","rule_list":[{"browser_type":{}}]})", R"({"action":"add","rule_list":{"wk_id":"w1"}})",
+          R"({"action":{},"rule_list":[{}]})", R"({"action":"add","auth_token":[],"rule_list":[{}]})"}) {
         EXPECT_EQ(ask(hos_web_kiosk_handler, request), std::nullopt) << request;
         EXPECT_THAT(escaped_error, Not(IsEmpty())) << request;
     }
@@ -104,12 +109,63 @@ TEST_F(RemoteBrowserTest, MembersThatCannotBeConvertedEndTheRequest) {
 }
 
 TEST_F(RemoteBrowserTest, TextThatIsNoObjectIsAnInputErrorAndTracedWithItsReason) {
-    for (const char* request : {"", "{", "[]", "null", "1"}) {
+    for (const char* request : {"[]", "null", "1"}) {
         forget_log();
         EXPECT_EQ(ask(hos_web_kiosk_handler, request), kInputError) << request;
-        ASSERT_FALSE(logged().empty());
-        EXPECT_THAT(logged()[0], testing::StartsWith("[hos_web_kiosk_handler][N] parse strInputArg failed, error=["));
+        EXPECT_THAT(logged(),
+                    ElementsAre("[hos_web_kiosk_handler][N] parse strInputArg failed, error=[not an object]"));
     }
+    const std::string start = "[hos_web_kiosk_handler][N] parse strInputArg failed, error=[";
+    forget_log();
+    EXPECT_EQ(ask(hos_web_kiosk_handler), kInputError);
+    EXPECT_THAT(logged(),
+                ElementsAre(start + "* Line 1, Column 1", "  Syntax error: value, object or array expected.", "]"));
+    forget_log();
+    EXPECT_EQ(ask(hos_web_kiosk_handler, "{"), kInputError);
+    EXPECT_THAT(logged(), ElementsAre(start + "* Line 1, Column 2", "  Missing '}' or object member name", "]"));
+    EXPECT_THAT(tool.calls(), IsEmpty());
+}
+
+TEST_F(RemoteBrowserTest, TextsAreTakenFromNumbersAndBooleansAsWellAndNullIsNone) {
+    EXPECT_THAT(argv_for("add", R"([{"des_protocol":null,"host_name":7,"des_port":1,"browser_type":true}])"),
+                ElementsAre("vsh", "web-kiosk.container.create", "token=t 1", "open_url=://7:1", "ttl=300",
+                            "resolution=1920x1080", "type=true"));
+    EXPECT_EQ(argv_for("delete", R"([{"wk_id":5}])")[3], "id=5");
+}
+
+TEST_F(RemoteBrowserTest, KeptTheStatusIsZeroAlsoWhenTheOutputsFileIsGone) {
+    programs.replace_by_script(tool.path(), "/bin/rm -f \"$(/bin/readlink /proc/$$/fd/1)\"");
+    EXPECT_EQ(ask(hos_web_kiosk_handler, R"({"action":"delete","rule_list":[{}]})"),
+              "{\"cli_ret\":0,\"result\":0,\"result_out\":\"\"}\n");
+    EXPECT_EQ(logged().back(), "[hos_web_kiosk_handler][N] exec /usr/sbin/vsh succ, ret_out=[]");
+}
+
+// What the log says at last of a run that failed.
+std::string failed_run(const std::string& status) {
+    return "[hos_web_kiosk_handler][N] exec /usr/sbin/vsh failed, ret=[" + status + "]";
+}
+
+TEST_F(RemoteBrowserTest, AToolThatIsKilledOrNotThereHasNoReplyAndItsOutputStays) {
+    tool.answers("why").dies_by(SIGKILL);
+    EXPECT_EQ(ask(hos_web_kiosk_handler, R"({"action":"delete","rule_list":[{}]})"), std::nullopt);
+    EXPECT_EQ(logged().back(), failed_run("9"));
+    ASSERT_EQ(kept_files().size(), 1U);
+    EXPECT_EQ(read_file(kept_files()[0]), "why");
+    programs.take_away(tool.path());
+    EXPECT_EQ(ask(hos_web_kiosk_handler, R"({"action":"delete","rule_list":[{}]})"), std::nullopt);
+    EXPECT_EQ(logged().back(), failed_run("32512"));
+    EXPECT_EQ(kept_files().size(), 2U);
+}
+
+int kiosk_without_temporary_files(ks_io* io, int fd) {
+    run_without_temporary_files([&] { (void)hos_web_kiosk_handler(io, fd); });
+    return 0;
+}
+
+TEST_F(RemoteBrowserTest, WithoutATemporaryFileNothingRunsAndThereIsNoReply) {
+    EXPECT_EQ(ask(kiosk_without_temporary_files, R"({"action":"delete","rule_list":[{}]})"), std::nullopt);
+    EXPECT_EQ(logged().back(), failed_run("-1"));
+    EXPECT_THAT(tool.calls(), IsEmpty());
 }
 
 TEST_F(RemoteBrowserTest, TheRunIsTracedAndItsFileRemoved) {

@@ -1,9 +1,15 @@
-// A process that has almost no descriptors left.
-#ifndef VEXPROD_TESTS_HANDLERS_DESCRIPTOR_SHORTAGE_H
-#define VEXPROD_TESTS_HANDLERS_DESCRIPTOR_SHORTAGE_H
+// A process that has almost no descriptors left, and a thread that cannot make temporary files.
+#ifndef VEXPROD_TESTS_HANDLERS_SHORTAGE_H
+#define VEXPROD_TESTS_HANDLERS_SHORTAGE_H
+
+#include <gtest/gtest.h>
 
 #include <fcntl.h>
+#include <functional>
+#include <sched.h>
+#include <sys/mount.h>
 #include <sys/resource.h>
+#include <thread>
 #include <unistd.h>
 
 /// Leaves the process one descriptor until scope end: enough to write the log, too few for a pipe.
@@ -29,5 +35,15 @@ private:
     }
     struct rlimit before_ = {};
 };
+
+/// Runs `body` in a thread, and with it the programs that it starts, whose /tmp is an empty folder that nobody can
+/// write to.
+inline void run_without_temporary_files(const std::function<void()>& body) {
+    std::thread([&] {
+        ASSERT_EQ(unshare(CLONE_NEWNS), 0); // of this thread alone
+        ASSERT_EQ(mount("none", "/tmp", "tmpfs", MS_RDONLY, nullptr), 0);
+        body();
+    }).join();
+}
 
 #endif
