@@ -3,6 +3,7 @@
 #include "handler_fixture.h"
 #include "handlers.h"
 #include "host_tool.h"
+#include "shortage.h"
 
 #include <gmock/gmock.h>
 
@@ -29,17 +30,54 @@ TEST_F(InstallAppTest, TheScriptInstallsThePackageFile) {
     EXPECT_TRUE(kept_files().empty());
 }
 
-TEST_F(InstallAppTest, TheRunIsTraced) {
+// The whole log of a run, the line feed at the end of the output included.
+strings install_log(const std::string& outcome) {
+    return {"[hos_install_app_handler][N] argv[0] = [operate_zpkgcenter_app.sh]",
+            "[hos_install_app_handler][N] argv[1] = [install]",
+            "[hos_install_app_handler][N] argv[2] = [/tmp/a b.zpkg]",
+            "[hos_install_app_handler][N] argv[3] = [(null)]",
+            "[hos_install_app_handler][N] exec /share/ZpkgCenter/script/operate_zpkgcenter_app.sh " + outcome,
+            "]"};
+}
+
+TEST_F(InstallAppTest, TheRunIsTracedOnceAndInOrder) {
     script.answers("done\n");
     (void)ask(hos_install_app_handler, kInstall);
-    EXPECT_THAT(log(), testing::ContainsRegex("\\[hos_install_app_handler\\]\\[[0-9]+\\] argv\\[0\\] = "
-                                              "\\[operate_zpkgcenter_app.sh\\]\n.*"));
-    EXPECT_THAT(log(), testing::ContainsRegex("\\]\\[[0-9]+\\] argv\\[1\\] = \\[install\\]\n"));
-    EXPECT_THAT(log(), testing::ContainsRegex("\\]\\[[0-9]+\\] argv\\[2\\] = \\[/tmp/a b.zpkg\\]\n"));
-    EXPECT_THAT(log(), testing::ContainsRegex("\\]\\[[0-9]+\\] argv\\[3\\] = \\[\\(null\\)\\]\n"));
-    EXPECT_THAT(log(), testing::ContainsRegex("\\[hos_install_app_handler\\]\\[[0-9]+\\] exec "
-                                              "/share/ZpkgCenter/script/operate_zpkgcenter_app.sh succ, "
-                                              "ret_out=\\[done\n\\]\n"));
+    EXPECT_EQ(logged(), install_log("succ, ret_out=[done"));
+    script.answers("disk full\n").exits(4);
+    forget_log();
+    (void)ask(hos_install_app_handler, kInstall);
+    EXPECT_EQ(logged(), install_log("failed, ret_out=[disk full"));
+}
+
+TEST_F(InstallAppTest, WhatTheScriptComplainsOfIsDiscarded) {
+    script.complains("not wanted").answers("done\n");
+    EXPECT_EQ(ask(hos_install_app_handler, kInstall), kInstalled);
+    EXPECT_EQ(logged(), install_log("succ, ret_out=[done"));
+    script.exits(4);
+    forget_log();
+    EXPECT_EQ(ask(hos_install_app_handler, kInstall), std::nullopt);
+    EXPECT_EQ(logged(), install_log("failed, ret_out=[done"));
+}
+
+TEST_F(InstallAppTest, AScriptThatIsKilledGivesNoReplyAndLeavesItsOutput) {
+    script.answers("half\n").dies_by(SIGKILL);
+    EXPECT_EQ(ask(hos_install_app_handler, kInstall), std::nullopt);
+    EXPECT_EQ(logged(), install_log("failed, ret_out=[half"));
+    ASSERT_EQ(kept_files().size(), 1U);
+    EXPECT_EQ(read_file(kept_files()[0]), "half\n");
+}
+
+int install_without_temporary_files(ks_io* io, int fd) {
+    run_without_temporary_files([&] { (void)hos_install_app_handler(io, fd); });
+    return 0;
+}
+
+TEST_F(InstallAppTest, WithoutATemporaryFileNothingRunsAndThereIsNoReply) {
+    EXPECT_EQ(ask(install_without_temporary_files, kInstall), std::nullopt);
+    EXPECT_EQ(logged().back(), "[hos_install_app_handler][N] exec /share/ZpkgCenter/script/operate_zpkgcenter_app.sh "
+                               "failed, ret_out=[]");
+    EXPECT_TRUE(script.calls().empty());
 }
 
 TEST_F(InstallAppTest, KeptTheDaemonsOwnEnvironmentIsMarkedAndTheScriptsIsNot) {
@@ -186,6 +224,30 @@ TEST_F(AgentCliTest, KeptAFailedToolShowsInItsRawStatusAlone) {
     agent.answers("").dies_by(SIGKILL);
     EXPECT_EQ(ask(vex_agent_cli_handler, R"({"opt":["x"]})"), "{\"cli_ret\":9,\"result\":0,\"result_out\":\"\"}\n");
     EXPECT_TRUE(kept_files().empty());
+}
+
+TEST_F(AgentCliTest, WhatTheToolComplainsOfIsDiscarded) {
+    agent.complains("not wanted").answers("fine");
+    EXPECT_EQ(ask(vex_agent_cli_handler, R"({"opt":["x"]})"),
+              "{\"cli_ret\":0,\"result\":0,\"result_out\":\"ZmluZQ==\"}\n");
+    EXPECT_EQ(logged(), (strings{"[vex_agent_cli_handler] args=[x,], ", "[vex_agent_cli_handler] ret=[0][fine]"}));
+    agent.exits(1);
+    forget_log();
+    EXPECT_EQ(ask(vex_agent_cli_handler, R"({"opt":["x"]})"),
+              "{\"cli_ret\":256,\"result\":0,\"result_out\":\"ZmluZQ==\"}\n");
+    EXPECT_EQ(logged(), (strings{"[vex_agent_cli_handler] args=[x,], ", "[vex_agent_cli_handler] ret=[256][fine]"}));
+}
+
+int agent_without_temporary_files(ks_io* io, int fd) {
+    run_without_temporary_files([&] { (void)vex_agent_cli_handler(io, fd); });
+    return 0;
+}
+
+TEST_F(AgentCliTest, WithoutATemporaryFileNothingRunsWhichShowsInTheStatusAlone) {
+    EXPECT_EQ(ask(agent_without_temporary_files, R"({"opt":["x"]})"),
+              "{\"cli_ret\":-1,\"result\":0,\"result_out\":\"\"}\n");
+    EXPECT_EQ(logged(), (strings{"[vex_agent_cli_handler] args=[x,], ", "[vex_agent_cli_handler] ret=[-1][]"}));
+    EXPECT_TRUE(agent.calls().empty());
 }
 
 TEST_F(AgentCliTest, AToolThatCannotBeExecutedShowsInItsRawStatusAlone) {
