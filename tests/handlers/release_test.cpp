@@ -8,6 +8,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <malloc.h>
 #include <string>
 
 namespace {
@@ -83,6 +84,36 @@ TEST_F(ReleaseTest, ALibraryWhoseFunctionFailedIsClosedBeforeTheReply) {
             EXPECT_FALSE(sessions.is_open()) << each.reply;
             EXPECT_FALSE(accounts.is_open()) << each.reply;
         });
+    }
+}
+
+// Lists so long that a heap that has not been used much gives each a mapping of its own, which is counted; the replies
+// are shorter.
+TEST_F(ReleaseTest, AListIsFreedBeforeTheReply) {
+    const library_stand_in accounts("/usr/lib/libhcore_NAS.so.0.0");
+    ASSERT_EQ(mallopt(M_MMAP_THRESHOLD, 128 * 1024), 1);
+    const auto repeated = [](int count, const std::string& text) {
+        std::string all;
+        for (int i = 0; i < count; ++i) {
+            all += text;
+        }
+        return all;
+    };
+    accounts.set("users", repeated(8000, "a\n"));    // 33 bytes each
+    accounts.set("groups", repeated(8000, "a\n"));   // 257 bytes each
+    accounts.set("members", repeated(16000, "a\n")); // 10 bytes each
+    const std::string names = repeated(7999, "\"a\",") + "\"a\"";
+    const asked requests[] = {
+        {hos_get_all_users_handler, "", "{\"local_count\":8000,\"result\":0,\"user_list\":[" + names + "]}\n"},
+        {hos_get_all_groups_handler, "", "{\"group_list\":[" + names + "],\"local_count\":8000,\"result\":0}\n"},
+        {hos_get_group_members_handler, R"({"group_name":"staff"})",
+         "{\"result\":0,\"user_count\":16000,\"user_list\":[" + repeated(15999, "true,") + "true]}\n"},
+    };
+    for (const asked& each : requests) {
+        EXPECT_TRUE(passes_in_own_process([&] {
+            const std::size_t before = mallinfo2().hblks;
+            expect_reply(each, [&] { EXPECT_EQ(mallinfo2().hblks, before); });
+        }));
     }
 }
 
