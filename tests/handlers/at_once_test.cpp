@@ -70,15 +70,15 @@ protected:
 };
 
 TEST_F(AtOnceTest, EachOfTwoWritersGetsAFileOfItsOwn) {
-    constexpr int kFiles = 2000;
-    std::atomic<int> ready = 0;
+    constexpr int kFiles = 1000;
+    std::atomic<int> arrived = 0;
     std::atomic<int> made = 0;
     const auto write_many = [&] {
-        ++ready;
-        while (ready < 2) {
-            std::this_thread::yield();
-        }
-        for (int i = 0; i < kFiles; ++i) {
+        for (int i = 1; i <= kFiles; ++i) {
+            ++arrived;
+            while (arrived < 2 * i) { // the other one is as far
+                std::this_thread::yield();
+            }
             made += create_anew("/tmp/written-anew", 0600).ok() ? 1 : 0;
         }
     };
