@@ -93,8 +93,19 @@ void stop_service(int /*signum*/) {
     pthread_sigmask(SIG_SETMASK, &before, nullptr);
 }
 
-// The dump allocates. After a crash inside malloc() it may wait for ever, and then the alarm ends the process.
+// The dump allocates. After a crash inside malloc() it may wait for ever, and then the alarm ends the process; or it
+// may crash as well, which abort() reports to this handler again: then there is no more to be had. A second thread that
+// crashes lets the first one finish.
 void dump_backtrace_service(int /*signum*/) {
+    static pid_t dumping = 0;
+    const pid_t self = gettid();
+    pid_t first = 0;
+    if (!__atomic_compare_exchange_n(&dumping, &first, self, false, __ATOMIC_SEQ_CST, __ATOMIC_SEQ_CST)) {
+        while (first != self) {
+            (void)pause();
+        }
+        (void)raise(SIGKILL);
+    }
     (void)signal(SIGALRM, [](int) { (void)raise(SIGKILL); });
     sigset_t alarm_alone;
     sigemptyset(&alarm_alone);
@@ -234,6 +245,8 @@ void free_all_obj() {
 int run_daemon(int argc, char** argv) {
     // A starter that ignored SIGCHLD handed that down, and then no child could be waited for.
     (void)signal(SIGCHLD, SIG_DFL);
+    // The services ignore it as well, but the relays run before them, and may write to a pipe that nobody reads.
+    (void)signal(SIGPIPE, SIG_IGN);
     (void)raise_descriptor_limit(); // every waiting caller holds one; without it the daemon just serves fewer
     (void)environment_unset("LD_LIBRARY_PATH");
 

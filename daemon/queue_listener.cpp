@@ -1,8 +1,9 @@
 #include "queue_listener.h"
 
+#include "error_output.h"
+
 #include <cerrno>
 #include <csignal>
-#include <cstdio>
 #include <cstring>
 #include <sys/ipc.h>
 #include <sys/msg.h>
@@ -57,7 +58,9 @@ void T_MSGQ_service::recv_thread_create() {
     pthread_attr_init(&attr);
     pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_JOINABLE);
     pthread_sigmask(SIG_BLOCK, &stop_signals, &before);
-    started_ = pthread_create(&thread_, &attr, do_msg_recv, this) == 0;
+    if (pthread_create(&thread_, &attr, do_msg_recv, this) != 0) {
+        thread_ = {};
+    }
     pthread_sigmask(SIG_SETMASK, &before, nullptr);
     pthread_attr_destroy(&attr);
 }
@@ -66,9 +69,9 @@ void T_MSGQ_service::recv_thread_create() {
 void T_MSGQ_service::recv_thread_destroy() {
     announce_stop();
     remove_msgq();
-    if (started_) {
+    if (thread_ != pthread_t{}) {
         pthread_join(thread_, nullptr);
-        started_ = false;
+        thread_ = {};
     }
 }
 
@@ -92,7 +95,7 @@ void* T_MSGQ_service::do_msg_recv(void* self) {
             break;
         }
         // KEPT: the full-width colon (U+FF1A), and trying again at once.
-        (void)fprintf(stderr, "msgrcv Error：%s(%d), msgid:%d\n", strerror(error), error, service->id_);
+        print_error("msgrcv Error：%s(%d), msgid:%d\n", strerror(error), error, service->id_);
     }
     return nullptr;
 }

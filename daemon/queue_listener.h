@@ -46,13 +46,12 @@ private:
     [[nodiscard]] bool is_stopping() const;
     static void* do_msg_recv(void* self);
 
-    pthread_t thread_ = {};
+    pthread_t thread_ = {}; ///< No thread has the identity 0.
     unsigned long size_;
     int id_; ///< -1 when the queue could not be had.
     int key_;
     int stop_ = 0; ///< Written by the stopping thread, read by the receiving one: atomically.
     void (*callback_)(void*);
-    bool started_ = false;
 };
 
 #endif

@@ -1,6 +1,7 @@
 #include "relays.h"
 
 #include "environment.h"
+#include "error_output.h"
 #include "json_helpers.h"
 #include "kservice.h"
 #include "log.h"
@@ -152,7 +153,7 @@ void notify_handler(void* record) {
     json["evbus_extra_info"] = view.text(kExtraInfoOffset);
     const std::string text = json_write_compact(json);
     // KEPT: a trace of no use, the low half of an address; nothing reads it.
-    (void)fprintf(stderr, "str_publish_buf=[%d]  \n", static_cast<int>(reinterpret_cast<std::uintptr_t>(text.c_str())));
+    print_error("str_publish_buf=[%d]  \n", static_cast<int>(reinterpret_cast<std::uintptr_t>(text.c_str())));
     if (call_notify_service("notify_event", text, io.get()) != 0) {
         dbg_printf2("[%s][%d] eventlog_handler fail", __func__, __LINE__); // KEPT: the text names the other relay
     }

@@ -65,7 +65,7 @@ private:
 };
 
 void set_byte(uint8_t* byte, uint8_t value) {
-    __atomic_store_n(byte, value, __ATOMIC_RELEASE);
+    __atomic_store_n(byte, value, __ATOMIC_SEQ_CST);
 }
 
 // The service whose end depends on this thread.
@@ -284,6 +284,16 @@ void withdraw(service* self) {
     }
 }
 
+// A start's value of `paused`: what ks_pause() and ks_resume() last said. They take no lock, so one that comes
+// meanwhile is looked for once more; one that comes after that look writes the byte after us.
+void restore_pause(service* self) {
+    uint8_t requested = 0;
+    do {
+        requested = __atomic_load_n(&self->pause_requested, __ATOMIC_SEQ_CST);
+        set_byte(&self->handle.paused, requested);
+    } while (__atomic_load_n(&self->pause_requested, __ATOMIC_SEQ_CST) != requested);
+}
+
 // What a stop does first, under the lock, so that it cannot meet the next run. Safe in a signal handler.
 void request_stop(service* self) {
     self->stop_requested = true;
@@ -413,7 +423,7 @@ void ks_start(ks_handle* handle) {
         }
         // An earlier ks_stop() left both bytes set.
         ks::set_byte(&handle->stopping, 0);
-        ks::set_byte(&handle->paused, __atomic_load_n(&self->pause_requested, __ATOMIC_RELAXED));
+        ks::restore_pause(self);
         self->stop_requested = false;
         self->join_claimed = false;
         self->thread_mask = guard.mask_before();
@@ -450,13 +460,13 @@ void ks_start(ks_handle* handle) {
 
 void ks_pause(ks_handle* handle) {
     KS_REQUIRE(is_handle(handle), KS_HANDLE_TEXT, "cannot pause incorrect ks_handle %p", (void*)handle);
-    __atomic_store_n(&service_of(handle)->pause_requested, (uint8_t)1, __ATOMIC_RELAXED);
+    __atomic_store_n(&service_of(handle)->pause_requested, (uint8_t)1, __ATOMIC_SEQ_CST);
     ks::set_byte(&handle->paused, 1);
 }
 
 void ks_resume(ks_handle* handle) {
     KS_REQUIRE(is_handle(handle), KS_HANDLE_TEXT, "cannot resume incorrect ks_handle %p", (void*)handle);
-    __atomic_store_n(&service_of(handle)->pause_requested, (uint8_t)0, __ATOMIC_RELAXED);
+    __atomic_store_n(&service_of(handle)->pause_requested, (uint8_t)0, __ATOMIC_SEQ_CST);
     ks::set_byte(&handle->paused, 0);
 }
 

@@ -4,10 +4,9 @@
 // it takes nothing from the heap and no lock of the C library: ks_backtrace() makes the first backtrace() call, which
 // loads the unwinder; the report's object stands on the stack; symbol texts go straight from the loader's tables
 // into a memory file (backtrace_symbols_fd(3)), which is read back line by line; and lines are put together in buffers
-// on the stack. (A blank is put back between the symbol and its address, which only backtrace_symbols(3) writes.) What
-// is knowingly left: the unwinder reads a stack that may be damaged, and the loader's tables are read under its lock,
-// which a crash inside dlopen() itself would hold. A second fault then ends the process at once, because the
-// disposition resets itself.
+// on the stack. (add_frame() puts back what only backtrace_symbols(3) writes.) What is knowingly left: the unwinder
+// reads a stack that may be damaged, and the loader's tables are read under its lock, which a crash inside dlopen()
+// itself would hold. A second fault then ends the process at once, because the disposition resets itself.
 #include "internal.h"
 
 #include <cerrno>
@@ -25,7 +24,8 @@ namespace {
 constexpr int kFrames = 50;
 constexpr int kOwnFrames = 2; // the reporter's and ks_signal_handler()'s
 constexpr int kCrashSignals[] = {SIGABRT, SIGBUS, SIGFPE, SIGSEGV};
-constexpr size_t kLineSize = 960; // what a record of the kernel log surely holds
+constexpr size_t kLineSize = 8192;  // a path and a mangled name
+constexpr size_t kRecordSize = 960; // what a record of the kernel log surely holds
 
 void install(int signum, int flags, void (*handler)(int)) {
     struct sigaction action = {};
@@ -70,33 +70,51 @@ struct line_buffer {
     }
 };
 
+// Adds the text of a frame, "FILE(SYMBOL+0xOFFSET) [ADDRESS]". It comes without the blank, with an offset of "0x0"
+// where it should read "0", and without the parentheses when a program that is not relocated has no name for the place.
+void add_frame(line_buffer* line, const char* text, size_t length) {
+    const void* bracket = memrchr(text, '[', length);
+    size_t place = bracket != nullptr ? (size_t)(static_cast<const char*>(bracket) - text) : length;
+    const char* const address = text + place;
+    const size_t address_length = length - place;
+    constexpr char kNoOffset[] = "+0x0)";
+    constexpr size_t kNoOffsetLength = sizeof(kNoOffset) - 1;
+    const bool at_start =
+        place >= kNoOffsetLength && memcmp(address - kNoOffsetLength, kNoOffset, kNoOffsetLength) == 0;
+    const bool has_symbol = place > 0 && text[place - 1] == ')';
+    line->add(text, at_start ? place - kNoOffsetLength : place);
+    if (at_start) {
+        line->add("+0)");
+    } else if (place > 0 && !has_symbol) {
+        line->add("()");
+    }
+    if (place > 0 && address_length > 0) {
+        line->add(" ");
+    }
+    line->add(address, address_length);
+}
+
 // "%2d. %s\n" of each frame after our own, one symbol text a line of `symbols_fd`.
 void report_frames(int symbols_fd, ks_io* report) {
     (void)lseek(symbols_fd, 0, SEEK_SET);
-    line_buffer line = {};
+    line_buffer frame;
+    line_buffer line;
+    frame.size = 0;
     unsigned number = 1;
     char block[512];
-    bool fresh = true;
-    char last = '\0';
     for (ssize_t got = 0; (got = read(symbols_fd, block, sizeof(block))) > 0;) {
         for (ssize_t i = 0; i < got; ++i) {
-            if (fresh) {
-                line.size = 0;
-                line.add_number(number++, 2);
-                line.add(". ");
-                fresh = false;
-            }
-            if (last == ')' && block[i] == '[') {
-                line.add(" ");
-            }
-            last = block[i];
             if (block[i] != '\n') {
-                line.add(&block[i], 1);
+                frame.add(&block[i], 1);
                 continue;
             }
+            line.size = 0;
+            line.add_number(number++, 2);
+            line.add(". ");
+            add_frame(&line, frame.text, frame.size);
             line.end();
             (void)ks_io_write(report, line.text, line.size);
-            fresh = true;
+            frame.size = 0;
         }
     }
 }
@@ -106,9 +124,9 @@ void report_frames(int symbols_fd, ks_io* report) {
 void copy_lines(const char* text, size_t size, int log_fd) {
     while (size > 0) {
         size_t length = size;
-        if (length > kLineSize) {
-            const void* end = memrchr(text, '\n', kLineSize);
-            length = end != nullptr ? (size_t)(static_cast<const char*>(end) - text) + 1 : kLineSize;
+        if (length > kRecordSize) {
+            const void* end = memrchr(text, '\n', kRecordSize);
+            length = end != nullptr ? (size_t)(static_cast<const char*>(end) - text) + 1 : kRecordSize;
         }
         const ssize_t written = write(log_fd, text, length);
         if (written < 1) {

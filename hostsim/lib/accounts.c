@@ -2,7 +2,8 @@
  *
  * Knobs: "users", "groups", "members" = the names, one a line; a member "(null)" is an entry without a pointer.
  * "return" = result of every function, the list being made all the same. "no_block" = no list is made.
- * "member_list" = "static": the members' list is a variable of this library; "filled": it is written into the caller's. */
+ * "member_list" = "static": the members' list is a variable of this library; "filled": it is written into the caller's.
+ */
 #include "stand_in.h"
 
 #include <stdint.h>

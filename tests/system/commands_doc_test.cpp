@@ -3,6 +3,7 @@
 #include "command_document.h"
 #include "command_table.h"
 #include "daemon_process.h"
+#include "documented_calls.h"
 #include "host_tool.h"
 
 #include <gmock/gmock.h>
@@ -30,36 +31,6 @@ using testing::IsEmpty;
 
 constexpr const char* kRecords = "/var/lib/hostsim/calls";
 
-/// What the daemon made of one request. No text = it ended without a reply.
-using answer = std::optional<std::string>;
-
-answer send(const documented_command& command, const std::string& request) {
-    std::string reply;
-    const unsigned code = call_service(command.service.c_str(), command.name.c_str(), request, &reply, 30);
-    EXPECT_TRUE(code == KS_OK || code == KS_DISCONNECTED) << code;
-    return code == KS_OK ? answer(reply) : std::nullopt;
-}
-
-/// The example's reply with the newline that every reply on one line has.
-std::string example_reply(const documented_command& command) {
-    const bool indented = command.reply.find('\n') != std::string::npos;
-    return command.reply + (indented ? "" : "\n");
-}
-
-/// Whether a line of the entry tells of that answer.
-bool is_documented(const documented_command& command, const answer& got) {
-    if (!got) {
-        return !command.lines_of("No reply").empty() || !command.lines_of("No reply to").empty();
-    }
-    const auto replies = command.lines_of("Replies");
-    return std::any_of(replies.begin(), replies.end(),
-                       [&](const documented_line& line) { return fits(line.code.at(0) + "\n", *got); });
-}
-
-std::string shown(const answer& got) {
-    return got ? "reply " + *got : "no reply";
-}
-
 /// "`CODE`" at the beginning of `text`, behind `word`.
 std::optional<std::string> code_after(const std::string& text, const std::string& word) {
     if (!text.starts_with(word + "`")) {
@@ -67,61 +38,6 @@ std::optional<std::string> code_after(const std::string& text, const std::string
     }
     const std::size_t begin = word.size() + 1;
     return text.substr(begin, text.find('`', begin) - begin);
-}
-
-Json::Value parsed(const std::string& text) {
-    Json::Value value;
-    std::istringstream stream(text);
-    stream >> value;
-    return value;
-}
-
-std::string written(const Json::Value& value) {
-    Json::StreamWriterBuilder compact;
-    compact["indentation"] = "";
-    return Json::writeString(compact, value);
-}
-
-std::string with_newlines(std::string text) {
-    for (const auto& [escape, character] : {std::pair("\\n", "\n"), std::pair("\\t", "\t")}) {
-        for (std::size_t at = text.find(escape); at != std::string::npos; at = text.find(escape, at + 1)) {
-            text.replace(at, 2, character);
-        }
-    }
-    return text;
-}
-
-/// What "Given: file `PATH` ends with `TEXT`" and its like ask for; `text` is what follows the path.
-void provide(const documented_line& given) {
-    std::string rest = given.text;
-    const std::size_t begin = rest.find('`');
-    const std::string value =
-        begin == std::string::npos ? "" : with_newlines(rest.substr(begin + 1, rest.rfind('`') - begin - 1));
-    const std::string& path = given.code.at(0);
-    if (given.word == "Given: tool") {
-        host_tool(path).answers(value);
-    } else if (given.word == "Given: folder") {
-        fs::create_directories(path);
-    } else if (given.word == "Given: file") {
-        const std::string old = read_file(path);
-        write_file(path, old.ends_with(value) ? old : old + value);
-    } else { // "attribute `NAME` of `PATH` is `VALUE`"
-        const std::size_t second = rest.find('`', begin + 1);
-        const std::string file = rest.substr(begin + 1, second - begin - 1);
-        const std::size_t third = rest.find('`', second + 1) + 1;
-        const std::string attribute = rest.substr(third, rest.rfind('`') - third);
-        write_file(file, "");
-        ASSERT_EQ(setxattr(file.c_str(), path.c_str(), attribute.data(), attribute.size(), 0), 0)
-            << "trusted attributes are root's alone: run as root";
-    }
-}
-
-void provide_all(const documented_command& command) {
-    for (const char* word : {"Given: file", "Given: tool", "Given: attribute", "Given: folder"}) {
-        for (const documented_line& line : command.lines_of(word)) {
-            provide(line);
-        }
-    }
 }
 
 /// `text` with the request's values and the registry's in place of "<NAME>".
@@ -257,22 +173,6 @@ void expect_documented_traces(const documented_command& command) {
     }
 }
 
-struct documented_key {
-    std::string name;
-    std::string type; ///< Up to the first comma or blank.
-    bool required;    ///< Of the request itself, and without a default.
-};
-
-std::vector<documented_key> keys_of(const documented_command& command) {
-    std::vector<documented_key> keys;
-    for (const documented_line& line : command.lines_of("Key")) { // "`NAME` (TYPE…): what"
-        const std::string kind = line.text.substr(2, line.text.find(')') - 2);
-        keys.push_back({line.code.at(0), kind.substr(0, kind.find_first_of(", ")),
-                        kind == "string" || kind == "int" || kind == "array"});
-    }
-    return keys;
-}
-
 class CommandsDocumentTest : public testing::Test {
 protected:
     void SetUp() override {
@@ -356,11 +256,9 @@ TEST_F(CommandsDocumentTest, EveryKeyIsNeededInItsTypeAndTheExampleHasNoOthers) 
                 continue;
             }
             ASSERT_TRUE(example.isMember(key.name)) << key.name;
-            Json::Value request = example;
-            request.removeMember(key.name);
-            expect_refused(command, written(request));
-            request[key.name] = key.type == "string" ? Json::Value(1) : Json::Value("1");
-            expect_refused(command, written(request));
+            for (const std::string& request : requests_without(command, key)) {
+                expect_refused(command, request);
+            }
         }
         for (const std::string& name : example.getMemberNames()) {
             EXPECT_THAT(names, testing::Contains(name));

@@ -34,8 +34,8 @@ inline unsigned call_service(const char* service, const char* command, const std
 
 class daemon_process {
 public:
-    /// Starts the daemon; its standard streams go to files of folder().
-    explicit daemon_process(std::vector<std::string> arguments = {}) {
+    /// Starts the daemon; its standard streams go to files of folder(), the error stream to `error_output` if given.
+    explicit daemon_process(std::vector<std::string> arguments = {}, int error_output = -1) {
         arguments.insert(arguments.begin(), VEXPROD_PROGRAM);
         std::vector<char*> argv;
         argv.reserve(arguments.size() + 1);
@@ -52,7 +52,8 @@ public:
         if (pid_ == 0) {
             setenv("TSAN_OPTIONS", tsan_options.c_str(), 1);
             dup2(open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), STDOUT_FILENO);
-            dup2(open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), STDERR_FILENO);
+            dup2(error_output >= 0 ? error_output : open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600),
+                 STDERR_FILENO);
             execv(argv[0], argv.data());
             _exit(126);
         }

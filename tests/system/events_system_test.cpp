@@ -2,6 +2,7 @@
 #include "daemon_process.h"
 #include "notify_listener.h"
 #include "system_helpers.h"
+#include "unique_fd.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -11,6 +12,7 @@
 #include <array>
 #include <fstream>
 #include <sstream>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 
@@ -287,6 +289,25 @@ TEST_F(EventsSystemTest, AStoppedServiceWithoutRoomDelaysTheStopByOneCall) {
     stops_within(&daemon, kOneCall);
 }
 
+TEST_F(EventsSystemTest, AnErrorStreamThatNobodyReadsDelaysNeitherRelaysNorTheStop) {
+    int ends[2];
+    ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
+    const unique_fd unread(ends[0]);
+    unique_fd error_output(ends[1]);
+    daemon_process daemon({}, error_output.get());
+    error_output.reset();
+    ASSERT_TRUE(daemon.serves());
+    ASSERT_TRUE(post(kEventQueue, host_record(1, 2489))); // cannot be received, which is said over and over
+    ASSERT_TRUE(wait_until([&unread] {
+        int held = 0;
+        return ioctl(unread.get(), FIONREAD, &held) == 0 && held > 60000;
+    })) << "the pipe never filled up";
+    ASSERT_TRUE(post(kNotifyQueue, host_record::notification(1, 1, 1, "x"))); // says something as well
+    EXPECT_TRUE(wait_until([] { return count_of(read_file(kDaemonLog), "] eventlog_handler fail\n") == 1; }));
+    EXPECT_TRUE(answers_soon());
+    stops_within(&daemon, kOneCall);
+}
+
 TEST_F(EventsSystemTest, ARecordOfTheWrongSizeDoesNotKeepTheDaemonFromStopping) {
     daemon_process daemon;
     ASSERT_TRUE(daemon.serves());
@@ -353,6 +374,23 @@ TEST_F(EventsSystemTest, ACrashSignalLeavesTheStackInTheLogAndKillsTheDaemon) {
     daemon_process next;
     ASSERT_TRUE(next.serves());
     stops_within(&next, seconds(5));
+}
+
+TEST_F(EventsSystemTest, ACrashInTheDumpStillEndsInTheKill) {
+    for (const int signal : {SIGSEGV, SIGABRT}) {
+        // A sanitizer's library wants to be the first one, unless told otherwise.
+        const char* given = getenv("ASAN_OPTIONS");
+        const std::string asan_options = given != nullptr ? given : "";
+        setenv("ASAN_OPTIONS", (asan_options + ":verify_asan_link_order=0").c_str(), 1);
+        setenv("LD_PRELOAD", BROKEN_SYMBOLS, 1);
+        daemon_process daemon;
+        unsetenv("LD_PRELOAD");
+        setenv("ASAN_OPTIONS", asan_options.c_str(), 1);
+        ASSERT_TRUE(daemon.serves()) << daemon.standard_error();
+        const int status = daemon.stop(signal);
+        ASSERT_TRUE(WIFSIGNALED(status)) << status;
+        EXPECT_EQ(WTERMSIG(status), SIGKILL) << daemon.standard_error();
+    }
 }
 
 TEST_F(EventsSystemTest, ItsChildrenHaveNoSignalBlockedOrIgnored) {
