@@ -154,6 +154,34 @@ TEST_F(ControlScriptTest, DisableStopsThePackage) {
     EXPECT_TRUE(calls[0].env.empty());
 }
 
+TEST_F(ControlScriptTest, CommandsWithoutParametersTakeAnyRequest) {
+    struct plain_case {
+        handler_function handler;
+        const char* reply;
+    };
+    const plain_case cases[] = {
+        {hos_get_cfg_tvLounge_handler, "{\"error_code\":0,\"tvLounge_Status\":3}\n"},
+        {hos_get_platform_display_name_handler, "{\"platform_display_name\":\"Vex\",\"result\":0}\n"},
+        {hos_get_vpd_productnamed_handler, "{\"result\":0,\"vpd_productnamed\":\"VALUE\"}\n"},
+        {hos_get_vpd_eepkey_handler, "{\"result\":0,\"vpd_eepkey\":\"VALUE\"}\n"},
+        {hos_get_vpd_channel_handler, "{\"result\":0,\"vpd_channel\":\"VALUE\"}\n"},
+        {hos_is_generic_model_handler, "{\"is_generic\":1,\"result\":0}\n"},
+        {hos_system_is_VXB_model_handler, "{\"is_VXB_model\":0,\"result\":0}\n"},
+        {hos_system_call_vexpro_disable_handler, "{\"result\":0}\n"},
+        {hos_system_call_share_folder_renew_handler, "{\"result\":0}\n"},
+    };
+    write_file("/etc/kos.ui.cp.conf", "[CP_APP]\ntvLounge = 3\n");
+    write_file("/etc/platform.conf", "[MISC]\nDISPLAY_NAME = Vex\n");
+    write_file("/etc/IS_G", "");
+    hwctl.answers("field = VALUE\n");
+    for (const plain_case& each : cases) {
+        for (const char* request : {"", "{", "not json", "[]"}) {
+            EXPECT_EQ(ask(each.handler, request), each.reply) << request;
+        }
+    }
+    EXPECT_THAT(log(), testing::Not(testing::HasSubstr("input fail")));
+}
+
 TEST_F(ControlScriptTest, DisableReportsUnderItsDoubledName) {
     script.exits(1);
     EXPECT_EQ(ask(hos_system_call_vexpro_disable_handler),
