@@ -1,18 +1,16 @@
 // Sessions and accounts, asked over a real service, with the simulated host's login tool and libraries behind them.
 #include "ask.h"
+#include "handler_fixture.h"
 #include "handlers.h"
 #include "host_tool.h"
 #include "library_stand_in.h"
-#include "tool_fixture.h"
+#include "shortage.h"
 
 #include <gmock/gmock.h>
 
 namespace {
 
-constexpr const char* kInputError = "{\"error_code\":-1,\"error_msg\":\"input error\"}\n";
-constexpr const char* kParserFail = "{\"error_code\":-1,\"error_msg\":\"paser fail\"}\n";
-
-class LoginTest : public ToolFixture {
+class LoginTest : public HandlerTest {
 protected:
     host_tool zcli{"/sbin/zcli"};
 };
@@ -62,7 +60,7 @@ TEST_F(LoginTest, AnAnswerLongerThanOneReadIsReadWhole) {
 }
 
 TEST_F(LoginTest, WithoutTheToolALoginFails) {
-    std::filesystem::remove("/sbin/zcli");
+    programs.take_away("/sbin/zcli");
     EXPECT_EQ(ask(hos_get_sess_id_handler, R"({"user":"u","pwd":"p"})"),
               "{\"error_code\":-2,\"error_msg\":\"get_sess_id fail\"}\n");
 }
@@ -90,7 +88,27 @@ TEST_F(LoginTest, ABadRequestIsToldFromAFailedLogin) {
     EXPECT_EQ(ask(hos_get_sess_id_handler), kInputError);
     for (const char* text : {"{}", R"({"user":"u"})", R"({"pwd":"p"})", R"({"user":1,"pwd":"p"})",
                              R"({"user":"u","pwd":null})", "[]", "7"}) {
-        EXPECT_EQ(ask(hos_get_sess_id_handler, text), kParserFail) << text;
+        EXPECT_EQ(ask(hos_get_sess_id_handler, text), kPaserFail) << text;
+    }
+    EXPECT_TRUE(zcli.calls().empty());
+}
+
+int starved_login_handler(ks_io* io, int fd) {
+    const descriptor_shortage shortage;
+    return hos_get_sess_id_handler(io, fd);
+}
+
+TEST_F(LoginTest, WithoutAPipeToTheToolALoginFails) {
+    EXPECT_EQ(ask(starved_login_handler, R"({"user":"admin","pwd":"secret"})"),
+              "{\"error_code\":-2,\"error_msg\":\"get_sess_id fail\"}\n");
+    EXPECT_TRUE(zcli.calls().empty());
+}
+
+TEST_F(LoginTest, AnUnreadableRequestIsTraced) {
+    for (const char* text : {"", "{", R"({"user":"u","pwd":"p")"}) {
+        forget_log();
+        EXPECT_EQ(ask(hos_get_sess_id_handler, text), kInputError) << text;
+        EXPECT_EQ(logged(), strings{"[hos_get_sess_id_handler][N] ks_io input fail."}) << text;
     }
     EXPECT_TRUE(zcli.calls().empty());
 }
@@ -102,7 +120,7 @@ TEST_F(LoginTest, NoPasswordReachesTheLog) {
     EXPECT_THAT(log(), testing::Not(testing::HasSubstr("top-secret")));
 }
 
-class SessionTest : public ToolFixture {
+class SessionTest : public HandlerTest {
 protected:
     library_stand_in sessions{"/usr/lib/libhcore_nasauth.so.1.0.0"};
 };
@@ -132,7 +150,7 @@ TEST_F(SessionTest, AnyOtherResultOfTheLibraryIsAFailure) {
 
 TEST_F(SessionTest, TheLengthIsRequiredAndNotUsed) {
     sessions.set("user", "anna-with-a-long-name");
-    EXPECT_EQ(ask(hos_vex_auth_get_session_handler, R"({"type":3,"sid":"s1"})"), kParserFail);
+    EXPECT_EQ(ask(hos_vex_auth_get_session_handler, R"({"type":3,"sid":"s1"})"), kPaserFail);
     EXPECT_EQ(sessions.calls(), "");
     for (const char* text : {R"({"type":3,"length":0,"sid":"s1"})", R"({"type":3,"length":-5,"sid":"s1"})",
                              R"({"type":3,"length":2147483647,"sid":"s1"})"}) {
@@ -152,11 +170,25 @@ TEST_F(SessionTest, KeysOfAnotherTypeAreRefused) {
                              R"({"type":1.5,"user":"u","sid":"s"})", R"({"type":2147483648,"user":"u","sid":"s"})",
                              R"({"type":null,"user":"u","sid":"s"})", R"({"type":1,"user":2,"sid":"s"})",
                              R"({"type":1,"user":"u"})", "{}", "null"}) {
-        EXPECT_EQ(ask(hos_vex_auth_add_session_handler, text), kParserFail) << text;
+        EXPECT_EQ(ask(hos_vex_auth_add_session_handler, text), kPaserFail) << text;
     }
-    EXPECT_EQ(ask(hos_vex_auth_get_session_handler, R"({"type":1,"length":"64","sid":"s"})"), kParserFail);
+    for (const std::string wrong : {"\"64\"", "true", "1.5", "2147483648", "-2147483649", "null", "[64]"}) {
+        EXPECT_EQ(ask(hos_vex_auth_get_session_handler, R"({"type":1,"sid":"s","length":)" + wrong + "}"), kPaserFail)
+            << wrong;
+        EXPECT_EQ(ask(hos_vex_auth_get_session_handler, R"({"length":1,"sid":"s","type":)" + wrong + "}"), kPaserFail)
+            << wrong;
+    }
+    EXPECT_EQ(ask(hos_vex_auth_get_session_handler, R"({"type":1,"length":1,"sid":5})"), kPaserFail);
+    EXPECT_EQ(ask(hos_vex_auth_get_session_handler, R"({"type":1,"length":1})"), kPaserFail);
+    EXPECT_EQ(sessions.calls(), "");
+    EXPECT_EQ(log(), "");
+}
+
+TEST_F(SessionTest, AnUnreadableRequestIsTraced) {
     EXPECT_EQ(ask(hos_vex_auth_add_session_handler, "{"), kInputError);
     EXPECT_EQ(ask(hos_vex_auth_get_session_handler), kInputError);
+    EXPECT_EQ(logged(), (strings{"[hos_vex_auth_add_session_handler][N] ks_io input fail.",
+                                 "[hos_vex_auth_get_session_handler][N] ks_io input fail."}));
     EXPECT_EQ(sessions.calls(), "");
 }
 
@@ -180,7 +212,7 @@ TEST_F(SessionTest, WithoutTheFunctionOrTheLibraryTheCallFails) {
     both_fail();
 }
 
-class SmsConfigTest : public ToolFixture {
+class SmsConfigTest : public HandlerTest {
 protected:
     // A record as the library lays it out: four little-endian integers, then the texts.
     static std::string record(const std::string& texts) {
@@ -211,9 +243,9 @@ TEST_F(SmsConfigTest, ATextThatFillsItsFieldEndsThere) {
                   second + "\",\"result\":0,\"using_provider\":256}\n");
 }
 
-TEST_F(SmsConfigTest, TheLibrarysResultIsNotLookedAt) {
+TEST_F(SmsConfigTest, NeitherTheRequestNorTheLibrarysResultIsLookedAt) {
     config.set("return", "-1");
-    EXPECT_EQ(ask(hos_get_sms_config_handler),
+    EXPECT_EQ(ask(hos_get_sms_config_handler, "not json"),
               "{\"country\":\"Iceland\",\"country_code\":\"354\",\"max_provider\":4,\"mode\":1,\"now_provider\":2,"
               "\"phone1\":\"5550100\",\"phone2\":\"5550101\",\"result\":0,\"using_provider\":1}\n");
 }
@@ -227,9 +259,9 @@ TEST_F(SmsConfigTest, WithoutTheFunctionOrTheLibraryTheCallFails) {
 }
 
 // One library for the three lists.
-class AccountListTest : public ToolFixture {
+class AccountListTest : public HandlerTest {
 protected:
-    void all_fail() const {
+    void all_fail() {
         EXPECT_EQ(ask(hos_get_all_users_handler), "{\"error_msg\":\"hos_get_all_users_handler fail\",\"result\":-1}\n");
         EXPECT_EQ(ask(hos_get_all_groups_handler),
                   "{\"error_msg\":\"hos_get_all_groups_handler fail\",\"result\":-1}\n");
@@ -328,6 +360,16 @@ TEST_F(AccountListTest, KeptMembersAreToldToExistAndNotNamed) {
     EXPECT_FALSE(accounts.is_open());
 }
 
+TEST_F(AccountListTest, TheListsTakeNoRequest) {
+    accounts.set("users", "a\n");
+    accounts.set("groups", "b\n");
+    for (const char* text : {"", "{", "not json", "[]"}) {
+        EXPECT_EQ(ask(hos_get_all_users_handler, text), "{\"local_count\":1,\"result\":0,\"user_list\":[\"a\"]}\n");
+        EXPECT_EQ(ask(hos_get_all_groups_handler, text), "{\"group_list\":[\"b\"],\"local_count\":1,\"result\":0}\n");
+    }
+    EXPECT_EQ(log(), "");
+}
+
 TEST_F(AccountListTest, ANegativeResultIsAFailureAlsoWithABlock) {
     accounts.set("return", "-1");
     all_fail();
@@ -350,8 +392,9 @@ TEST_F(AccountListTest, WithoutTheLibraryTheCallsFail) {
 
 TEST_F(AccountListTest, AGroupIsRequired) {
     EXPECT_EQ(ask(hos_get_group_members_handler), kInputError);
+    EXPECT_EQ(logged(), strings{"[hos_get_group_members_handler][N] ks_io input fail."});
     for (const char* text : {"{}", R"({"group_name":5})", R"({"group_name":null})", "[]"}) {
-        EXPECT_EQ(ask(hos_get_group_members_handler, text), kParserFail) << text;
+        EXPECT_EQ(ask(hos_get_group_members_handler, text), kPaserFail) << text;
     }
     EXPECT_EQ(accounts.calls(), "");
 }

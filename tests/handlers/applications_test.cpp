@@ -1,8 +1,9 @@
 // Package programs, asked over a real service, with the simulated host's script and tool behind them.
 #include "ask.h"
+#include "handler_fixture.h"
 #include "handlers.h"
 #include "host_tool.h"
-#include "tool_fixture.h"
+#include "shortage.h"
 
 #include <gmock/gmock.h>
 
@@ -10,7 +11,7 @@
 
 namespace {
 
-class InstallAppTest : public ToolFixture {
+class InstallAppTest : public HandlerTest {
 protected:
     host_tool script{"/share/ZpkgCenter/script/operate_zpkgcenter_app.sh"};
     host_tool root_script{"/script/operate_zpkgcenter_app.sh"};
@@ -29,17 +30,54 @@ TEST_F(InstallAppTest, TheScriptInstallsThePackageFile) {
     EXPECT_TRUE(kept_files().empty());
 }
 
-TEST_F(InstallAppTest, TheRunIsTraced) {
+// The whole log of a run, the line feed at the end of the output included.
+strings install_log(const std::string& outcome) {
+    return {"[hos_install_app_handler][N] argv[0] = [operate_zpkgcenter_app.sh]",
+            "[hos_install_app_handler][N] argv[1] = [install]",
+            "[hos_install_app_handler][N] argv[2] = [/tmp/a b.zpkg]",
+            "[hos_install_app_handler][N] argv[3] = [(null)]",
+            "[hos_install_app_handler][N] exec /share/ZpkgCenter/script/operate_zpkgcenter_app.sh " + outcome,
+            "]"};
+}
+
+TEST_F(InstallAppTest, TheRunIsTracedOnceAndInOrder) {
     script.answers("done\n");
     (void)ask(hos_install_app_handler, kInstall);
-    EXPECT_THAT(log(), testing::ContainsRegex("\\[hos_install_app_handler\\]\\[[0-9]+\\] argv\\[0\\] = "
-                                              "\\[operate_zpkgcenter_app.sh\\]\n.*"));
-    EXPECT_THAT(log(), testing::ContainsRegex("\\]\\[[0-9]+\\] argv\\[1\\] = \\[install\\]\n"));
-    EXPECT_THAT(log(), testing::ContainsRegex("\\]\\[[0-9]+\\] argv\\[2\\] = \\[/tmp/a b.zpkg\\]\n"));
-    EXPECT_THAT(log(), testing::ContainsRegex("\\]\\[[0-9]+\\] argv\\[3\\] = \\[\\(null\\)\\]\n"));
-    EXPECT_THAT(log(), testing::ContainsRegex("\\[hos_install_app_handler\\]\\[[0-9]+\\] exec "
-                                              "/share/ZpkgCenter/script/operate_zpkgcenter_app.sh succ, "
-                                              "ret_out=\\[done\n\\]\n"));
+    EXPECT_EQ(logged(), install_log("succ, ret_out=[done"));
+    script.answers("disk full\n").exits(4);
+    forget_log();
+    (void)ask(hos_install_app_handler, kInstall);
+    EXPECT_EQ(logged(), install_log("failed, ret_out=[disk full"));
+}
+
+TEST_F(InstallAppTest, WhatTheScriptComplainsOfIsDiscarded) {
+    script.complains("not wanted").answers("done\n");
+    EXPECT_EQ(ask(hos_install_app_handler, kInstall), kInstalled);
+    EXPECT_EQ(logged(), install_log("succ, ret_out=[done"));
+    script.exits(4);
+    forget_log();
+    EXPECT_EQ(ask(hos_install_app_handler, kInstall), std::nullopt);
+    EXPECT_EQ(logged(), install_log("failed, ret_out=[done"));
+}
+
+TEST_F(InstallAppTest, AScriptThatIsKilledGivesNoReplyAndLeavesItsOutput) {
+    script.answers("half\n").dies_by(SIGKILL);
+    EXPECT_EQ(ask(hos_install_app_handler, kInstall), std::nullopt);
+    EXPECT_EQ(logged(), install_log("failed, ret_out=[half"));
+    ASSERT_EQ(kept_files().size(), 1U);
+    EXPECT_EQ(read_file(kept_files()[0]), "half\n");
+}
+
+int install_without_temporary_files(ks_io* io, int fd) {
+    run_without_temporary_files([&] { (void)hos_install_app_handler(io, fd); });
+    return 0;
+}
+
+TEST_F(InstallAppTest, WithoutATemporaryFileNothingRunsAndThereIsNoReply) {
+    EXPECT_EQ(ask(install_without_temporary_files, kInstall), std::nullopt);
+    EXPECT_EQ(logged().back(), "[hos_install_app_handler][N] exec /share/ZpkgCenter/script/operate_zpkgcenter_app.sh "
+                               "failed, ret_out=[]");
+    EXPECT_TRUE(script.calls().empty());
 }
 
 TEST_F(InstallAppTest, KeptTheDaemonsOwnEnvironmentIsMarkedAndTheScriptsIsNot) {
@@ -138,11 +176,11 @@ TEST_F(InstallAppTest, TheScriptsPathIsCutTo1023Characters) {
     EXPECT_THAT(log(), testing::HasSubstr("exec " + fits + "f/script/operate_zpkgcenter_app.s failed"));
 }
 
-class AgentCliTest : public ToolFixture {
+class AgentCliTest : public HandlerTest {
 protected:
     void SetUp() override {
-        ToolFixture::SetUp();
-        write_file("/etc/config/zpkg.conf", "[VexHubServer]\nInstall_Path = /share/VexHubServer\n");
+        HandlerTest::SetUp();
+        registry("[VexHubServer]\nInstall_Path = /share/VexHubServer\n");
     }
     static constexpr const char* kToolName = "share/VexHubServer/ext_service/ExtVexCloudAgent/vex_agent_cli";
     static constexpr const char* kNotThere = "{\"error_msg\":\"vex_agent_cli_path does not exist\",\"result\":-4}\n";
@@ -188,8 +226,32 @@ TEST_F(AgentCliTest, KeptAFailedToolShowsInItsRawStatusAlone) {
     EXPECT_TRUE(kept_files().empty());
 }
 
+TEST_F(AgentCliTest, WhatTheToolComplainsOfIsDiscarded) {
+    agent.complains("not wanted").answers("fine");
+    EXPECT_EQ(ask(vex_agent_cli_handler, R"({"opt":["x"]})"),
+              "{\"cli_ret\":0,\"result\":0,\"result_out\":\"ZmluZQ==\"}\n");
+    EXPECT_EQ(logged(), (strings{"[vex_agent_cli_handler] args=[x,], ", "[vex_agent_cli_handler] ret=[0][fine]"}));
+    agent.exits(1);
+    forget_log();
+    EXPECT_EQ(ask(vex_agent_cli_handler, R"({"opt":["x"]})"),
+              "{\"cli_ret\":256,\"result\":0,\"result_out\":\"ZmluZQ==\"}\n");
+    EXPECT_EQ(logged(), (strings{"[vex_agent_cli_handler] args=[x,], ", "[vex_agent_cli_handler] ret=[256][fine]"}));
+}
+
+int agent_without_temporary_files(ks_io* io, int fd) {
+    run_without_temporary_files([&] { (void)vex_agent_cli_handler(io, fd); });
+    return 0;
+}
+
+TEST_F(AgentCliTest, WithoutATemporaryFileNothingRunsWhichShowsInTheStatusAlone) {
+    EXPECT_EQ(ask(agent_without_temporary_files, R"({"opt":["x"]})"),
+              "{\"cli_ret\":-1,\"result\":0,\"result_out\":\"\"}\n");
+    EXPECT_EQ(logged(), (strings{"[vex_agent_cli_handler] args=[x,], ", "[vex_agent_cli_handler] ret=[-1][]"}));
+    EXPECT_TRUE(agent.calls().empty());
+}
+
 TEST_F(AgentCliTest, AToolThatCannotBeExecutedShowsInItsRawStatusAlone) {
-    ASSERT_EQ(::chmod(agent.path().c_str(), 0644), 0);
+    programs.replace_by_plain_file(agent.path());
     EXPECT_EQ(ask(vex_agent_cli_handler, "{}"), "{\"cli_ret\":32512,\"result\":0,\"result_out\":\"\"}\n");
 }
 
@@ -210,7 +272,7 @@ TEST_F(AgentCliTest, AnUnreadableRequestIsAnInputErrorInTheResult) {
 }
 
 TEST_F(AgentCliTest, AToolThatIsNotThereIsToldBeforeTheRequestIsLookedAt) {
-    std::filesystem::remove(agent.path());
+    programs.take_away(agent.path());
     for (const char* text : {R"({"opt":["status"]})", "{", ""}) {
         EXPECT_EQ(ask(vex_agent_cli_handler, text), kNotThere) << text;
     }
@@ -221,7 +283,7 @@ TEST_F(AgentCliTest, AToolThatIsNotThereIsToldBeforeTheRequestIsLookedAt) {
 }
 
 TEST_F(AgentCliTest, WithoutAnInstallPathThereIsNoTool) {
-    write_file("/etc/config/zpkg.conf", "[VexHubServer]\nOther = 1\n");
+    registry("[VexHubServer]\nOther = 1\n");
     EXPECT_EQ(ask(vex_agent_cli_handler, "not json"), kNotThere);
     EXPECT_THAT(log(), testing::ContainsRegex("\\]\\[[0-9]+\\] vex_agent_cli_path does not exist: \n"));
     EXPECT_THAT(log(), testing::Not(testing::HasSubstr("ks_io input fail")));

@@ -8,6 +8,7 @@
 
 #include <filesystem>
 #include <string>
+#include <sys/stat.h>
 
 namespace fs = std::filesystem;
 
@@ -75,6 +76,29 @@ TEST_F(BanListTest, ServersThatDoNotReloadAreNotTheCallersFailure) {
     tunnel.exits(1);
     EXPECT_EQ(ask(hos_update_ip_ban_list_handler, R"({"ip_list":"192.0.2.1"})"), "{\"result\":0}\n");
     EXPECT_EQ(tunnel.calls().size(), 1U);
+}
+
+TEST_F(BanListTest, TheListIsWrittenBeforeTheWebServerAndThenTheTunnelAreReloaded) {
+    fs::remove("/tmp/reloads");
+    for (const std::string& path : {web_server.path(), tunnel.path()}) {
+        programs.replace_by_script(path,
+                                   "echo $0 $(/usr/bin/wc -c < " + std::string(kBanListFile) + ") >> /tmp/reloads");
+    }
+    EXPECT_EQ(ask(hos_update_ip_ban_list_handler, R"({"ip_list":"192.0.2.1"})"), "{\"result\":0}\n");
+    ASSERT_EQ(fs::file_size(kBanListFile), 91U);
+    EXPECT_EQ(read_file("/tmp/reloads"), "/usr/local/apache/bin/apache_proxy 91\n"
+                                         "/etc/init.d/stunnel.sh 91\n");
+}
+
+TEST_F(BanListTest, AListThatWasNotThereIsMadeForAllToRead) {
+    fs::remove(kBanListFile);
+    const mode_t before = umask(0);
+    EXPECT_EQ(ask(hos_update_ip_ban_list_handler, R"({"ip_list":""})"), "{\"result\":0}\n");
+    (void)umask(before);
+    EXPECT_EQ(read_file(kBanListFile), "<LocationMatch \"/.*\">\norder allow,deny\nallow from all\n</LocationMatch>\n");
+    struct stat status = {};
+    ASSERT_EQ(lstat(kBanListFile, &status), 0);
+    EXPECT_EQ(status.st_mode, static_cast<mode_t>(S_IFREG | 0644));
 }
 
 TEST_F(BanListTest, AFileThatCannotBeWrittenFailsAndReloadsNothing) {

@@ -1,17 +1,16 @@
 // The cloud's messaging tunnel, asked over a real service, with the simulated host's tool behind it.
 #include "ask.h"
+#include "handler_fixture.h"
 #include "handlers.h"
 #include "host_tool.h"
-#include "tool_fixture.h"
 
 #include <gmock/gmock.h>
 
 namespace {
 
-constexpr const char* kParserFail = "{\"error_code\":-1,\"error_msg\":\"paser fail\"}\n";
 constexpr const char* kToolName = "usr/local/bin/nimbo_tunnel_agent_tool";
 
-class CloudTunnelTest : public ToolFixture {
+class CloudTunnelTest : public HandlerTest {
 protected:
     // A request with all five keys, the command being `command`.
     static std::string request(const std::string& command) {
@@ -56,9 +55,13 @@ TEST_F(CloudTunnelTest, EveryKeyIsRequiredForEveryCommand) {
           R"({"command":"get_url","package_name":"","callback_path":"","reg_id":""})",
           R"({"mode":"","package_name":"","callback_path":"","reg_id":""})",
           R"({"command":"get_url","mode":1,"package_name":"","callback_path":"","reg_id":""})",
+          R"({"command":"get_url","mode":"","package_name":2,"callback_path":"","reg_id":""})",
+          R"({"command":"get_url","mode":"","package_name":"","callback_path":true,"reg_id":""})",
+          R"({"command":"get_url","mode":"","package_name":"","callback_path":"","reg_id":["r"]})",
+          R"({"command":"get_url","mode":"","package_name":"","callback_path":"","reg_id":null})",
           R"({"command":null,"mode":"","package_name":"","callback_path":"","reg_id":""})", "{}", "[]",
           "\"get_url\""}) {
-        EXPECT_EQ(ask(hos_system_call_cloud_ncm_tunnel_agent_handler, text), kParserFail) << text;
+        EXPECT_EQ(ask(hos_system_call_cloud_ncm_tunnel_agent_handler, text), kPaserFail) << text;
     }
     EXPECT_TRUE(tool.calls().empty());
     EXPECT_EQ(log(), "");
@@ -66,7 +69,7 @@ TEST_F(CloudTunnelTest, EveryKeyIsRequiredForEveryCommand) {
 
 TEST_F(CloudTunnelTest, AnUnreadableRequestEndsAsAParserFailure) {
     for (const char* text : {"", "get_url", R"({"command":"get_url")"}) {
-        EXPECT_EQ(ask(hos_system_call_cloud_ncm_tunnel_agent_handler, text), kParserFail) << text;
+        EXPECT_EQ(ask(hos_system_call_cloud_ncm_tunnel_agent_handler, text), kPaserFail) << text;
     }
     EXPECT_THAT(log(), testing::ContainsRegex(
                            R"(\[hos_system_call_cloud_ncm_tunnel_agent_handler\]\[[0-9]+\] ks_io input fail\.)"));
@@ -86,18 +89,23 @@ TEST_F(CloudTunnelTest, AToolThatFailsIsAFailureOfTheHandler) {
     tool.answers("output").exits(2);
     EXPECT_EQ(ask(hos_system_call_cloud_ncm_tunnel_agent_handler, request("get_url")),
               "{\"error_msg\":\"hos_system_call_cloud_ncm_tunnel_agent_handler fail\",\"result\":-1}\n");
-    std::filesystem::remove(tool.path());
+    programs.take_away(tool.path());
     EXPECT_EQ(ask(hos_system_call_cloud_ncm_tunnel_agent_handler, request("get_url")),
               "{\"error_msg\":\"hos_system_call_cloud_ncm_tunnel_agent_handler fail\",\"result\":-1}\n");
     EXPECT_TRUE(kept_files().empty());
 }
 
 TEST_F(CloudTunnelTest, AFileThatCannotBeRemovedIsTraced) {
-    replace_by_script(tool.path(), "/bin/rm -f /tmp/vexprod-*");
+    programs.replace_by_script(tool.path(), "/bin/rm -f /tmp/vexprod-*");
     EXPECT_EQ(ask(hos_system_call_cloud_ncm_tunnel_agent_handler, request("get_url")),
               "{\"cli_ret\":0,\"result\":0,\"result_out\":\"\"}\n");
-    EXPECT_THAT(log(), testing::ContainsRegex("\\[hos_system_call_cloud_ncm_tunnel_agent_handler\\]\\[[0-9]+\\] remove "
-                                              "tmpfile:\\[/tmp/vexprod-[^]]+\\] fail\\.\n"));
+    programs.replace_by_script(tool.path(), "/bin/rm -f /tmp/vexprod-*; exit 3");
+    EXPECT_EQ(ask(hos_system_call_cloud_ncm_tunnel_agent_handler, request("get_url")),
+              failure("hos_system_call_cloud_ncm_tunnel_agent_handler"));
+    EXPECT_THAT(logged(), testing::AllOf(testing::SizeIs(2),
+                                         testing::Each(testing::MatchesRegex(
+                                             "\\[hos_system_call_cloud_ncm_tunnel_agent_handler\\]\\[N\\] remove "
+                                             "tmpfile:\\[/tmp/vexprod-[A-Za-z0-9]+\\] fail\\."))));
 }
 
 } // namespace

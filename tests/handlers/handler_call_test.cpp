@@ -1,7 +1,6 @@
 #include "ask.h"
 #include "handler_call.h"
-#include "log.h"
-#include "test_files.h"
+#include "handler_fixture.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -30,18 +29,15 @@ int failing_handler(ks_io* io, int /*fd*/) {
     return call.send();
 }
 
-class HandlerCallTest : public testing::Test {
+class HandlerCallTest : public HandlerTest {
 protected:
     void SetUp() override {
+        HandlerTest::SetUp();
         taken_first.clear();
         taken_second.clear();
         taken_number = 0;
         actions = 0;
-        ASSERT_NE(getenv("HOSTSIM"), nullptr);
-        log_set_dir("/tmp/handler-log");
-        (void)unlink(kLog);
     }
-    static constexpr const char* kLog = "/tmp/handler-log/.lyn_ks_vexprod.log";
 };
 
 TEST_F(HandlerCallTest, TakesEveryKeyAndAnswersResultZero) {
@@ -53,31 +49,29 @@ TEST_F(HandlerCallTest, TakesEveryKeyAndAnswersResultZero) {
 }
 
 TEST_F(HandlerCallTest, AnEmptyRequestIsAnInputErrorAndTraced) {
-    EXPECT_EQ(ask(two_strings_handler), "{\"error_code\":-1,\"error_msg\":\"input error\"}\n");
+    EXPECT_EQ(ask(two_strings_handler), kInputError);
     EXPECT_EQ(actions, 0);
-    EXPECT_THAT(read_file(kLog), testing::ContainsRegex(R"(\[two_strings_handler\]\[[0-9]+\] ks_io input fail\.)"));
+    EXPECT_EQ(logged(), strings{"[two_strings_handler][N] ks_io input fail."});
 }
 
 TEST_F(HandlerCallTest, TextThatIsNotJsonIsAnInputError) {
     for (const char* text : {"{", "first=a", "\xff\xfe", "[1,2", "nul"}) {
-        EXPECT_EQ(ask(two_strings_handler, text), "{\"error_code\":-1,\"error_msg\":\"input error\"}\n") << text;
+        EXPECT_EQ(ask(two_strings_handler, text), kInputError) << text;
     }
 }
 
 TEST_F(HandlerCallTest, NestingTooDeepForTheReaderIsAnInputError) {
-    EXPECT_EQ(ask(two_strings_handler, std::string(100000, '[')),
-              "{\"error_code\":-1,\"error_msg\":\"input error\"}\n");
+    EXPECT_EQ(ask(two_strings_handler, std::string(100000, '[')), kInputError);
 }
 
 TEST_F(HandlerCallTest, JsonThatIsNoObjectIsAParserFailure) {
     for (const char* text : {"[]", "1", "\"first\"", "null", "true", "[{\"first\":\"a\"}]"}) {
-        EXPECT_EQ(ask(two_strings_handler, text), "{\"error_code\":-1,\"error_msg\":\"paser fail\"}\n") << text;
+        EXPECT_EQ(ask(two_strings_handler, text), kPaserFail) << text;
     }
 }
 
 TEST_F(HandlerCallTest, OneMissingKeyRefusesTheRequestAfterTheOthersWereTaken) {
-    EXPECT_EQ(ask(two_strings_handler, R"({"second":"b","number":3})"),
-              "{\"error_code\":-1,\"error_msg\":\"paser fail\"}\n");
+    EXPECT_EQ(ask(two_strings_handler, R"({"second":"b","number":3})"), kPaserFail);
     EXPECT_EQ(taken_second, "b");
     EXPECT_EQ(taken_number, 3);
     EXPECT_EQ(actions, 0);
@@ -88,7 +82,7 @@ TEST_F(HandlerCallTest, AKeyOfAnotherTypeOrNullRefusesTheRequest) {
          {R"({"first":1,"second":"b","number":3})", R"({"first":"a","second":null,"number":3})",
           R"({"first":"a","second":"b","number":"3"})", R"({"first":"a","second":"b","number":true})",
           R"({"first":"a","second":"b","number":1.5})", R"({"first":"a","second":"b","number":5000000000})"}) {
-        EXPECT_EQ(ask(two_strings_handler, text), "{\"error_code\":-1,\"error_msg\":\"paser fail\"}\n") << text;
+        EXPECT_EQ(ask(two_strings_handler, text), kPaserFail) << text;
     }
 }
 

@@ -1,15 +1,20 @@
-// What tests of handlers share: the daemon's log, as lines that do not depend on the clock or on source lines.
+// What tests of handlers share: a host that earlier tests left no trace in, the daemon's log as lines that do not
+// depend on the clock or on source lines, programs to put in the place of the host's, and the temporary files that are
+// left.
 #ifndef VEXPROD_TESTS_HANDLERS_HANDLER_FIXTURE_H
 #define VEXPROD_TESTS_HANDLERS_HANDLER_FIXTURE_H
 
+#include "displaced_files.h"
 #include "log.h"
 #include "test_files.h"
 
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <filesystem>
 #include <sstream>
 #include <string>
+#include <unistd.h>
 #include <vector>
 
 using strings = std::vector<std::string>;
@@ -17,25 +22,59 @@ using strings = std::vector<std::string>;
 inline const std::string kInputError = "{\"error_code\":-1,\"error_msg\":\"input error\"}\n";
 inline const std::string kPaserFail = "{\"error_code\":-1,\"error_msg\":\"paser fail\"}\n";
 
+/// The reply of `handler` whose host action failed.
+inline std::string failure(const std::string& handler) {
+    return "{\"error_msg\":\"" + handler + " fail\",\"result\":-1}\n";
+}
+
 class HandlerTest : public testing::Test {
 protected:
     void SetUp() override {
         ASSERT_NE(std::getenv("HOSTSIM"), nullptr) << "these tests write to the host's fixed paths";
-        log_set_dir("/tmp/handler-log");
+        log_set_dir(kLogFolder);
         forget_log();
+        remove_kept_files();
+        (void)unsetenv("ZPKGD"); // a handler sets it for good
     }
 
-    static void forget_log() { (void)unlink("/tmp/handler-log/.lyn_ks_vexprod.log"); }
-
+    static void forget_log() { (void)unlink(kLog); }
+    /// The log as it is.
+    static std::string log() { return read_file(kLog); }
     /// The messages logged since, in order: without process and time, and with N for the source line.
     static strings logged() {
-        std::istringstream log(read_file("/tmp/handler-log/.lyn_ks_vexprod.log"));
+        std::istringstream stream(log());
         strings messages;
-        for (std::string line; std::getline(log, line);) {
+        for (std::string line; std::getline(stream, line);) {
             messages.push_back(without_line(without_stamp(line)));
         }
         return messages;
     }
+
+    /// The temporary files that are there.
+    static strings kept_files() {
+        strings found;
+        for (const auto& entry : std::filesystem::directory_iterator("/tmp")) {
+            if (entry.is_regular_file() && entry.path().filename().string().starts_with("vexprod-")) {
+                found.push_back(entry.path().string());
+            }
+        }
+        return found;
+    }
+    static void remove_kept_files() {
+        for (const std::string& file : kept_files()) {
+            std::filesystem::remove(file);
+        }
+    }
+
+    static void registry(const std::string& text) { write_file("/etc/config/zpkg.conf", text); }
+
+    /// Programs that are not the host's own while the test runs.
+    displaced_files programs;
+
+private:
+    // Not in /tmp, which some tests make unwritable.
+    static constexpr const char* kLogFolder = "/var/log/handler-test";
+    static constexpr const char* kLog = "/var/log/handler-test/.lyn_ks_vexprod.log";
 
     /// "[00042] [Sun Nov 15 11:36:48 ] message" gives "message"; the second line of a message stays as it is.
     static std::string without_stamp(const std::string& line) {
@@ -44,15 +83,14 @@ protected:
     }
     /// "[function][57] text" gives "[function][N] text".
     static std::string without_line(const std::string& message) {
-        const std::size_t start = message.find("][");
-        const std::size_t end = start == std::string::npos ? start : message.find(']', start + 2);
-        if (message.rfind('[', 0) != 0 || end == std::string::npos) {
+        const std::size_t start = message.find(']');
+        if (message.rfind('[', 0) != 0 || start == std::string::npos || message.compare(start, 2, "][") != 0) {
             return message;
         }
-        return message.substr(0, start + 2) + "N" + message.substr(end);
+        const std::size_t end = message.find_first_not_of("0123456789", start + 2);
+        const bool is_number = end != std::string::npos && end > start + 2 && message[end] == ']';
+        return is_number ? message.substr(0, start + 2) + "N" + message.substr(end) : message;
     }
-
-    static void registry(const std::string& text) { write_file("/etc/config/zpkg.conf", text); }
 };
 
 #endif

@@ -1,8 +1,7 @@
 #include "ask.h"
+#include "handler_fixture.h"
 #include "handlers.h"
 #include "host_tool.h"
-#include "log.h"
-#include "test_files.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -13,20 +12,10 @@
 
 namespace {
 
-using strings = std::vector<std::string>;
-
 constexpr const char* kControlScript = "/share/VexHubServer/VexHubServer.sh";
-constexpr const char* kLog = "/tmp/handler-log/.lyn_ks_vexprod.log";
 
-class HostQueryTest : public testing::Test {
+class HostQueryTest : public HandlerTest {
 protected:
-    void SetUp() override {
-        ASSERT_NE(getenv("HOSTSIM"), nullptr) << "these tests write to the host's fixed paths";
-        log_set_dir("/tmp/handler-log");
-        (void)unlink(kLog);
-    }
-    static void registry(const std::string& text) { write_file("/etc/config/zpkg.conf", text); }
-
     host_tool cfgread{"/sbin/cfgread"};
     host_tool hwctl{"/sbin/hwctl"};
 };
@@ -135,15 +124,15 @@ TEST_F(HostQueryTest, ProductDataGettersReadTheHostsOwnAnswer) {
 TEST_F(HostQueryTest, AGenericModelIsToldByTheMarkFile) {
     (void)unlink("/etc/IS_G");
     EXPECT_EQ(ask(hos_is_generic_model_handler), "{\"is_generic\":0,\"result\":-1}\n");
-    EXPECT_THAT(read_file(kLog), testing::ContainsRegex(R"(\[hos_is_generic_model_handler\]\[[0-9]+\] normal\.)"));
+    EXPECT_THAT(logged(), testing::Contains("[hos_is_generic_model_handler][N] normal."));
     write_file("/etc/IS_G", "");
     EXPECT_EQ(ask(hos_is_generic_model_handler), "{\"is_generic\":1,\"result\":0}\n");
-    EXPECT_THAT(read_file(kLog), testing::ContainsRegex(R"(\[hos_is_generic_model_handler\]\[[0-9]+\] is generic\.)"));
+    EXPECT_THAT(logged(), testing::Contains("[hos_is_generic_model_handler][N] is generic."));
 }
 
 TEST_F(HostQueryTest, ThisBuildIsNeverTheApplianceModel) {
     EXPECT_EQ(ask(hos_system_is_VXB_model_handler), "{\"is_VXB_model\":0,\"result\":0}\n");
-    EXPECT_THAT(read_file(kLog), testing::ContainsRegex(R"(\[hos_system_is_VXB_model_handler\]\[[0-9]+\] normal\.)"));
+    EXPECT_THAT(logged(), testing::Contains("[hos_system_is_VXB_model_handler][N] normal."));
 }
 
 // The control script: a recording tool at a path that the registry names.
@@ -163,6 +152,34 @@ TEST_F(ControlScriptTest, DisableStopsThePackage) {
     EXPECT_EQ(calls[0].argv.back(), "force_stop");
     EXPECT_EQ(calls[0].argv.size(), 2U);
     EXPECT_TRUE(calls[0].env.empty());
+}
+
+TEST_F(ControlScriptTest, CommandsWithoutParametersTakeAnyRequest) {
+    struct plain_case {
+        handler_function handler;
+        const char* reply;
+    };
+    const plain_case cases[] = {
+        {hos_get_cfg_tvLounge_handler, "{\"error_code\":0,\"tvLounge_Status\":3}\n"},
+        {hos_get_platform_display_name_handler, "{\"platform_display_name\":\"Vex\",\"result\":0}\n"},
+        {hos_get_vpd_productnamed_handler, "{\"result\":0,\"vpd_productnamed\":\"VALUE\"}\n"},
+        {hos_get_vpd_eepkey_handler, "{\"result\":0,\"vpd_eepkey\":\"VALUE\"}\n"},
+        {hos_get_vpd_channel_handler, "{\"result\":0,\"vpd_channel\":\"VALUE\"}\n"},
+        {hos_is_generic_model_handler, "{\"is_generic\":1,\"result\":0}\n"},
+        {hos_system_is_VXB_model_handler, "{\"is_VXB_model\":0,\"result\":0}\n"},
+        {hos_system_call_vexpro_disable_handler, "{\"result\":0}\n"},
+        {hos_system_call_share_folder_renew_handler, "{\"result\":0}\n"},
+    };
+    write_file("/etc/kos.ui.cp.conf", "[CP_APP]\ntvLounge = 3\n");
+    write_file("/etc/platform.conf", "[MISC]\nDISPLAY_NAME = Vex\n");
+    write_file("/etc/IS_G", "");
+    hwctl.answers("field = VALUE\n");
+    for (const plain_case& each : cases) {
+        for (const char* request : {"", "{", "not json", "[]"}) {
+            EXPECT_EQ(ask(each.handler, request), each.reply) << request;
+        }
+    }
+    EXPECT_THAT(log(), testing::Not(testing::HasSubstr("input fail")));
 }
 
 TEST_F(ControlScriptTest, DisableReportsUnderItsDoubledName) {

@@ -3,14 +3,13 @@
 #include "handler_fixture.h"
 #include "handlers.h"
 #include "host_tool.h"
+#include "shortage.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <fcntl.h>
 #include <filesystem>
 #include <string>
-#include <sys/resource.h>
 #include <sys/xattr.h>
 #include <unistd.h>
 
@@ -21,15 +20,12 @@ namespace {
 using testing::Contains;
 using testing::ElementsAre;
 using testing::ElementsAreArray;
+using testing::HasSubstr;
 using testing::IsEmpty;
 
 constexpr const char* kInstalled = "[VexHubServer]\n"
                                    "Install_Path = /share/VexHubServer\n"
                                    "Shell = /share/VexHubServer/VexHubServer.sh\n";
-
-std::string failure(const std::string& handler) {
-    return "{\"error_msg\":\"" + handler + " fail\",\"result\":-1}\n";
-}
 
 std::string encoded(const std::string& text) {
     std::string out;
@@ -141,6 +137,14 @@ TEST_F(ExtendedProductDataTest, IsTheToolsOutputTrimmedAtBothEnds) {
     EXPECT_THAT(logged(), Contains("[hos_get_vpd_ext_area_handler][N] str_output="));
 }
 
+TEST_F(ExtendedProductDataTest, TheToolHasTheDaemonsOwnEnvironment) {
+    setenv("VPD_TEST", "inherited", 1);
+    (void)ask(hos_get_vpd_ext_area_handler, R"({"offest":0,"length":4})");
+    unsetenv("VPD_TEST");
+    ASSERT_EQ(hwctl.calls().size(), 1U);
+    EXPECT_THAT(hwctl.calls()[0].env, Contains("VPD_TEST=inherited"));
+}
+
 TEST_F(ExtendedProductDataTest, ComesFromTheHostsOwnArea) {
     EXPECT_EQ(ask(hos_get_vpd_ext_area_handler, R"({"offest":2,"length":4})"),
               "{\"result\":0,\"vpd_ext_area\":\"0123\"}\n");
@@ -178,31 +182,6 @@ TEST_F(ExtendedProductDataTest, TheKeyIsMisspelt) {
     EXPECT_EQ(ask(hos_get_vpd_ext_area_handler, "no"), kInputError);
     EXPECT_THAT(hwctl.calls(), IsEmpty());
 }
-
-// Leaves the process one descriptor: enough to write the log, too few for a pipe.
-class descriptor_shortage {
-public:
-    descriptor_shortage() {
-        if (fcntl(STDIN_FILENO, F_GETFD) < 0) { // an ended service closes it
-            (void)open("/dev/null", O_RDONLY);
-        }
-        (void)getrlimit(RLIMIT_NOFILE, &before_);
-        const struct rlimit one_more = {static_cast<rlim_t>(next_descriptor() + 1), before_.rlim_max};
-        (void)setrlimit(RLIMIT_NOFILE, &one_more);
-    }
-    descriptor_shortage(const descriptor_shortage&) = delete;
-    descriptor_shortage& operator=(const descriptor_shortage&) = delete;
-    ~descriptor_shortage() { (void)setrlimit(RLIMIT_NOFILE, &before_); }
-
-    static int next_descriptor() {
-        const int next = dup(STDERR_FILENO);
-        (void)close(next);
-        return next;
-    }
-
-private:
-    struct rlimit before_ = {};
-};
 
 int starved_vpd_handler(ks_io* io, int fd) {
     const descriptor_shortage shortage;
@@ -249,6 +228,19 @@ TEST_F(NotifyTest, WithoutAnInstallPathTheTextRunsAsACommand) {
               "{\"result\":0}\n");
     EXPECT_EQ(read_file("/tmp/notified"), "hi\n");
     EXPECT_THAT(wrapper.calls(), IsEmpty());
+}
+
+TEST_F(NotifyTest, TheShellIsCalledShAndHasNoEnvironment) {
+    registry("[VexHubServer]\nShell = /share/VexHubServer/VexHubServer.sh\n");
+    setenv("NOTIFY_TEST", "not inherited", 1);
+    const std::string command =
+        "/bin/cat /proc/$$/cmdline > /tmp/shell-argv; /bin/cat /proc/$$/environ > /tmp/shell-env";
+    EXPECT_EQ(ask(hos_system_call_nc_notify_handler, R"({"nc_notify":")" + encoded(command) + "\"}"),
+              "{\"result\":0}\n");
+    unsetenv("NOTIFY_TEST");
+    EXPECT_EQ(read_file("/tmp/shell-argv"), std::string("sh\0-c\0 ", 7) + command + '\0');
+    ASSERT_TRUE(file_exists("/tmp/shell-env"));
+    EXPECT_EQ(read_file("/tmp/shell-env"), "");
 }
 
 TEST_F(NotifyTest, TheCommandLineIsCutAt4095Characters) {
@@ -340,13 +332,24 @@ TEST_F(CloudUsageTest, AReaderThatCannotBeStartedIsAFailure) {
 }
 
 TEST_F(CloudUsageTest, TheReadersArgumentsAreFixedAndItsExitStatusIsNotLookedAt) {
-    fs::rename("/usr/bin/getfattr", "/usr/bin/getfattr.away");
-    write_file("/usr/bin/getfattr", "#!/bin/sh\nprintf '%s|' \"$@\"\nexit 3\n");
-    fs::permissions("/usr/bin/getfattr", fs::perms::owner_all);
+    programs.replace_by_script("/usr/bin/getfattr", "printf '%s|' \"$@\"\nexit 3");
     EXPECT_EQ(usage_of("/tmp/a b"), "{\"result\":0,\"size_info\":\"" +
                                         encoded("--only-values|--absolute-names|-n|trusted.tm.cloud_usage|/tmp/a b|") +
                                         "\"}\n");
-    fs::rename("/usr/bin/getfattr.away", "/usr/bin/getfattr");
+}
+
+TEST_F(CloudUsageTest, TheReaderIsCalledByItsNameAndHasTheDaemonsOwnEnvironment) {
+    programs.replace_by_copy_of("/usr/bin/getfattr", CHILD_PROBE); // prints how it was called
+    setenv("USAGE_TEST", "inherited", 1);
+    const auto reply = usage_of("/tmp/x");
+    unsetenv("USAGE_TEST");
+    const std::string start = "{\"result\":0,\"size_info\":\"";
+    ASSERT_THAT(reply.value_or("none"), testing::StartsWith(start));
+    std::string report;
+    base64_decode(reply->substr(start.size()), report);
+    EXPECT_THAT(report, HasSubstr("\nargv=getfattr\nargv=--only-values\nargv=--absolute-names\nargv=-n\n"
+                                  "argv=trusted.tm.cloud_usage\nargv=/tmp/x\n"));
+    EXPECT_THAT(report, HasSubstr("\nenv=USAGE_TEST=inherited\n"));
 }
 
 } // namespace

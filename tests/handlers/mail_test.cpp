@@ -145,6 +145,19 @@ TEST_F(MailTest, AConfigurationNameOf300CharactersRunsNothing) {
     EXPECT_EQ(record()[2], "str_conf_path=[" + kSpool + std::string(255 - kSpool.size(), 'c') + "]");
 }
 
+TEST_F(MailTest, WithoutUserTheConfigurationsPathIsCutAt255CharactersAsWell) {
+    const std::string cut = kSpool + std::string(255 - kSpool.size(), 'c');
+    for (const std::size_t length : {cut.size() - kSpool.size(), cut.size() - kSpool.size() + 1, std::size_t{300}}) {
+        write_file(kSpool + "m.txt", "the mail");
+        EXPECT_EQ(ask(hos_sendmail_handler, R"({"user":"","pwd":"","content_file":"m.txt","config_file":")" +
+                                                std::string(length, 'c') + R"("})"),
+                  "{\"result\":0}\n");
+        ASSERT_FALSE(program.calls().empty());
+        EXPECT_THAT(program.calls().back().argv, ElementsAre("sendmail", "-C", cut, "-t"));
+    }
+    EXPECT_EQ(program.calls().size(), 3U);
+}
+
 TEST_F(MailTest, NamesAreNotLookedInto) {
     write_file("/tmp/elsewhere.conf", "c");
     write_file("/tmp/elsewhere.txt", "mail of elsewhere");
@@ -165,9 +178,8 @@ TEST_F(MailTest, ResultIsTheProgramsWaitStatus) {
 }
 
 TEST_F(MailTest, AProgramThatCannotBeStartedIs32512) {
-    fs::rename("/usr/sbin/sendmail", "/usr/sbin/sendmail.away");
+    programs.take_away("/usr/sbin/sendmail");
     EXPECT_EQ(ask(hos_sendmail_handler, kPlain), "{\"result\":32512}\n");
-    fs::rename("/usr/sbin/sendmail.away", "/usr/sbin/sendmail");
 }
 
 TEST_F(MailTest, AMissingMailRunsNothingAndRemovesTheLog) {

@@ -7,12 +7,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <filesystem>
 #include <string>
 #include <sys/resource.h>
 #include <unistd.h>
-
-namespace fs = std::filesystem;
 
 namespace {
 
@@ -44,6 +41,14 @@ TEST_F(MediaViewerTest, ReturnsWhatTheViewersToolPrinted) {
               "{\"cli_ret\":0,\"is_enabled\":1,\"is_installed\":1,\"result\":0,\"result_out\":\"Zm9v\"}\n");
     ASSERT_EQ(viewer.calls().size(), 1U);
     EXPECT_THAT(viewer.calls()[0].argv, ElementsAre("cfgread", "get state"));
+}
+
+TEST_F(MediaViewerTest, TheToolHasTheDaemonsOwnEnvironment) {
+    setenv("VIEWER_TEST", "inherited", 1);
+    (void)ask(hos_cmv_cli_handler, R"({"cmd":"c"})");
+    unsetenv("VIEWER_TEST");
+    ASSERT_EQ(viewer.calls().size(), 1U);
+    EXPECT_THAT(viewer.calls()[0].env, testing::Contains("VIEWER_TEST=inherited"));
 }
 
 TEST_F(MediaViewerTest, AFailedToolShowsInItsStatusAlone) {
@@ -98,12 +103,9 @@ TEST_F(MediaViewerTest, RejectionsCarryTheStatusKeysAsWell) {
 // Which descriptor a pipe would get is known only once the handler has read the registry: the reader of the last entry
 // lowers the limit of the process that asks.
 TEST_F(MediaViewerTest, AToolThatCannotBeStartedIsAFailureWithItsOwnCode) {
-    fs::rename("/sbin/cfgread", "/sbin/cfgread.away");
-    write_file("/sbin/cfgread", "#!/bin/sh\n"
-                                "[ \"$2\" = Enable ] && { echo TRUE; exit; }\n"
-                                "/usr/bin/prlimit --pid \"$PPID\" --nofile=4:\n"
-                                "echo /share/CayinMediaViewer\n");
-    fs::permissions("/sbin/cfgread", fs::perms::owner_all);
+    programs.replace_by_script("/sbin/cfgread", "[ \"$2\" = Enable ] && { echo TRUE; exit; }\n"
+                                                "/usr/bin/prlimit --pid \"$PPID\" --nofile=4:\n"
+                                                "echo /share/CayinMediaViewer");
     struct rlimit before = {};
     (void)getrlimit(RLIMIT_NOFILE, &before);
     const auto reply = ask(hos_cmv_cli_handler, R"({"cmd":"c"})");
@@ -111,7 +113,6 @@ TEST_F(MediaViewerTest, AToolThatCannotBeStartedIsAFailureWithItsOwnCode) {
     EXPECT_EQ(reply, "{\"cli_ret\":-1,\"error_code\":-4,\"error_msg\":\"popen failed, "
                      "path=[/share/CayinMediaViewer/bin/cfgread], errno=[24].\",\"is_enabled\":1,\"is_installed\":1,"
                      "\"result\":-1,\"result_out\":\"\"}\n");
-    fs::rename("/sbin/cfgread.away", "/sbin/cfgread");
     EXPECT_THAT(viewer.calls(), IsEmpty());
 }
 

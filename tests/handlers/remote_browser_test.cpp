@@ -2,14 +2,13 @@
 #include "handler_fixture.h"
 #include "handlers.h"
 #include "host_tool.h"
+#include "shortage.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <filesystem>
+#include <csignal>
 #include <string>
-
-namespace fs = std::filesystem;
 
 namespace {
 
@@ -26,21 +25,7 @@ class RemoteBrowserTest : public HandlerTest {
 protected:
     void SetUp() override {
         HandlerTest::SetUp();
-        for (const auto& entry : fs::directory_iterator("/tmp")) {
-            if (entry.path().filename().string().rfind("vexprod-", 0) == 0) {
-                fs::remove(entry.path());
-            }
-        }
         tool.answers("foo");
-    }
-    static strings left_files() {
-        strings left;
-        for (const auto& entry : fs::directory_iterator("/tmp")) {
-            if (entry.path().filename().string().rfind("vexprod-", 0) == 0) {
-                left.push_back(entry.path());
-            }
-        }
-        return left;
     }
     /// The vector that the tool gets for `action` and `rules`.
     strings argv_for(const std::string& action, const std::string& rules) {
@@ -112,8 +97,11 @@ TEST_F(RemoteBrowserTest, MembersThatCannotBeConvertedEndTheRequest) {
           R"({"action":"add","rule_list":[{"des_port":true}]})",
           R"({"action":"delete","rule_list":[{"des_port":4294967296}]})",
           R"({"action":"add","rule_list":[{"wk_id":[]}]})", R"({"action":"add","rule_list":["w1"]})",
-          R"({"action":"add","rule_list":{"wk_id":"w1"}})", R"({"action":{},"rule_list":[{}]})",
-          R"({"action":"add","auth_token":[],"rule_list":[{}]})"}) {
+          R"({"action":"add","rule_list":[{"des_protocol":["https"]}]})",
+          R"({"action":"add","rule_list":[{"host_name":["cam"]}]})",
+          R"({"action":"add","rule_list":[{"browser_type":["chrome"]}]})",
+          R"({"action":"delete","rule_list":[{"browser_type":{}}]})", R"({"action":"add","rule_list":{"wk_id":"w1"}})",
+          R"({"action":{},"rule_list":[{}]})", R"({"action":"add","auth_token":[],"rule_list":[{}]})"}) {
         EXPECT_EQ(ask(hos_web_kiosk_handler, request), std::nullopt) << request;
         EXPECT_THAT(escaped_error, Not(IsEmpty())) << request;
     }
@@ -121,12 +109,63 @@ TEST_F(RemoteBrowserTest, MembersThatCannotBeConvertedEndTheRequest) {
 }
 
 TEST_F(RemoteBrowserTest, TextThatIsNoObjectIsAnInputErrorAndTracedWithItsReason) {
-    for (const char* request : {"", "{", "[]", "null", "1"}) {
+    for (const char* request : {"[]", "null", "1"}) {
         forget_log();
         EXPECT_EQ(ask(hos_web_kiosk_handler, request), kInputError) << request;
-        ASSERT_FALSE(logged().empty());
-        EXPECT_THAT(logged()[0], testing::StartsWith("[hos_web_kiosk_handler][N] parse strInputArg failed, error=["));
+        EXPECT_THAT(logged(),
+                    ElementsAre("[hos_web_kiosk_handler][N] parse strInputArg failed, error=[not an object]"));
     }
+    const std::string start = "[hos_web_kiosk_handler][N] parse strInputArg failed, error=[";
+    forget_log();
+    EXPECT_EQ(ask(hos_web_kiosk_handler), kInputError);
+    EXPECT_THAT(logged(),
+                ElementsAre(start + "* Line 1, Column 1", "  Syntax error: value, object or array expected.", "]"));
+    forget_log();
+    EXPECT_EQ(ask(hos_web_kiosk_handler, "{"), kInputError);
+    EXPECT_THAT(logged(), ElementsAre(start + "* Line 1, Column 2", "  Missing '}' or object member name", "]"));
+    EXPECT_THAT(tool.calls(), IsEmpty());
+}
+
+TEST_F(RemoteBrowserTest, TextsAreTakenFromNumbersAndBooleansAsWellAndNullIsNone) {
+    EXPECT_THAT(argv_for("add", R"([{"des_protocol":null,"host_name":7,"des_port":1,"browser_type":true}])"),
+                ElementsAre("vsh", "web-kiosk.container.create", "token=t 1", "open_url=://7:1", "ttl=300",
+                            "resolution=1920x1080", "type=true"));
+    EXPECT_EQ(argv_for("delete", R"([{"wk_id":5}])")[3], "id=5");
+}
+
+TEST_F(RemoteBrowserTest, KeptTheStatusIsZeroAlsoWhenTheOutputsFileIsGone) {
+    programs.replace_by_script(tool.path(), "/bin/rm -f \"$(/bin/readlink /proc/$$/fd/1)\"");
+    EXPECT_EQ(ask(hos_web_kiosk_handler, R"({"action":"delete","rule_list":[{}]})"),
+              "{\"cli_ret\":0,\"result\":0,\"result_out\":\"\"}\n");
+    EXPECT_EQ(logged().back(), "[hos_web_kiosk_handler][N] exec /usr/sbin/vsh succ, ret_out=[]");
+}
+
+// What the log says at last of a run that failed.
+std::string failed_run(const std::string& status) {
+    return "[hos_web_kiosk_handler][N] exec /usr/sbin/vsh failed, ret=[" + status + "]";
+}
+
+TEST_F(RemoteBrowserTest, AToolThatIsKilledOrNotThereHasNoReplyAndItsOutputStays) {
+    tool.answers("why").dies_by(SIGKILL);
+    EXPECT_EQ(ask(hos_web_kiosk_handler, R"({"action":"delete","rule_list":[{}]})"), std::nullopt);
+    EXPECT_EQ(logged().back(), failed_run("9"));
+    ASSERT_EQ(kept_files().size(), 1U);
+    EXPECT_EQ(read_file(kept_files()[0]), "why");
+    programs.take_away(tool.path());
+    EXPECT_EQ(ask(hos_web_kiosk_handler, R"({"action":"delete","rule_list":[{}]})"), std::nullopt);
+    EXPECT_EQ(logged().back(), failed_run("32512"));
+    EXPECT_EQ(kept_files().size(), 2U);
+}
+
+int kiosk_without_temporary_files(ks_io* io, int fd) {
+    run_without_temporary_files([&] { (void)hos_web_kiosk_handler(io, fd); });
+    return 0;
+}
+
+TEST_F(RemoteBrowserTest, WithoutATemporaryFileNothingRunsAndThereIsNoReply) {
+    EXPECT_EQ(ask(kiosk_without_temporary_files, R"({"action":"delete","rule_list":[{}]})"), std::nullopt);
+    EXPECT_EQ(logged().back(), failed_run("-1"));
+    EXPECT_THAT(tool.calls(), IsEmpty());
 }
 
 TEST_F(RemoteBrowserTest, TheRunIsTracedAndItsFileRemoved) {
@@ -137,15 +176,15 @@ TEST_F(RemoteBrowserTest, TheRunIsTracedAndItsFileRemoved) {
                                       "[hos_web_kiosk_handler][N] argv[3] = [id=w1]",
                                       "[hos_web_kiosk_handler][N] argv[4] = [(null)]",
                                       "[hos_web_kiosk_handler][N] exec /usr/sbin/vsh succ, ret_out=[foo]"));
-    EXPECT_THAT(left_files(), IsEmpty());
+    EXPECT_THAT(kept_files(), IsEmpty());
 }
 
 TEST_F(RemoteBrowserTest, AFailedToolHasNoReplyAndItsOutputStays) {
     tool.answers("why").complains("discarded").exits(3);
     EXPECT_EQ(ask(hos_web_kiosk_handler, R"({"action":"delete","rule_list":[{}]})"), std::nullopt);
     EXPECT_THAT(logged(), Contains("[hos_web_kiosk_handler][N] exec /usr/sbin/vsh failed, ret=[768]"));
-    ASSERT_EQ(left_files().size(), 1U);
-    EXPECT_EQ(read_file(left_files()[0]), "why");
+    ASSERT_EQ(kept_files().size(), 1U);
+    EXPECT_EQ(read_file(kept_files()[0]), "why");
 }
 
 } // namespace

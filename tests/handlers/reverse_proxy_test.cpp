@@ -2,12 +2,15 @@
 #include "handler_fixture.h"
 #include "handlers.h"
 #include "host_tool.h"
+#include "shortage.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <csignal>
 #include <filesystem>
 #include <string>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace fs = std::filesystem;
@@ -32,12 +35,10 @@ const strings kStart = {"svc_keeper", "reverseproxy_vexsurveillance", "start",
 const strings kReload = {"reverseproxy_vexsurveillance", "-k", "graceful", "-f",
                          "/etc/reverseproxy_vexsurveillance/reverseproxy-vexsurveillance.conf"};
 
-strings files_in(const std::string& folder, const std::string& prefix = "") {
+strings files_in(const std::string& folder) {
     strings names;
     for (const auto& entry : fs::directory_iterator(folder)) {
-        if (entry.path().filename().string().rfind(prefix, 0) == 0) {
-            names.push_back(entry.path().filename());
-        }
+        names.push_back(entry.path().filename());
     }
     return names;
 }
@@ -50,9 +51,6 @@ protected:
         fs::create_directories(kExtra);
         fs::remove(kPid);
         fs::remove(kChain);
-        for (const std::string& left : files_in("/tmp", "vexprod-")) {
-            fs::remove_all("/tmp/" + left);
-        }
         keeper.answers("");
         proxy.answers("");
     }
@@ -114,6 +112,36 @@ TEST_F(ReverseProxyTest, HstsLeavesTheHeaderOutAndOnlyTlsRulesHaveIt) {
     EXPECT_THAT(rule_file(tls + R"(,"hsts":false)"), HasSubstr(header));
     EXPECT_THAT(rule_file(tls + R"(,"hsts":true)"), Not(HasSubstr("Strict-Transport-Security")));
     EXPECT_THAT(rule_file(R"("port":1,"des_port":2,"hsts":false)"), Not(HasSubstr("Strict-Transport-Security")));
+}
+
+TEST_F(ReverseProxyTest, HstsIsTakenForTheBooleanThatItConvertsTo) {
+    const std::string tls = R"("port":1,"des_port":2,"protocol":"https","hsts":)";
+    for (const char* on : {"1", "-1", "0.5"}) {
+        EXPECT_THAT(rule_file(tls + on), Not(HasSubstr("Strict-Transport-Security"))) << on;
+    }
+    for (const char* off : {"0", "0.0", "null"}) {
+        EXPECT_THAT(rule_file(tls + off), HasSubstr("Strict-Transport-Security")) << off;
+    }
+}
+
+TEST_F(ReverseProxyTest, TextsAreTakenFromNumbersAndBooleansAsWell) {
+    EXPECT_EQ(ask(hos_reverse_proxy_handler,
+                  R"({"action":"add","rule_list":[{"GUID":5,"port":1,"des_port":2,"host_name":7},)"
+                  R"({"GUID":true,"port":1,"des_port":2,"protocol":null}]})"),
+              kDone);
+    EXPECT_THAT(files_in(kExtra), testing::UnorderedElementsAre("5.conf", "true.conf"));
+    EXPECT_THAT(read_file(kExtra + "5.conf"), HasSubstr("\tProxyPassReverse / http://7:2/\n"));
+    EXPECT_EQ(ask(hos_reverse_proxy_handler, R"({"rule_list":[{"GUID":5},{"GUID":true}]})"), kDone);
+    EXPECT_THAT(files_in(kExtra), IsEmpty());
+}
+
+TEST_F(ReverseProxyTest, ARuleIsForTheProxyToReadAndForRootToWrite) {
+    const mode_t before = umask(0);
+    (void)rule_file(R"("port":1,"des_port":2)");
+    (void)umask(before);
+    struct stat status = {};
+    ASSERT_EQ(lstat((kExtra + "g1.conf").c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode, static_cast<mode_t>(S_IFREG | 0644));
 }
 
 TEST_F(ReverseProxyTest, ProtocolsAreComparedExactly) {
@@ -304,13 +332,20 @@ TEST_F(ReverseProxyTest, AnUnknownActionDoesNothingAndHasNoReply) {
 }
 
 TEST_F(ReverseProxyTest, TextThatIsNoObjectIsAnInputErrorAndTracedWithItsReason) {
-    for (const char* request : {"", "{", "[]", "null", "1", "\"add\""}) {
+    for (const char* request : {"[]", "null", "1", "\"add\""}) {
         forget_log();
         EXPECT_EQ(ask(hos_reverse_proxy_handler, request), kInputError) << request;
-        ASSERT_FALSE(logged().empty());
-        EXPECT_THAT(logged()[0],
-                    testing::StartsWith("[hos_reverse_proxy_handler][N] parse strInputArg failed, error=["));
+        EXPECT_THAT(logged(), ElementsAre("[hos_reverse_proxy_handler][N] parse strInputArg failed, "
+                                          "error=[not an object]"));
     }
+    const std::string start = "[hos_reverse_proxy_handler][N] parse strInputArg failed, error=[";
+    forget_log();
+    EXPECT_EQ(ask(hos_reverse_proxy_handler), kInputError);
+    EXPECT_THAT(logged(),
+                ElementsAre(start + "* Line 1, Column 1", "  Syntax error: value, object or array expected.", "]"));
+    forget_log();
+    EXPECT_EQ(ask(hos_reverse_proxy_handler, "{"), kInputError);
+    EXPECT_THAT(logged(), ElementsAre(start + "* Line 1, Column 2", "  Missing '}' or object member name", "]"));
     EXPECT_THAT(proxy.calls(), IsEmpty());
 }
 
@@ -318,7 +353,7 @@ TEST_F(ReverseProxyTest, WhatTheProgramPrintedIsReturnedEncodedAndItsFileRemoved
     proxy.answers("foo");
     proxy.complains("errors are discarded");
     EXPECT_EQ(ask(hos_reverse_proxy_handler, "{}"), "{\"cli_ret\":0,\"result\":0,\"result_out\":\"Zm9v\"}\n");
-    EXPECT_THAT(files_in("/tmp", "vexprod-"), IsEmpty());
+    EXPECT_THAT(kept_files(), IsEmpty());
     EXPECT_THAT(logged(), Contains("[hos_reverse_proxy_handler][N] exec /usr/sbin/reverseproxy_vexsurveillance succ, "
                                    "ret_out=[foo]"));
 }
@@ -329,17 +364,51 @@ TEST_F(ReverseProxyTest, AFailedProgramHasNoReplyAndItsOutputStays) {
     EXPECT_EQ(escaped_error, "");
     EXPECT_THAT(logged(), Contains("[hos_reverse_proxy_handler][N] exec /usr/sbin/reverseproxy_vexsurveillance failed, "
                                    "ret=[768]"));
-    const strings left = files_in("/tmp", "vexprod-");
-    ASSERT_EQ(left.size(), 1U);
-    EXPECT_EQ(read_file("/tmp/" + left[0]), "why");
+    ASSERT_EQ(kept_files().size(), 1U);
+    EXPECT_EQ(read_file(kept_files()[0]), "why");
+}
+
+// What the log says at last of a start that failed.
+std::string failed_start(const std::string& status) {
+    return "[hos_reverse_proxy_handler][N] exec /sbin/svc_keeper failed, ret=[" + status + "]";
+}
+
+TEST_F(ReverseProxyTest, AFailedStartHasNoReplyAndItsOutputStays) {
+    keeper.answers("why").complains("discarded").exits(1);
+    EXPECT_EQ(ask(hos_reverse_proxy_handler, R"({"action":"add"})"), std::nullopt);
+    EXPECT_EQ(logged().back(), failed_start("256"));
+    keeper.clear();
+    keeper.answers("why").dies_by(SIGKILL);
+    EXPECT_EQ(ask(hos_reverse_proxy_handler, R"({"action":"add"})"), std::nullopt);
+    EXPECT_EQ(logged().back(), failed_start("9"));
+    ASSERT_EQ(kept_files().size(), 2U);
+    EXPECT_EQ(read_file(kept_files()[0]), "why");
+    EXPECT_EQ(read_file(kept_files()[1]), "why");
+}
+
+TEST_F(ReverseProxyTest, AStartWithoutTheServiceKeeperHasNoReply) {
+    programs.take_away(keeper.path());
+    EXPECT_EQ(ask(hos_reverse_proxy_handler, R"({"action":"add","rule_list":[{"GUID":"g1","port":1,"des_port":2}]})"),
+              std::nullopt);
+    EXPECT_EQ(logged().back(), failed_start("32512"));
+    EXPECT_THAT(files_in(kExtra), ElementsAre("g1.conf"));
+    EXPECT_EQ(kept_files().size(), 1U);
+}
+
+int proxy_without_temporary_files(ks_io* io, int fd) {
+    run_without_temporary_files([&] { (void)hos_reverse_proxy_handler(io, fd); });
+    return 0;
+}
+
+TEST_F(ReverseProxyTest, WithoutATemporaryFileNothingRunsAndThereIsNoReply) {
+    EXPECT_EQ(ask(proxy_without_temporary_files, R"({"action":"add"})"), std::nullopt);
+    EXPECT_EQ(logged().back(), failed_start("-1"));
+    EXPECT_THAT(keeper.calls(), IsEmpty());
 }
 
 TEST_F(ReverseProxyTest, AFileThatIsGoneAlreadyShowsInTheReply) {
-    fs::rename("/usr/sbin/reverseproxy_vexsurveillance", "/usr/sbin/reverseproxy_vexsurveillance.away");
-    write_file("/usr/sbin/reverseproxy_vexsurveillance", "#!/bin/sh\n/bin/rm -f \"$(/bin/readlink /proc/$$/fd/1)\"\n");
-    fs::permissions("/usr/sbin/reverseproxy_vexsurveillance", fs::perms::owner_all);
+    programs.replace_by_script(proxy.path(), "/bin/rm -f \"$(/bin/readlink /proc/$$/fd/1)\"");
     EXPECT_EQ(ask(hos_reverse_proxy_handler, "{}"), "{\"cli_ret\":-1,\"result\":0,\"result_out\":\"\"}\n");
-    fs::rename("/usr/sbin/reverseproxy_vexsurveillance.away", "/usr/sbin/reverseproxy_vexsurveillance");
 }
 
 } // namespace

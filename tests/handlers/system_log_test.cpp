@@ -220,6 +220,31 @@ TEST_F(ConnectionLogTest, EveryKeyIsRequired) {
         EXPECT_EQ(ask(hos_system_conn_log_tool_handler, request), kPaserFail) << key;
     }
     EXPECT_EQ(ask(hos_system_conn_log_tool_handler, ""), kInputError);
+    EXPECT_THAT(logged(), ElementsAre("[hos_system_conn_log_tool_handler][N] ks_io input fail."));
+    EXPECT_THAT(tool.calls(), IsEmpty());
+}
+
+TEST_F(ConnectionLogTest, RefusesTypesThatAreNoWholeNumberOf32Bits) {
+    for (const std::string key : {R"("log_type":1)", R"("service_type":-2)", R"("action_type":3)"}) {
+        for (const char* wrong : {"\"1\"", "true", "1.5", "2147483648", "-2147483649", "null", "[1]"}) {
+            std::string request = kRequest;
+            request.replace(request.find(key), key.size(), key.substr(0, key.find(':') + 1) + wrong);
+            EXPECT_EQ(ask(hos_system_conn_log_tool_handler, request), kPaserFail) << request;
+        }
+    }
+    EXPECT_THAT(tool.calls(), IsEmpty());
+    EXPECT_THAT(logged(), IsEmpty());
+}
+
+TEST_F(ConnectionLogTest, RefusesTextsThatAreNone) {
+    for (const std::string key :
+         {R"("log_mseg":"m 1")", R"("user_name":"")", R"("IP":"192.0.2.1")", R"("computer_name":"pc")"}) {
+        for (const char* wrong : {"1", "true", "null", "{}"}) {
+            std::string request = kRequest;
+            request.replace(request.find(key), key.size(), key.substr(0, key.find(':') + 1) + wrong);
+            EXPECT_EQ(ask(hos_system_conn_log_tool_handler, request), kPaserFail) << request;
+        }
+    }
     EXPECT_THAT(tool.calls(), IsEmpty());
 }
 

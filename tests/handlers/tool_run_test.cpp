@@ -1,15 +1,13 @@
+#include "handler_fixture.h"
 #include "host_tool.h"
-#include "tool_fixture.h"
+#include "shortage.h"
 #include "tool_run.h"
 
 #include <gmock/gmock.h>
 
-#include <sched.h>
-#include <sys/mount.h>
-
 namespace {
 
-class ToolRunTest : public ToolFixture {
+class ToolRunTest : public HandlerTest {
 protected:
     host_tool tool{"/usr/local/bin/nimbo_device_tool"};
 };
@@ -49,14 +47,12 @@ TEST_F(ToolRunTest, ErrorsCanGoWithTheOutput) {
 }
 
 TEST_F(ToolRunTest, WithoutATemporaryFileNothingIsRun) {
-    EXPECT_TRUE(passes_in_own_process([this] {
-        ASSERT_EQ(::unshare(CLONE_NEWNS), 0);
-        ASSERT_EQ(::mount("none", "/tmp", "tmpfs", MS_RDONLY, nullptr), 0);
+    run_without_temporary_files([this] {
         const tool_run run = run_tool(tool.path(), {"zero"});
         EXPECT_FALSE(run.output.ok());
         EXPECT_EQ(run.status, -1);
-        EXPECT_EQ(base64_text(run.output.read_all()), "");
-    }));
+        EXPECT_EQ(run.output.read_all(), "");
+    });
     EXPECT_TRUE(tool.calls().empty());
 }
 

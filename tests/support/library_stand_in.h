@@ -9,6 +9,7 @@
 #ifndef VEXPROD_TESTS_LIBRARY_STAND_IN_H
 #define VEXPROD_TESTS_LIBRARY_STAND_IN_H
 
+#include "displaced_files.h"
 #include "test_files.h"
 
 #include <algorithm>
@@ -34,12 +35,10 @@ public:
     void set(const std::string& knob, std::string_view value) const { write_file(knobs_ + "/" + knob, value); }
     /// The calls so far, one a line.
     [[nodiscard]] std::string calls() const { return read_file(calls_ + "/log"); }
-    /// Takes the library away.
-    void remove() const { std::filesystem::remove(path_); }
-    /// Puts another library in its place, one that has none of its functions.
-    void replace_by(const std::string& other) const {
-        std::filesystem::copy_file(other, path_, std::filesystem::copy_options::overwrite_existing);
-    }
+    /// Takes the library away, until this object's end.
+    void remove() { displaced_.take_away(path_); }
+    /// Puts another library in its place, one that has none of its functions, until this object's end.
+    void replace_by(const std::string& other) { displaced_.replace_by_copy_of(path_, other); }
     /// Whether this process has the library open.
     [[nodiscard]] bool is_open() const { return read_file("/proc/self/maps").find(path_) != std::string::npos; }
 
@@ -47,6 +46,7 @@ private:
     std::string path_;
     std::string knobs_;
     std::string calls_;
+    displaced_files displaced_;
 };
 
 #endif

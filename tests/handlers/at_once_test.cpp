@@ -1,0 +1,176 @@
+// Requests that come at the same moment: each does its whole work, and the files they share stay whole.
+#include "ask.h"
+#include "fresh_file.h"
+#include "handler_fixture.h"
+#include "handlers.h"
+#include "host_tool.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstring>
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <sys/inotify.h>
+#include <thread>
+#include <unistd.h>
+
+namespace fs = std::filesystem;
+
+namespace {
+
+using testing::AnyOf;
+using testing::Contains;
+using testing::Each;
+using testing::ElementsAre;
+using testing::UnorderedElementsAreArray;
+
+const std::string kLogs = "/tmp/.vexsurveillance_log/";
+// Requests that come at once do not always meet: many do, or often.
+constexpr int kRounds = 20;
+constexpr int kMany = 8;
+
+// Counts how often a file of one name was made in a folder.
+class creation_watch {
+public:
+    creation_watch(const std::string& folder, std::string name)
+        : watch_(inotify_init1(IN_NONBLOCK | IN_CLOEXEC)), name_(std::move(name)) {
+        // Removals are watched so that two creations are never one event.
+        EXPECT_GE(inotify_add_watch(watch_.get(), folder.c_str(), IN_CREATE | IN_DELETE), 0);
+    }
+    /// @return Creations since the last call.
+    int count() {
+        int found = 0;
+        alignas(inotify_event) char events[16384];
+        for (ssize_t size = 0; (size = read(watch_.get(), events, sizeof events)) > 0;) {
+            for (ssize_t at = 0; at < size;) {
+                inotify_event event = {};
+                std::memcpy(&event, events + at, sizeof event);
+                found += (event.mask & IN_CREATE) != 0 && name_ == events + at + sizeof event ? 1 : 0;
+                at += static_cast<ssize_t>(sizeof event + event.len);
+            }
+        }
+        return found;
+    }
+
+private:
+    unique_fd watch_;
+    std::string name_;
+};
+
+class AtOnceTest : public HandlerTest {
+protected:
+    void SetUp() override {
+        HandlerTest::SetUp();
+        fs::remove_all(kLogs);
+        fs::create_directories(kLogs);
+    }
+};
+
+TEST_F(AtOnceTest, EachOfTwoWritersGetsAFileOfItsOwn) {
+    constexpr int kFiles = 1000;
+    std::atomic<int> arrived = 0;
+    std::atomic<int> made = 0;
+    const auto write_many = [&] {
+        for (int i = 1; i <= kFiles; ++i) {
+            ++arrived;
+            while (arrived < 2 * i) { // the other one is as far
+                std::this_thread::yield();
+            }
+            made += create_anew("/tmp/written-anew", 0600).ok() ? 1 : 0;
+        }
+    };
+    std::thread other(write_many);
+    write_many();
+    other.join();
+    EXPECT_EQ(made, 2 * kFiles);
+}
+
+TEST_F(AtOnceTest, BothEventsAreLogged) {
+    const host_tool tool("/sbin/log_tool");
+    fs::remove("/var/log/event.log");
+    EXPECT_THAT(ask_at_once(hos_system_call_log_tool_handler,
+                            {R"({"log_type":1,"log_mseg":"one"})", R"({"log_type":2,"log_mseg":"two"})"}),
+                ElementsAre("{\"result\":0}\n", "{\"result\":0}\n"));
+    EXPECT_EQ(tool.calls().size(), 2U);
+    EXPECT_THAT(read_file("/var/log/event.log"), AnyOf("-t 1 -a one\n-t 2 -a two\n", "-t 2 -a two\n-t 1 -a one\n"));
+    EXPECT_EQ(logged().size(), 8U);
+}
+
+TEST_F(AtOnceTest, BothConnectionsAreLogged) {
+    const host_tool tool("/sbin/conn_log_tool");
+    fs::remove("/var/log/connection.log");
+    const auto request = [](const std::string& user) {
+        return R"({"log_type":1,"service_type":2,"action_type":3,"log_mseg":"m","user_name":")" + user +
+               R"(","IP":"i","computer_name":"c"})";
+    };
+    EXPECT_THAT(ask_at_once(hos_system_conn_log_tool_handler, {request("anna"), request("ben")}),
+                ElementsAre("{\"result\":0}\n", "{\"result\":0}\n"));
+    EXPECT_EQ(tool.calls().size(), 2U);
+    const std::string anna = "-t 1 -i 2 -n 3 -a m -u anna -p i -m c\n";
+    const std::string ben = "-t 1 -i 2 -n 3 -a m -u ben -p i -m c\n";
+    EXPECT_THAT(read_file("/var/log/connection.log"), AnyOf(anna + ben, ben + anna));
+    EXPECT_EQ(logged().size(), 2U);
+}
+
+TEST_F(AtOnceTest, EveryRegistrationIsRecordedAndTheLastRecordIsWhole) {
+    host_tool agent("/usr/local/bin/zanalytic_tool");
+    creation_watch records(kLogs, "cloud_analysis_register.dbg");
+    strings requests;
+    strings possible;
+    for (int i = 0; i < kMany; ++i) {
+        const std::string id = "p" + std::to_string(i);
+        requests.push_back(R"({"provide_id":")" + id + R"(","command":"register"})");
+        possible.push_back("cmd=[register]\nprovide_id=[" + id +
+                           "]\nstr_cloud_analysis_register=[/usr/local/bin/zanalytic_tool register -p " + id +
+                           " -c /share/.@analytic]\nret_val=[0]\n");
+    }
+    for (int round = 0; round < kRounds; ++round) {
+        agent.clear();
+        EXPECT_THAT(ask_at_once(hos_system_call_cloud_analysis_register_handler, requests),
+                    Each(std::optional<std::string>("{\"result\":0}\n")));
+        EXPECT_EQ(agent.calls().size(), requests.size());
+        EXPECT_EQ(records.count(), kMany);
+        EXPECT_THAT(possible, Contains(read_file(kLogs + "cloud_analysis_register.dbg")));
+    }
+}
+
+TEST_F(AtOnceTest, EveryMailIsSentAndRecordedAndTheLastRecordIsWhole) {
+    const std::string spool = "/tmp/vexsurveillance_sendmail/";
+    fs::remove_all(spool);
+    fs::create_directories(spool);
+    host_tool program("/usr/sbin/sendmail");
+    creation_watch records(kLogs, "sendmail.dbg");
+    strings requests;
+    strings mails;
+    strings possible;
+    for (int i = 0; i < kMany; ++i) {
+        const std::string name = "m" + std::to_string(i);
+        requests.push_back(R"({"user":"","pwd":"","config_file":")" + name + R"(.conf","content_file":")" + name +
+                           R"(.txt"})");
+        mails.push_back("mail " + name);
+        possible.push_back("str_usr=[]\nstr_pwd=[]\nstr_conf_path=[" + spool + name + ".conf]\nstr_content_path=[" +
+                           spool + name + ".txt]\nstr_cmd_sendmail=[]\nstr_cmd_rm=[]\nret_val=[0]\n");
+    }
+    for (int round = 0; round < kRounds; ++round) {
+        program.clear();
+        program.reads_stdin().exits(0);
+        for (int i = 0; i < kMany; ++i) {
+            write_file(spool + "m" + std::to_string(i) + ".conf", "settings");
+            write_file(spool + "m" + std::to_string(i) + ".txt", mails[static_cast<std::size_t>(i)]);
+        }
+        EXPECT_THAT(ask_at_once(hos_sendmail_handler, requests), Each(std::optional<std::string>("{\"result\":0}\n")));
+        strings sent;
+        for (const tool_call& call : program.calls()) {
+            sent.push_back(call.stdin_text);
+        }
+        EXPECT_THAT(sent, UnorderedElementsAreArray(mails));
+        EXPECT_EQ(records.count(), kMany);
+        EXPECT_THAT(possible, Contains(read_file(kLogs + "sendmail.dbg")));
+        EXPECT_TRUE(fs::is_empty(spool));
+    }
+}
+
+} // namespace
