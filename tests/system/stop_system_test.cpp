@@ -149,6 +149,10 @@ TEST_F(StopSystemTest, ASignalDuringStartUpEndsTheDaemonInOrder) {
     const auto seed = static_cast<unsigned>(setting("VEXPROD_STOP_SEED", 1));
     outcomes result;
     run_and_signal(runs(), counted_from::first_log_line, milliseconds(window_ms() / 50), seed + 2, &result);
+    // A busy machine may have let all of them come too late.
+    for (unsigned more = 0; result.during_start == 0 && more < 40 && !HasFailure(); ++more) {
+        run_and_signal(runs() / 10, counted_from::first_log_line, milliseconds(0), seed + 3 + more, &result);
+    }
     report("during start-up", result);
     EXPECT_GT(result.during_start, 0);
 }
