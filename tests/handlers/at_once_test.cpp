@@ -60,6 +60,27 @@ private:
     std::string name_;
 };
 
+std::string register_request(const std::string& id) {
+    return R"({"provide_id":")" + id + R"(","command":"register"})";
+}
+
+std::string register_record(const std::string& id) {
+    return "cmd=[register]\nprovide_id=[" + id +
+           "]\nstr_cloud_analysis_register=[/usr/local/bin/zanalytic_tool register -p " + id +
+           " -c /share/.@analytic]\nret_val=[0]\n";
+}
+
+const std::string kSpool = "/tmp/vexsurveillance_sendmail/";
+
+std::string mail_request(const std::string& name) {
+    return R"({"user":"","pwd":"","config_file":")" + name + R"(.conf","content_file":")" + name + R"(.txt"})";
+}
+
+std::string mail_record(const std::string& name) {
+    return "str_usr=[]\nstr_pwd=[]\nstr_conf_path=[" + kSpool + name + ".conf]\nstr_content_path=[" + kSpool + name +
+           ".txt]\nstr_cmd_sendmail=[]\nstr_cmd_rm=[]\nret_val=[0]\n";
+}
+
 class AtOnceTest : public HandlerTest {
 protected:
     void SetUp() override {
@@ -122,10 +143,8 @@ TEST_F(AtOnceTest, EveryRegistrationIsRecordedAndTheLastRecordIsWhole) {
     strings possible;
     for (int i = 0; i < kMany; ++i) {
         const std::string id = "p" + std::to_string(i);
-        requests.push_back(R"({"provide_id":")" + id + R"(","command":"register"})");
-        possible.push_back("cmd=[register]\nprovide_id=[" + id +
-                           "]\nstr_cloud_analysis_register=[/usr/local/bin/zanalytic_tool register -p " + id +
-                           " -c /share/.@analytic]\nret_val=[0]\n");
+        requests.push_back(register_request(id));
+        possible.push_back(register_record(id));
     }
     for (int round = 0; round < kRounds; ++round) {
         agent.clear();
@@ -138,9 +157,8 @@ TEST_F(AtOnceTest, EveryRegistrationIsRecordedAndTheLastRecordIsWhole) {
 }
 
 TEST_F(AtOnceTest, EveryMailIsSentAndRecordedAndTheLastRecordIsWhole) {
-    const std::string spool = "/tmp/vexsurveillance_sendmail/";
-    fs::remove_all(spool);
-    fs::create_directories(spool);
+    fs::remove_all(kSpool);
+    fs::create_directories(kSpool);
     host_tool program("/usr/sbin/sendmail");
     creation_watch records(kLogs, "sendmail.dbg");
     strings requests;
@@ -148,18 +166,16 @@ TEST_F(AtOnceTest, EveryMailIsSentAndRecordedAndTheLastRecordIsWhole) {
     strings possible;
     for (int i = 0; i < kMany; ++i) {
         const std::string name = "m" + std::to_string(i);
-        requests.push_back(R"({"user":"","pwd":"","config_file":")" + name + R"(.conf","content_file":")" + name +
-                           R"(.txt"})");
+        requests.push_back(mail_request(name));
         mails.push_back("mail " + name);
-        possible.push_back("str_usr=[]\nstr_pwd=[]\nstr_conf_path=[" + spool + name + ".conf]\nstr_content_path=[" +
-                           spool + name + ".txt]\nstr_cmd_sendmail=[]\nstr_cmd_rm=[]\nret_val=[0]\n");
+        possible.push_back(mail_record(name));
     }
     for (int round = 0; round < kRounds; ++round) {
         program.clear();
         program.reads_stdin().exits(0);
         for (int i = 0; i < kMany; ++i) {
-            write_file(spool + "m" + std::to_string(i) + ".conf", "settings");
-            write_file(spool + "m" + std::to_string(i) + ".txt", mails[static_cast<std::size_t>(i)]);
+            write_file(kSpool + "m" + std::to_string(i) + ".conf", "settings");
+            write_file(kSpool + "m" + std::to_string(i) + ".txt", mails[static_cast<std::size_t>(i)]);
         }
         EXPECT_THAT(ask_at_once(hos_sendmail_handler, requests), Each(std::optional<std::string>("{\"result\":0}\n")));
         strings sent;
@@ -169,7 +185,7 @@ TEST_F(AtOnceTest, EveryMailIsSentAndRecordedAndTheLastRecordIsWhole) {
         EXPECT_THAT(sent, UnorderedElementsAreArray(mails));
         EXPECT_EQ(records.count(), kMany);
         EXPECT_THAT(possible, Contains(read_file(kLogs + "sendmail.dbg")));
-        EXPECT_TRUE(fs::is_empty(spool));
+        EXPECT_TRUE(fs::is_empty(kSpool));
     }
 }
 

@@ -43,6 +43,10 @@ strings files_in(const std::string& folder) {
     return names;
 }
 
+std::string one_rule_request(const std::string& action, const std::string& guid) {
+    return R"({"action":")" + action + R"(","rule_list":[{"GUID":")" + guid + R"(","port":1,"des_port":2}]})";
+}
+
 class ReverseProxyTest : public HandlerTest {
 protected:
     void SetUp() override {
@@ -236,9 +240,7 @@ TEST_F(ReverseProxyTest, AnIdentityThatNamesNoFileOfTheFolderTouchesNothing) {
     write_file(kExtra + "sub/victim.conf", "untouched");
     for (const std::string guid : {"../victim", "sub/victim", "/etc/victim", "./victim", "x\\u0000y"}) {
         for (const std::string action : {"add", "delete"}) {
-            EXPECT_EQ(ask(hos_reverse_proxy_handler, R"({"action":")" + action + R"(","rule_list":[{"GUID":")" + guid +
-                                                         R"(","port":1,"des_port":2}]})"),
-                      kDone);
+            EXPECT_EQ(ask(hos_reverse_proxy_handler, one_rule_request(action, guid)), kDone) << action << guid;
         }
     }
     EXPECT_EQ(read_file("/etc/reverseproxy_vexsurveillance/victim.conf"), "untouched");
