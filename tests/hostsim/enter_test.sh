@@ -98,7 +98,18 @@ check "SIGKILL takes everything along" "$(eventually is_gone && echo gone)" gone
 if [ "$(id -u)" = 0 ] && command -v setpriv >/dev/null; then
     user=(setpriv --reuid=65534 --regid=65534 --clear-groups)
     if "${user[@]}" unshare --user --map-root-user --mount --pid --fork true 2>/dev/null; then
-        check "an ordinary user enters as root" "$("${user[@]}" "${enter[@]}" sh -c 'id -u; echo a >/etc/hostsim_probe &&
+        # The project may stand in a folder that is closed to others, such as root's home: the user gets it elsewhere.
+        as_user() {
+            unshare --mount sh -c 'set -e; project=$1 build=$2; shift 2
+                mount -t tmpfs -o mode=755 none /mnt
+                mkdir /mnt/project /mnt/build
+                mount --bind "$project" /mnt/project
+                mount --bind "$build" /mnt/build
+                cd /mnt
+                exec "$@"' sh "${enter[0]%/hostsim/enter}" "$build" \
+                "${user[@]}" /mnt/project/hostsim/enter --build /mnt/build "$@"
+        }
+        check "an ordinary user enters as root" "$(as_user sh -c 'id -u; echo a >/etc/hostsim_probe &&
             cat /etc/hostsim_probe; /sbin/cfgread CP_APP tvLounge -f /etc/kos.ui.cp.conf; exit 4'; echo $?)" "0
 a
 1
