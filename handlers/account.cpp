@@ -101,7 +101,7 @@ private:
     static void release(char** list) {
         Dl_info object = {};
         if (::dladdr(list, &object) == 0) {
-            std::free(list); // NOLINT(cppcoreguidelines-no-malloc): from the library's malloc()
+            std::free(list);
         }
     }
 
