@@ -13,6 +13,7 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <utility>
 
 namespace {
 
@@ -111,6 +112,18 @@ TEST(IoTest, MappingIsSharedAndWritable) {
     char bytes[3];
     EXPECT_EQ(pread(io->memfd, bytes, 3, 0), 3);
     EXPECT_EQ(memcmp(bytes, "abc", 3), 0);
+}
+
+TEST(IoTest, SyncMapsTheFileThatTheObjectHasNowEvenOneOfTheSameSize) {
+    const unique_io io = make();
+    const unique_io other = make();
+    ASSERT_EQ(ks_io_write(io.get(), "first", 5), 5);
+    ASSERT_EQ(ks_io_write(other.get(), "other", 5), 5);
+    size_t size = 0;
+    ASSERT_EQ(std::string(static_cast<const char*>(ks_io_read(io.get(), &size)), 5), "first");
+    std::swap(io->memfd, other->memfd);
+    ks_io_sync(io.get());
+    EXPECT_EQ(std::string(static_cast<const char*>(io->shared_data), io->shared_size), "other");
 }
 
 TEST(IoTest, SyncPutsTheOffsetAtTheEnd) {

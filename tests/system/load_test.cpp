@@ -207,7 +207,7 @@ TEST_F(LoadTest, EveryCallerGetsItsOwnAnswerAndNothingStaysBehind) {
     EXPECT_TRUE(fs::is_empty(kMailSpool)) << "a mail that was sent leaves the spool";
     std::string reply;
     EXPECT_EQ(call_service(kMain, "test", "", &reply), 0U);
-    EXPECT_EQ(daemon_.stop(), 0);
+    EXPECT_EQ(daemon_.stop(), 0) << daemon_.standard_error();
     printf(
         "%ld clients, %ld s: %ld right answers, %ld of them to spoilt requests, %ld wrong; %zu descriptors, %zu threads\n",
         clients, static_cast<long>(duration.count()), total->right.load(), total->spoilt.load(), total->wrong.load(),
