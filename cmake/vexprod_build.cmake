@@ -38,6 +38,14 @@ if(VEXPROD_SANITIZE)
 else()
     add_link_options(-Wl,-z,relro -Wl,-z,now)
 endif()
+if(VEXPROD_SANITIZE MATCHES thread)
+    # An object, not an archive: the sanitizer's library comes first and has a definition of its own.
+    add_library(vexprod_thread_sanitizer OBJECT "${CMAKE_CURRENT_LIST_DIR}/thread_sanitizer.c")
+    set_target_properties(vexprod_thread_sanitizer PROPERTIES POSITION_INDEPENDENT_CODE ON)
+    # It is also in the programs that are not instrumented.
+    target_compile_options(vexprod_thread_sanitizer PRIVATE -fno-sanitize=all)
+    link_libraries(vexprod_thread_sanitizer)
+endif()
 if(VEXPROD_COVERAGE)
     # Atomic counters: the code under test runs in many threads.
     add_compile_options(--coverage -fprofile-update=atomic)

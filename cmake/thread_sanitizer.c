@@ -1,0 +1,9 @@
+/* Thread-sanitizer builds only: what the sanitizer cannot know, for every program, however it is started. */
+
+const char* __tsan_default_suppressions(void);
+
+const char* __tsan_default_suppressions(void) {
+    /* dlopen(3) and dlclose(3) are for all threads. The lock that orders them is the loader's own, which the sanitizer
+     * does not see: a library's last dlclose() frees what another thread's dlopen() has made. */
+    return "race:_dl_close_worker\n";
+}
