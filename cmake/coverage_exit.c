@@ -1,7 +1,9 @@
 /* Coverage builds only: write the counters also where a process ends without running its exit handlers. Forked workers
  * end by _exit(), contract violations by abort(), a crashed daemon by raise(). The linker sends those calls here. */
+#include <fcntl.h>
 #include <signal.h>
 #include <stdlib.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 void __gcov_dump(void);
@@ -17,7 +19,24 @@ void __wrap__exit(int status) {
     __real__exit(status);
 }
 
+/* A process that aborts may have used up what writing takes; and what it has said on standard error stays its last
+ * word, whatever the writing has to complain of. */
+static void make_room(void) {
+    const int limits[] = {RLIMIT_NOFILE, RLIMIT_AS, RLIMIT_FSIZE};
+    for (size_t i = 0; i < sizeof limits / sizeof *limits; ++i) {
+        struct rlimit limit = {0};
+        (void)getrlimit((__rlimit_resource_t)limits[i], &limit);
+        limit.rlim_cur = limit.rlim_max;
+        (void)setrlimit((__rlimit_resource_t)limits[i], &limit);
+    }
+    const int nowhere = open("/dev/null", O_WRONLY | O_CLOEXEC);
+    if (nowhere >= 0) {
+        (void)dup2(nowhere, STDERR_FILENO);
+    }
+}
+
 void __wrap_abort(void) {
+    make_room();
     __gcov_dump();
     __real_abort();
 }
