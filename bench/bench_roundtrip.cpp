@@ -68,7 +68,7 @@ void plain(benchmark::State& state, size_t size) {
             break;
         }
     }
-    state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * size));
+    state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(size));
 }
 
 void call(benchmark::State& state, size_t size) {
@@ -80,7 +80,7 @@ void call(benchmark::State& state, size_t size) {
             break;
         }
     }
-    state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * size));
+    state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(size));
 }
 
 void add(const std::string& label, size_t size, int callers) {
