@@ -32,7 +32,8 @@ void unmap(ks_io* io) {
     io->shared_size = 0;
 }
 
-// Maps the file's first `size` bytes, size > 0, in the place of what `io` has mapped. Leaves it unmapped when that fails.
+// Maps the file's first `size` bytes, size > 0, in the place of what `io` has mapped. Leaves it unmapped when that
+// fails.
 bool map(ks_io* io, size_t size) {
     void* place = nullptr;
     if (io->shared_data != nullptr && io->shared_size == size) {
