@@ -21,23 +21,27 @@ void __wrap__exit(int status) {
 
 /* A process that aborts may have used up what writing takes; and what it has said on standard error stays its last
  * word, whatever the writing has to complain of. */
-static void make_room(void) {
+static int make_room(void) {
     const int limits[] = {RLIMIT_NOFILE, RLIMIT_AS, RLIMIT_FSIZE};
     for (size_t i = 0; i < sizeof limits / sizeof *limits; ++i) {
         struct rlimit limit = {0};
-        (void)getrlimit((__rlimit_resource_t)limits[i], &limit);
-        limit.rlim_cur = limit.rlim_max;
-        (void)setrlimit((__rlimit_resource_t)limits[i], &limit);
+        if (getrlimit((__rlimit_resource_t)limits[i], &limit) == 0) {
+            limit.rlim_cur = limit.rlim_max;
+            (void)setrlimit((__rlimit_resource_t)limits[i], &limit);
+        }
     }
+    const int standard_error = fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
     const int nowhere = open("/dev/null", O_WRONLY | O_CLOEXEC);
     if (nowhere >= 0) {
         (void)dup2(nowhere, STDERR_FILENO);
     }
+    return standard_error;
 }
 
 void __wrap_abort(void) {
-    make_room();
+    const int standard_error = make_room();
     __gcov_dump();
+    (void)dup2(standard_error, STDERR_FILENO); /* a handler of SIGABRT may still write there */
     __real_abort();
 }
 

@@ -94,7 +94,7 @@ void stop_service(int /*signum*/) {
 }
 
 // The dump allocates. After a crash inside malloc() it may wait for ever, and then the alarm ends the process; or it
-// may crash as well, which abort() reports to this handler again: then there is no more to be had. A second thread that
+// may crash as well, which is reported to this handler again: then there is no more to be had. A second thread that
 // crashes lets the first one finish.
 void dump_backtrace_service(int /*signum*/) {
     static pid_t dumping = 0;
@@ -107,10 +107,12 @@ void dump_backtrace_service(int /*signum*/) {
         (void)raise(SIGKILL);
     }
     (void)signal(SIGALRM, [](int) { (void)raise(SIGKILL); });
-    sigset_t alarm_alone;
-    sigemptyset(&alarm_alone);
-    sigaddset(&alarm_alone, SIGALRM);
-    pthread_sigmask(SIG_UNBLOCK, &alarm_alone, nullptr);
+    sigset_t ends;
+    sigemptyset(&ends);
+    for (const int each : {SIGALRM, SIGSEGV, SIGABRT}) {
+        sigaddset(&ends, each);
+    }
+    pthread_sigmask(SIG_UNBLOCK, &ends, nullptr);
     (void)alarm(kCrashSeconds);
     vexprod_debug_backtrace_dump();
     (void)raise(SIGKILL);

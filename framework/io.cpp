@@ -32,19 +32,10 @@ void unmap(ks_io* io) {
     io->shared_size = 0;
 }
 
-// Maps the file's first `size` bytes, size > 0, in the place of what `io` has mapped. Leaves it unmapped when that
-// fails.
+// Maps the file's first `size` bytes, size > 0. Leaves `io` unmapped when that fails.
 bool map(ks_io* io, size_t size) {
-    void* place = nullptr;
-    if (io->shared_data != nullptr && io->shared_size == size) {
-        place = io->shared_data; // one call instead of two, and every request comes by here four times
-    } else {
-        unmap(io);
-    }
-    void* data =
-        mmap(place, size, PROT_READ | PROT_WRITE, MAP_SHARED | (place != nullptr ? MAP_FIXED : 0), io->memfd, 0);
+    void* data = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, io->memfd, 0);
     if (data == MAP_FAILED) {
-        unmap(io);
         return false;
     }
     io->shared_data = data;
@@ -92,11 +83,8 @@ bool io_try_sync(ks_io* io) {
         return true;
     }
     const off_t size = lseek(io->memfd, 0, SEEK_END);
-    if (size <= 0) { // empty, or no file that could be mapped
-        unmap(io);
-        return true;
-    }
-    return map(io, (size_t)size);
+    unmap(io);
+    return size <= 0 || map(io, (size_t)size); // not positive: empty, or no file that could be mapped
 }
 
 void io_reset(ks_io* io) {

@@ -24,7 +24,7 @@ namespace {
 constexpr int kFrames = 50;
 constexpr int kOwnFrames = 2; // the reporter's and ks_signal_handler()'s
 constexpr int kCrashSignals[] = {SIGABRT, SIGBUS, SIGFPE, SIGSEGV};
-constexpr size_t kLineSize = 8192;  // a path and a mangled name
+constexpr size_t kLineSize = 4096;  // on the stack of the thread that crashed
 constexpr size_t kRecordSize = 960; // what a record of the kernel log surely holds
 
 void install(int signum, int flags, void (*handler)(int)) {
@@ -119,6 +119,16 @@ void report_frames(int symbols_fd, ks_io* report) {
     }
 }
 
+void add_description(line_buffer* line, int sig) {
+    const char* known = sigdescr_np(sig);
+    if (known != nullptr) {
+        line->add(known);
+    } else {
+        line->add("Unknown signal ");
+        line->add_number((unsigned)sig, 1);
+    }
+}
+
 // The kernel takes one record a write, of at most about a thousand bytes, and a few records in five seconds: as many
 // whole lines at a time as a record holds.
 void copy_lines(const char* text, size_t size, int log_fd) {
@@ -174,15 +184,9 @@ void ks_backtrace(void) {
 
 // NOLINTNEXTLINE(bugprone-reserved-identifier): the callers' name for it
 __attribute__((noinline)) void _ks_backtrace(int sig) {
-    const char* known = sigdescr_np(sig);
-    line_buffer name = {};
-    if (known != nullptr) {
-        name.add(known);
-    } else {
-        name.add("Unknown signal ");
-        name.add_number((unsigned)sig, 1);
-    }
-    line_buffer line = name;
+    line_buffer line;
+    line.size = 0;
+    add_description(&line, sig);
     line.end();
     if (write(STDERR_FILENO, line.text, line.size) < 0) {
         // The kernel log matters more.
@@ -204,7 +208,8 @@ __attribute__((noinline)) void _ks_backtrace(int sig) {
     report.memfd = -1;
     report.sockfd = -1;
     report.passfd = -1;
-    line = name;
+    line.size = 0;
+    add_description(&line, sig);
     line.add(" (pid ");
     line.add_number((unsigned)getpid(), 1);
     line.add(") ");

@@ -30,7 +30,7 @@ using auth_get_session_function = int(const char* session_id, int type, char* re
 // @param ret_list   One block from the heap, the caller's to free; may be set even on failure.
 // @return Negative = failure.
 using list_function = int(char** ret_list, int, int, void*, std::int32_t* ret_count);
-// @param ret_list  Receives the address of an array of as many pointers, like the two other lists. See group_members.
+// @param ret_list  Receives the address of an array of pointers, one a member; but see group_members.
 // @return The number of members; negative = failure.
 using member_list_function = int(const char* group, char*** ret_list);
 
@@ -58,9 +58,10 @@ using get_sms_config_function = int(sms_settings* ret_settings);
 // Calls the library for the members of a group and reads what it left, while the library is still loaded: what the
 // entries stand in may be its own.
 //
-// Hosts differ in one thing that their headers do not show: most answer with the address of a list, some fill the list
-// that they are given. The latter would write over the caller's stack if they got no more than a pointer, so all get
-// cleared room for more members than a group may have, of which an address takes the first entry.
+// The library answers with the address of a list. One that fills the list that it is given instead, as its headers may
+// be read as well, would write over the caller's stack if it got no more than a pointer; so it gets room for a list, of
+// which an address takes the first entry only. The further ones are marked, which tells the two apart, except that the
+// one entry of a group with one member is always taken for an address.
 class group_members {
 public:
     explicit group_members(const char* group) {
@@ -69,20 +70,21 @@ public:
         if (list == nullptr) {
             return;
         }
-        std::vector<char**> room(kMostMembers);
+        char* mark = nullptr;
+        std::vector<char**> room(kMostMembers, &mark);
+        room[0] = nullptr;
         count_ = list(group, room.data());
         if (count_ <= 0) {
             release(room[0]);
             return;
         }
         const auto count = static_cast<std::size_t>(count_);
-        const auto in_room = static_cast<std::ptrdiff_t>(std::min(count, kMostMembers));
-        if (std::any_of(room.begin() + 1, room.begin() + in_room, [](char** entry) { return entry != nullptr; })) {
-            set_.resize(count);
-            std::transform(room.begin(), room.begin() + in_room, set_.begin(),
-                           [](char** entry) { return entry != nullptr; });
+        set_.resize(count);
+        if (room[1] != &mark) {
+            for (std::size_t i = 0; i < std::min(count, kMostMembers); ++i) {
+                set_[i] = room[i] != nullptr && room[i] != &mark;
+            }
         } else if (room[0] != nullptr) {
-            set_.resize(count);
             std::transform(room[0], room[0] + count, set_.begin(), [](const char* entry) { return entry != nullptr; });
             release(room[0]);
         } else {

@@ -8,7 +8,9 @@ unique_fd create_anew(const char* path, mode_t mode) {
     constexpr int kMostTries = 100; // against somebody who plants the name again and again
     int fd = -1;
     for (int tries = 0; fd < 0 && tries < kMostTries; ++tries) {
-        (void)::unlink(path); // whether it worked shows in the next line
+        if (::unlink(path) != 0 && errno != ENOENT) {
+            break;
+        }
         fd = ::open(path, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode);
         if (fd < 0 && errno != EEXIST) {
             break;

@@ -8,7 +8,7 @@
 
 /// Removes what stands at `path`, then creates a file of its own there and opens it for writing. Whatever was planted
 /// at the name (a link, a file that somebody else owns or holds open) neither receives the content nor lends its mode.
-/// Of several callers at once each gets a file; the name is that of the last.
+/// Of a few callers at once each gets a file; the name is that of the last.
 /// @return Nothing and errno when the file cannot be created.
 unique_fd create_anew(const char* path, mode_t mode);
 

@@ -25,7 +25,8 @@ namespace {
 
 constexpr off_t kLargestUnrotatedBytes = 0x7FFFF;
 constexpr std::size_t kMessageLimit = 2047; // with its NUL
-constexpr std::size_t kLineSize = 2048;
+constexpr std::size_t kLineSize = 2048;     // with its NUL, were it written
+constexpr std::size_t kPrefixRoom = 64;
 constexpr std::size_t kStampLength = 20; // of ctime's 24 characters: without the year, but with the blank before it
 
 // What stands before the message, "[<pid>] [<stamp>] ". ctime() looks at TZ and the host's zone file every time, which
@@ -34,7 +35,7 @@ struct line_prefix {
     std::time_t second = -1;
     pid_t pid = 0; // a forked process has another
     std::size_t length = 0;
-    char text[64] = {};
+    char text[kPrefixRoom] = {};
 };
 
 // Writes the present second as ctime() does, cut after its 20th character.
@@ -83,30 +84,30 @@ const line_prefix& current_prefix() {
     return cached;
 }
 
-// Appends one line to `file`. The message is formatted where it stands in the line: copying it costs as much as
-// reading the clock.
+// Appends one line to `file`. The message is formatted first and where it will stand in the line, with room for the
+// prefix before it: copying it would cost as much as reading the clock.
 void write_line(const char* file, const char* fmt, std::va_list arguments) {
     const int saved_errno = errno;
+    std::array<char, kPrefixRoom + kLineSize> buffer;
+    char* const message = buffer.data() + kPrefixRoom;
+    *message = '\0';
+    (void)std::vsnprintf(message, kMessageLimit, fmt, arguments);
     log_file_rotation(file);
     const line_prefix& prefix = current_prefix();
     const unique_fd log =
         above_standard_streams(unique_fd(::open(file, O_RDWR | O_CREAT | O_APPEND | O_CLOEXEC, 0666)));
-    errno = saved_errno; // for %m
-    if (!log.ok()) {
-        return;
+    if (log.ok()) {
+        char* const line = message - prefix.length;
+        std::memcpy(line, prefix.text, prefix.length);
+        std::size_t length = prefix.length + ::strnlen(message, kMessageLimit);
+        if (length < kLineSize - 1) {
+            line[length++] = '\n';
+        } else {
+            length = kLineSize - 1; // a longer line loses its end, the newline first
+        }
+        // One write, so that no other line comes in between; one that fails is lost like one that cannot be opened.
+        [[maybe_unused]] const ssize_t written = ::write(log.get(), line, length);
     }
-    std::array<char, kLineSize> line;
-    char* const message = std::copy_n(prefix.text, prefix.length, line.data());
-    const std::size_t room = line.size() - 1 - prefix.length; // a longer line loses its end, the newline first
-    const int wanted = std::vsnprintf(message, std::min(kMessageLimit, room + 1), fmt, arguments);
-    const std::size_t length = std::min({static_cast<std::size_t>(std::max(wanted, 0)), kMessageLimit - 1, room});
-    char* end = message + length;
-    if (length < room) {
-        *end++ = '\n';
-    }
-    // One write, so that no other line comes in between; one that fails is lost like one that cannot be opened.
-    [[maybe_unused]] const ssize_t written =
-        ::write(log.get(), line.data(), static_cast<std::size_t>(end - line.data()));
     errno = saved_errno;
 }
 

@@ -408,13 +408,18 @@ TEST_F(EventsSystemTest, ACrashSignalLeavesTheStackInTheLogAndKillsTheDaemon) {
 }
 
 TEST_F(EventsSystemTest, ACrashInTheDumpStillEndsInTheKill) {
-    for (const int signal : {SIGSEGV, SIGABRT}) {
+    for (const auto& [signal, faults] :
+         {std::pair(SIGSEGV, false), std::pair(SIGABRT, false), std::pair(SIGSEGV, true), std::pair(SIGABRT, true)}) {
         // A sanitizer's library wants to be the first one, unless told otherwise.
         const char* given = getenv("ASAN_OPTIONS");
         const std::string asan_options = given != nullptr ? given : "";
         setenv("ASAN_OPTIONS", (asan_options + ":verify_asan_link_order=0").c_str(), 1);
         setenv("LD_PRELOAD", BROKEN_SYMBOLS, 1);
+        if (faults) {
+            setenv("BROKEN_SYMBOLS_FAULT", "1", 1);
+        }
         daemon_process daemon;
+        unsetenv("BROKEN_SYMBOLS_FAULT");
         unsetenv("LD_PRELOAD");
         setenv("ASAN_OPTIONS", asan_options.c_str(), 1);
         ASSERT_TRUE(daemon.serves()) << daemon.standard_error();
