@@ -4,7 +4,7 @@ const char* __tsan_default_suppressions(void);
 
 const char* __tsan_default_suppressions(void) {
     /* dlopen(3) and dlclose(3) are for all threads. The lock that orders them is the loader's own, which the sanitizer
-     * does not see: a library's last dlclose() frees what another thread's dlopen() has made. By the loader's file name,
-     * because where its debug symbols are not installed its functions have no names. */
+     * does not see: a library's last dlclose() frees what another thread's dlopen() has made. By the loader's file
+     * name, because where its debug symbols are not installed its functions have no names. */
     return "race:/ld-linux\n";
 }
