@@ -42,10 +42,6 @@ std::string json_write_compact(const Json::Value& value) {
     return Json::FastWriter().write(value);
 }
 
-std::string json_write_styled(const Json::Value& value) {
-    return Json::StyledWriter().write(value);
-}
-
 #pragma GCC diagnostic pop
 
 bool json_parse_stream(const std::string& text, Json::Value* ret_root, std::string* ret_error) {

@@ -32,8 +32,6 @@ bool json_parse_stream(const std::string& text, Json::Value* ret_root, std::stri
 
 /// @return `value` without indentation, keys sorted, and a line feed: the form of all replies but one.
 std::string json_write_compact(const Json::Value& value);
-/// @return `value` indented by three blanks, and a line feed.
-std::string json_write_styled(const Json::Value& value);
 /// @return `value` as the newer writer's defaults give it: indented by a tab, no line feed at the end.
 std::string json_write_stream(const Json::Value& value);
 

@@ -23,7 +23,7 @@ __attribute__((noinline)) int crash_probe_innermost(int signal) {
 }
 
 // One frame a call: the volatile variable keeps the optimiser from making a loop of it.
-__attribute__((noinline)) int crash_probe_descend(int calls) { // NOLINT(misc-no-recursion)
+__attribute__((noinline)) int crash_probe_descend(int calls) {
     volatile int deeper = 0;
     deeper = calls > 0 ? crash_probe_descend(calls - 1) : crash_probe_innermost(fatal_signal);
     return deeper + 1;
