@@ -9,6 +9,8 @@
 #include <array>
 #include <cstdio>
 #include <string>
+#include <sys/stat.h>
+#include <unistd.h>
 
 namespace {
 
@@ -19,17 +21,18 @@ struct mail {
     std::array<char, 256> content_path;
 };
 
-/// The path of `name` in the spool folder, cut to the buffer.
+// The path of `name` in the spool folder, cut to the buffer.
 std::array<char, 256> spool_path(const std::string& name) {
     std::array<char, 256> path{};
     (void)std::snprintf(path.data(), path.size(), "%s/%s", kMailSpool, name.c_str());
     return path;
 }
 
-/// @return The mail program's wait status; -1 when a spool file is missing, and then the log is gone as well.
-int run_mail_program(const mail& m) {
+// Runs the mail program with its output and errors in `log_file`.
+// @return Its wait status; -1 when a spool file is missing.
+int run_mail_program(const mail& m, const char* log_file) {
     if (m.user.empty() || m.password.empty()) {
-        return lyn_vexprod_corvo_exec_v2(m.content_path.data(), kMailLog, kMailLog, nullptr, kMailProgram, "-C",
+        return lyn_vexprod_corvo_exec_v2(m.content_path.data(), log_file, log_file, nullptr, kMailProgram, "-C",
                                          m.config_path.data(), "-t", nullptr);
     }
     // KEPT: the password goes under the user's option, and the program reads the configuration, not the mail: callers
@@ -38,12 +41,33 @@ int run_mail_program(const mail& m) {
     std::array<char, 64> password_option{};
     (void)std::snprintf(user_option.data(), user_option.size(), "-au%s", m.user.c_str());
     (void)std::snprintf(password_option.data(), password_option.size(), "-au%s", m.password.c_str());
-    return lyn_vexprod_corvo_exec_v2(m.config_path.data(), kMailLog, kMailLog, nullptr, kMailProgram,
+    return lyn_vexprod_corvo_exec_v2(m.config_path.data(), log_file, log_file, nullptr, kMailProgram,
                                      user_option.data(), password_option.data(), "-C", m.config_path.data(), "-t",
                                      nullptr);
 }
 
-/// Leaves a record of the run. It holds the password in clear, so it alone of the records is for root's eyes only.
+// The same with a fresh log, of which nothing is left when a spool file is missing.
+int run_with_fresh_log(const mail& m) {
+    const unique_fd log = create_anew(kMailLog, 0774);
+    // Not by its name, where somebody may have put a link by the time the runner opens it.
+    const std::string log_file = "/proc/self/fd/" + std::to_string(log.get());
+    const int status = run_mail_program(m, log_file.c_str());
+    if (status == -1) {
+        (void)::unlink(kMailLog);
+    }
+    return status;
+}
+
+// Moves what the request names as a file out of the spool. A folder stays, and with it the mails that wait in it; so
+// does what cannot be moved, which is its caller's to see.
+void move_out_of_spool(const char* path, const char* to) {
+    struct stat status = {};
+    if (::lstat(path, &status) == 0 && !S_ISDIR(status.st_mode)) {
+        (void)std::rename(path, to);
+    }
+}
+
+// Leaves a record of the run. It holds the password in clear, so it alone of the records is for root's eyes only.
 void write_record(const mail& m, int status) {
     const unique_fd record = create_anew(kMailRecord, 0600);
     if (record.ok()) {
@@ -71,10 +95,9 @@ int hos_sendmail_handler(ks_io* io, int /*fd*/) {
         m.config_path = spool_path(config_file);
         m.content_path = spool_path(content_file);
         dbg_printf2("[%s][%d] exec sendmail start.", __func__, __LINE__);
-        const int status = run_mail_program(m);
-        // Empties the spool. What cannot be moved stays there, which is its caller's to see.
-        (void)std::rename(m.config_path.data(), kMailLastConfig);
-        (void)std::rename(m.content_path.data(), kMailLastContent);
+        const int status = run_with_fresh_log(m);
+        move_out_of_spool(m.config_path.data(), kMailLastConfig);
+        move_out_of_spool(m.content_path.data(), kMailLastContent);
         call.reply()["result"] = status;
         write_record(m, status);
         dbg_printf2("[%s][%d] str_conf_path=[%s].", __func__, __LINE__, m.config_path.data());
