@@ -92,8 +92,8 @@ public:
         }
     }
 
-    [[nodiscard]] int count() const noexcept { return count_; } ///< Negative = failure.
-    /// Whether the entry of member `index` is set.
+    [[nodiscard]] int count() const noexcept { return count_; } // Negative = failure.
+    // Whether the entry of member `index` is set.
     [[nodiscard]] bool is_set(int index) const { return set_[static_cast<std::size_t>(index)]; }
 
 private:

@@ -22,7 +22,7 @@ std::string ban_list_text(const std::string& ip_list) {
     return text + "allow from all\n</LocationMatch>\n";
 }
 
-/// @return True when at least something was written: the list is one write, and the server reads it from then on.
+// @return True when at least something was written: the list is one write, and the server reads it from then on.
 bool write_ban_list(const std::string& text) {
     static std::mutex one_at_a_time; // two lists written at once would mix in the file
     const std::lock_guard lock(one_at_a_time);

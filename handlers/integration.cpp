@@ -21,7 +21,7 @@
 
 namespace {
 
-/// The path of `file` in the folder that the registry names for `package`, cut to the buffer; empty without an entry.
+// The path of `file` in the folder that the registry names for `package`, cut to the buffer; empty without an entry.
 template <std::size_t size>
 std::array<char, size> installed_file(const char* package, const char* file) {
     std::array<char, size> path{};
@@ -168,7 +168,7 @@ int hos_return_handler(ks_io* io, int /*fd*/) {
 
 namespace {
 
-/// What the reply of "cmv_cli" always tells, also to a request that was rejected.
+// What the reply of "cmv_cli" always tells, also to a request that was rejected.
 struct viewer_answer {
     bool failed = true;
     std::string output;
@@ -177,7 +177,7 @@ struct viewer_answer {
     bool enabled = false;
 };
 
-/// Takes "cmd". @return False with the rejection in the reply. Departs from the template: the trace shows the request.
+// Takes "cmd". @return False with the rejection in the reply. Departs from the template: the trace shows the request.
 bool take_viewer_command(handler_call& call, const ks_io* io, std::string* ret_command) {
     const std::string text = request_text(io);
     Json::Value request;
@@ -206,7 +206,7 @@ std::string viewer_missing_text(const char* path, int error) {
            std::to_string(error) + "]";
 }
 
-/// Runs the viewer's tool, if the viewer is installed. One that is not is an answer, no failure.
+// Runs the viewer's tool, if the viewer is installed. One that is not is an answer, no failure.
 void run_viewer_tool(handler_call& call, const std::string& command, viewer_answer* answer) {
     // KEPT: without an entry in the registry the tool is looked for in the root folder, and the answer names that path.
     std::string folder;

@@ -15,7 +15,7 @@
 
 namespace {
 
-/// "des_port": 0 when missing. The library would read null as 0 and a boolean as 0 or 1 as well.
+// "des_port": 0 when missing. The library would read null as 0 and a boolean as 0 or 1 as well.
 std::int32_t take_port(const Json::Value& rule) {
     const Json::Value value = rule.get("des_port", 0);
     if (!value.isNumeric()) {
@@ -24,7 +24,7 @@ std::int32_t take_port(const Json::Value& rule) {
     return value.asInt();
 }
 
-/// What the tool is told.
+// What the tool is told.
 struct container_arguments {
     std::string token;
     std::string id;
@@ -43,7 +43,7 @@ container_arguments take_container_arguments(const Json::Value& rule, const std:
     return taken;
 }
 
-/// The tool's whole vector for `action`; empty for an unknown one.
+// The tool's whole vector for `action`; empty for an unknown one.
 std::vector<std::string> tool_vector(const std::string& action, const container_arguments& container) {
     const std::string name = base_name(kContainerTool);
     if (action == "add") {
@@ -59,7 +59,7 @@ std::vector<std::string> tool_vector(const std::string& action, const container_
     return {};
 }
 
-/// Runs the tool. @return False when it failed: the request then ends without a reply.
+// Runs the tool. @return False when it failed: the request then ends without a reply.
 bool run_container_tool(handler_call& call, const std::vector<std::string>& argv) {
     for (std::size_t i = 0; i <= argv.size(); ++i) { // the terminator as well
         dbg_printf2("[%s][%d] argv[%d] = [%s]", call.function(), __LINE__, static_cast<int>(i),

@@ -19,14 +19,14 @@
 
 namespace {
 
-/// The file of the rule `guid`; empty for an identity that names no file of the rules' folder, which then fails as any
-/// other path does that cannot be opened. Callers choose identities freely, and the daemon is root.
+// The file of the rule `guid`; empty for an identity that names no file of the rules' folder, which then fails as any
+// other path does that cannot be opened. Callers choose identities freely, and the daemon is root.
 std::string rule_path(const std::string& guid) {
     const bool names_a_file = guid.find('/') == std::string::npos && guid.find('\0') == std::string::npos;
     return names_a_file ? kProxyRules + guid + ".conf" : "";
 }
 
-/// Replaces the rule's file. Failures are not reported: the proxy then goes on without the rule.
+// Replaces the rule's file. Failures are not reported: the proxy then goes on without the rule.
 void write_rule(const std::string& guid, const std::string& text) {
     const unique_fd file = create_anew(rule_path(guid).c_str(), 0644);
     if (!file.ok()) {
@@ -41,7 +41,7 @@ void write_rule(const std::string& guid, const std::string& text) {
     }
 }
 
-/// Calls `act` with each rule of "rule_list" that has an identity, in order.
+// Calls `act` with each rule of "rule_list" that has an identity, in order.
 template <class Act>
 void for_each_rule(const handler_call& call, const Json::Value& request, Act act) {
     const Json::Value rules = request.get("rule_list", Json::Value(Json::arrayValue));
@@ -70,11 +70,11 @@ void delete_rules(const handler_call& call, const Json::Value& request) {
 
 struct proxy_operation {
     const char* program;
-    std::vector<std::string> arguments; ///< After argument 0.
+    std::vector<std::string> arguments; // After argument 0.
 };
 
-/// What makes the proxy take the rules up: a start when rules were added and it does not run, else a reload, which is
-/// tried after every deletion.
+// What makes the proxy take the rules up: a start when rules were added and it does not run, else a reload, which is
+// tried after every deletion.
 proxy_operation choose_operation(const handler_call& call, const std::string& action) {
     struct stat status = {};
     if (action == "add" && ::stat(kProxyPidFile, &status) != 0) {
@@ -86,7 +86,7 @@ proxy_operation choose_operation(const handler_call& call, const std::string& ac
     return {kProxyProgram, {"-k", "graceful", "-f", kProxyConfig}};
 }
 
-/// The program's whole vector, argument 0 included.
+// The program's whole vector, argument 0 included.
 std::vector<std::string> traced_vector(const handler_call& call, const proxy_operation& operation) {
     std::vector<std::string> argv = {base_name(operation.program)};
     argv.insert(argv.end(), operation.arguments.begin(), operation.arguments.end());

@@ -5,7 +5,7 @@
 
 namespace {
 
-/// The library would read a missing member and null as 0 and a boolean as 0 or 1; a port has to be a number.
+// The library would read a missing member and null as 0 and a boolean as 0 or 1; a port has to be a number.
 std::int32_t take_port(const Json::Value& rule, const char* key) {
     const Json::Value& value = rule[key];
     if (!value.isNumeric()) {
@@ -14,7 +14,7 @@ std::int32_t take_port(const Json::Value& rule, const char* key) {
     return value.asInt();
 }
 
-/// The listening side of a TLS rule.
+// The listening side of a TLS rule.
 std::string tls_lines(const proxy_rule& rule, const tls_settings& tls) {
     std::string text = "\tSSLEngine on\n"
                        "\tSSLCipherSuite " +

@@ -17,7 +17,7 @@
 
 namespace {
 
-/// Rewrites the record of the last registration.
+// Rewrites the record of the last registration.
 void write_register_record(const std::string& command, const std::string& provide_id, int status) {
     std::array<char, 512> command_line{};
     (void)std::snprintf(command_line.data(), command_line.size(), "%s %s -p %s -c /share/.@analytic", kAnalyticTool,
@@ -29,7 +29,7 @@ void write_register_record(const std::string& command, const std::string& provid
     }
 }
 
-/// The agent's commands that are about a provider as such.
+// The agent's commands that are about a provider as such.
 int run_provider_command(const char* function, ks_io* io) {
     handler_call call(function, io);
     std::string provide_id;
@@ -41,7 +41,7 @@ int run_provider_command(const char* function, ks_io* io) {
     return call.send();
 }
 
-/// Runs a log tool; what it prints is not wanted.
+// Runs a log tool; what it prints is not wanted.
 int run_log_tool(const char* path, std::vector<std::string> arguments) {
     const argument_vector argv(first_slash_argv(path, std::move(arguments)));
     return lyn_vexprod_corvo_exec_v(nullptr, nullptr, nullptr, path, argv.data());

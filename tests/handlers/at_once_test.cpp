@@ -40,7 +40,7 @@ public:
         // Removals are watched so that two creations are never one event.
         EXPECT_GE(inotify_add_watch(watch_.get(), folder.c_str(), IN_CREATE | IN_DELETE), 0);
     }
-    /// @return Creations since the last call.
+    // @return Creations since the last call.
     int count() {
         int found = 0;
         alignas(inotify_event) char events[16384];

@@ -30,7 +30,7 @@ class RealProgramsTest : public HandlerTest {
 protected:
     static void SetUpTestSuite() { enter_private_network(); }
 
-    /// Asks until the answer begins with `start`: a graceful reload takes the servers a moment.
+    // Asks until the answer begins with `start`: a graceful reload takes the servers a moment.
     static bool answers(std::uint16_t port, const std::string& start, const char* source = "127.0.0.1") {
         return wait_until([&] { return http_get(port, source).rfind(start, 0) == 0; });
     }
@@ -115,7 +115,7 @@ class smtp_sink {
 public:
     [[nodiscard]] std::uint16_t port() const { return server_.port(); }
 
-    /// The mails so far: headers, empty line and body, each line ended by a line feed.
+    // The mails so far: headers, empty line and body, each line ended by a line feed.
     [[nodiscard]] strings mails() const {
         const std::lock_guard lock(mutex_);
         return mails_;
@@ -124,7 +124,7 @@ public:
         const std::lock_guard lock(mutex_);
         return recipients_;
     }
-    /// Whom the client signed in as; "none" before.
+    // Whom the client signed in as; "none" before.
     [[nodiscard]] std::string user() const {
         const std::lock_guard lock(mutex_);
         return user_;

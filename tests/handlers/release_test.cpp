@@ -21,7 +21,7 @@ struct asked {
 
 class ReleaseTest : public HandlerTest {
 protected:
-    /// Asks, and calls `look` exactly once on the way.
+    // Asks, and calls `look` exactly once on the way.
     template <class Look>
     static void expect_reply(const asked& each, Look look) {
         int looks = 0;

@@ -27,7 +27,7 @@ protected:
         HandlerTest::SetUp();
         tool.answers("foo");
     }
-    /// The vector that the tool gets for `action` and `rules`.
+    // The vector that the tool gets for `action` and `rules`.
     strings argv_for(const std::string& action, const std::string& rules) {
         tool.clear();
         tool.answers("foo");

@@ -58,7 +58,7 @@ protected:
         keeper.answers("");
         proxy.answers("");
     }
-    /// The file that an "add" of one rule with these further members leaves.
+    // The file that an "add" of one rule with these further members leaves.
     std::string rule_file(const std::string& members) {
         EXPECT_EQ(ask(hos_reverse_proxy_handler, R"({"action":"add","rule_list":[{"GUID":"g1",)" + members + "}]}"),
                   kDone);

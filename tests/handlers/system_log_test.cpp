@@ -26,7 +26,7 @@ struct analysis_case {
     const char* request;
     strings argv;
     const char* failure;
-    strings incomplete; ///< Requests that lack one key each, or have one of another type.
+    strings incomplete; // Requests that lack one key each, or have one of another type.
 };
 
 class CloudAnalysisTest : public HandlerTest {
