@@ -180,8 +180,7 @@ int hos_get_sess_id_handler(ks_io* io, int /*fd*/) {
     if (call.take({{"user", &user}, {"pwd", &password}})) {
         const std::string session_id = log_in(user, password);
         if (session_id.empty()) {
-            call.reject("get_sess_id fail");
-            call.reply()["error_code"] = -2; // tells a failed login from a bad request
+            call.reject("get_sess_id fail", -2); // tells a failed login from a bad request
         } else {
             call.reply()["error_code"] = 0; // in place of the usual "result"
             call.reply()["sid"] = session_id;

@@ -1,13 +1,15 @@
 // Programs that belong to an application package rather than to the host: the package centre's installation script and
 // this package's cloud agent.
 #include "argument_vector.h"
+#include "base64.h"
 #include "environment.h"
 #include "handler_call.h"
 #include "handlers.h"
-#include "host_config.h"
 #include "host_paths.h"
 #include "json_helpers.h"
 #include "log.h"
+#include "package_registry.h"
+#include "stream_request.h"
 #include "tool_run.h"
 
 #include <cstddef>
@@ -17,11 +19,6 @@
 #include <vector>
 
 namespace {
-
-// `folder` and a path below it, as a C text of at most `most_characters`.
-std::string path_below(const std::string& folder, const char* below, std::size_t most_characters) {
-    return (folder.c_str() + std::string(below)).substr(0, most_characters);
-}
 
 struct install_request {
     std::string sys_install_folder;
@@ -39,21 +36,17 @@ bool take_text(const Json::Value& request, const char* key, std::string* ret_tex
     return true;
 }
 
-// @param ret_error  What the log says when the request is refused.
-bool read_install_request(const std::string& text, install_request* ret_request, std::string* ret_error) {
+// Takes the request's members. @return False with the rejection in the reply.
+bool take_install_request(handler_call& call, const ks_io* io, install_request* ret_request) {
     Json::Value request;
-    if (!json_parse_stream(text, &request, ret_error)) {
-        return false;
-    }
-    if (!request.isObject()) {
-        *ret_error = "not an object";
+    if (!parse_stream_request(call, io, &request)) {
         return false;
     }
     std::string install_volume; // may be in the request, and is not used
     if (!take_text(request, "sys_install_folder", &ret_request->sys_install_folder) ||
         !take_text(request, "app_file_path", &ret_request->app_file_path) ||
         !take_text(request, "install_volume", &install_volume)) {
-        *ret_error = "not a text";
+        refuse_stream_request(call, "not a text"); // where other commands end without a reply
         return false;
     }
     return true;
@@ -78,14 +71,6 @@ bool read_agent_request(const std::string& text, std::vector<std::string>* ret_a
     return true;
 }
 
-// @return The agent's tool; empty when the registry does not know where the package is.
-std::string agent_cli_path() {
-    constexpr std::size_t kMostCharacters = 511;
-    std::string install_path;
-    const bool found = ks_get_ini_info(kPackageRegistry, kPackage, kInstallPathField, install_path) != 0;
-    return found ? path_below(install_path, kAgentCli, kMostCharacters) : std::string();
-}
-
 } // namespace
 
 // "install_app": has the package centre install a package file.
@@ -93,23 +78,16 @@ int hos_install_app_handler(ks_io* io, int /*fd*/) {
     constexpr std::size_t kMostCharacters = 1023;
     handler_call call(__func__, io);
     install_request request;
-    std::string error;
-    if (!read_install_request(request_text(io), &request, &error)) {
-        dbg_printf2("[%s][%d] parse strInputArg failed, error=[%s]", __func__, __LINE__, error.c_str());
-        call.reject("input error");
+    if (!take_install_request(call, io, &request)) {
         return call.send();
     }
     // KEPT: for the daemon itself, and for good. The script does not get it: its environment is empty.
     (void)environment_set("ZPKGD", "ALLOW");
 
-    const std::string script = path_below(request.sys_install_folder, kInstallScript, kMostCharacters);
+    const std::string folder = request.sys_install_folder.c_str(); // ends at its first NUL
+    const std::string script = (folder + '/' + kInstallScript).substr(0, kMostCharacters);
     const std::vector<std::string> argv = {base_name(script.c_str()), "install", request.app_file_path};
-    int index = 0;
-    for (const std::string& argument : argv) {
-        dbg_printf2("[%s][%d] argv[%d] = [%s]", __func__, __LINE__, index++, argument.c_str());
-    }
-    dbg_printf2("[%s][%d] argv[%d] = [%s]", __func__, __LINE__, index, "(null)"); // the vector's end is shown as well
-
+    trace_arguments(__func__, argv);
     tool_run run = run_tool(script, argv);
     const std::string output = run.output.read_all();
     if (run.status != 0) {
@@ -129,12 +107,11 @@ int hos_install_app_handler(ks_io* io, int /*fd*/) {
 // "vex_agent_cli": passes a list of arguments to the cloud agent's own tool.
 int vex_agent_cli_handler(ks_io* io, int /*fd*/) {
     handler_call call(__func__, io);
-    const std::string path = agent_cli_path();
+    const std::string path = installed_file(kPackage, kAgentCli);
     struct stat st = {};
     if (stat(path.c_str(), &st) != 0) { // before the request is looked at
         dbg_printf2("[%s][%d] vex_agent_cli_path does not exist: %s", __func__, __LINE__, path.c_str());
-        call.fail("vex_agent_cli_path does not exist");
-        call.reply()["result"] = -4;
+        call.fail("vex_agent_cli_path does not exist", -4);
         return call.send();
     }
     std::vector<std::string> arguments;

@@ -2,8 +2,10 @@
 // on what it prints, unread.
 //
 // Secrets and tokens travel on the tools' command lines alone; nothing here writes them to the log.
+#include "base64.h"
 #include "cloud_call.h"
 #include "handlers.h"
+#include "host_config.h"
 #include "host_paths.h"
 #include "tool_run.h"
 

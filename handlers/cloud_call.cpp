@@ -1,5 +1,6 @@
 #include "cloud_call.h"
 
+#include "base64.h"
 #include "log.h"
 #include "tool_run.h"
 

@@ -46,8 +46,7 @@ int hos_system_call_cloud_ncm_tunnel_agent_handler(ks_io* io, int /*fd*/) {
         if (auto arguments = tunnel_arguments(request)) {
             reply_cloud_tool(call, kCloudTunnelTool, std::move(*arguments));
         } else {
-            call.reject("not support command");
-            call.reply()["error_code"] = -6; // tells an unknown command from a bad request
+            call.reject("not support command", -6); // tells an unknown command from a bad request
         }
     }
     return call.send();

@@ -4,22 +4,15 @@
 #include "log.h"
 
 bool handler_call::take(std::initializer_list<request_key> keys, location where) {
-    return parse(where) && take_parsed(keys);
-}
-
-bool handler_call::parse(location where) {
-    if (json_parse(request_text(io_), &request_)) {
-        return true;
+    Json::Value request;
+    if (!json_parse(request_text(io_), &request)) {
+        dbg_printf2("[%s][%d] ks_io input fail.", function_, where.line);
+        reject("input error");
+        return false;
     }
-    dbg_printf2("[%s][%d] ks_io input fail.", function_, where.line);
-    reject("input error");
-    return false;
-}
-
-bool handler_call::take_parsed(std::initializer_list<request_key> keys) {
     bool failed = false;
     for (const request_key& key : keys) {
-        parser_param_from_json_str(request_, key.name, key.out, key.type, &failed);
+        parser_param_from_json_str(request, key.name, key.out, key.type, &failed);
     }
     if (failed) {
         reject("paser fail");
@@ -37,17 +30,17 @@ bool handler_call::finish(int status) {
 }
 
 void handler_call::fail() {
-    fail((std::string(function_) + " fail").c_str());
+    fail(std::string(function_) + " fail");
 }
 
-void handler_call::fail(const char* message) {
+void handler_call::fail(const std::string& message, int result) {
     reply_["error_msg"] = message;
-    reply_["result"] = -1;
+    reply_["result"] = result;
 }
 
-void handler_call::reject(const char* message) {
+void handler_call::reject(const std::string& message, int error_code) {
     reply_["error_msg"] = message;
-    reply_["error_code"] = -1;
+    reply_["error_code"] = error_code;
 }
 
 int handler_call::send() {

@@ -9,8 +9,8 @@
 //         return call.send();
 //     }
 //
-// A handler without parameters does not call take(). One that departs from the template says so in its own code, with
-// the finer steps or with reply(); the template has no modes.
+// A handler without parameters does not call take(). One that departs from the template says so in its own code, by
+// what it does in place of take() and finish(); the template has no modes.
 #ifndef VEXPROD_HANDLERS_HANDLER_CALL_H
 #define VEXPROD_HANDLERS_HANDLER_CALL_H
 
@@ -26,14 +26,13 @@
 struct request_key {
     request_key(const char* key, std::string* destination) : name(key), out(destination), type("string") {}
     request_key(const char* key, std::int32_t* destination) : name(key), out(destination), type("int") {}
-    request_key(const char* key, std::int64_t* destination) : name(key), out(destination), type("long") {}
 
     const char* name;
     void* out;
     const char* type; ///< The type word of parser_param_from_json_str().
 };
 
-/// One run of a handler. Owns the request and the reply; `io` stays the dispatch's.
+/// One run of a handler. Owns the reply; `io` stays the dispatch's.
 class handler_call {
 public:
     /// The handler's own source line, for its traces. (std::source_location is more than clang-tidy 14 can read.)
@@ -52,20 +51,15 @@ public:
     ///         not JSON, "paser fail" (clients match on the spelling) for a key that is missing or of another type.
     [[nodiscard]] bool take(std::initializer_list<request_key> keys, location where = location::current());
 
-    /// The two halves of take(), for handlers that do something in between.
-    [[nodiscard]] bool parse(location where = location::current());
-    [[nodiscard]] bool take_parsed(std::initializer_list<request_key> keys);
-
     /// Sets the outcome of the host action: "result" 0 when `status` is 0, else fail().
     /// @return status == 0.
     bool finish(int status);
-    /// Sets "result" -1 and "error_msg", "<handler> fail" unless another text is given.
+    /// Sets "error_msg", "<handler> fail" unless another text is given, and "result".
     void fail();
-    void fail(const char* message);
-    /// Sets "error_code" -1 and "error_msg".
-    void reject(const char* message);
+    void fail(const std::string& message, int result = -1);
+    /// Sets "error_msg" and "error_code".
+    void reject(const std::string& message, int error_code = -1);
 
-    [[nodiscard]] const Json::Value& request() const { return request_; }
     /// The reply object; a handler sets only the keys that its path reaches.
     [[nodiscard]] Json::Value& reply() { return reply_; }
     [[nodiscard]] const char* function() const { return function_; }
@@ -76,7 +70,6 @@ public:
 private:
     const char* function_;
     ks_io* io_;
-    Json::Value request_;
     Json::Value reply_ = Json::Value(Json::objectValue);
 };
 

@@ -6,7 +6,7 @@
 
 #include <dlfcn.h>
 
-/// Owns the handle: the library is closed at scope end, or earlier by close().
+/// Owns the handle: the library is closed at scope end.
 ///
 ///     host_library library(kConfigLibrary);
 ///     if (auto* get = library.function<int(settings*)>("Get_settings")) { get(&record); }
@@ -23,8 +23,6 @@ public:
     [[nodiscard]] Function* function(const char* name) const noexcept {
         return handle_ ? reinterpret_cast<Function*>(::dlsym(handle_.get(), name)) : nullptr;
     }
-
-    void close() noexcept { handle_.reset(); }
 
 private:
     unique_dl handle_;

@@ -1,4 +1,4 @@
-// The host's fixed paths and names, each once.
+// The host's fixed paths and names, each once. The few that util/ needs as well stand in host_config.h.
 #ifndef VEXPROD_HANDLERS_HOST_PATHS_H
 #define VEXPROD_HANDLERS_HOST_PATHS_H
 
@@ -15,8 +15,6 @@ inline constexpr const char* kMailService = "VexHubServer_send_mail-vexprod";
 inline constexpr const char* kControlPanelConfig = "/etc/kos.ui.cp.conf";
 inline constexpr const char* kPlatformConfig = "/etc/platform.conf";
 inline constexpr const char* kGenericModelMark = "/etc/IS_G"; ///< Exists on generic models.
-
-inline constexpr const char* kHardwareTool = "/sbin/hwctl";
 
 // Mails: the folder that callers fill, the host's mail program, and what the last run leaves behind.
 inline constexpr const char* kMailSpool = "/tmp/vexsurveillance_sendmail";
@@ -51,7 +49,6 @@ inline constexpr const char* kProxyRules = "/etc/reverseproxy_vexsurveillance/ex
 inline constexpr const char* kProxyPidFile = "/var/lock/apache_reverse_proxy_vexsurveillance.pid";
 inline constexpr const char* kServiceKeeper = "/sbin/svc_keeper";
 inline constexpr const char* kServerCertificate = "/etc/stunnel/stunnel.pem";
-inline constexpr const char* kChainCertificate = "/etc/stunnel/uca.pem";
 
 inline constexpr const char* kContainerTool = "/usr/sbin/vsh";
 
@@ -74,13 +71,12 @@ inline constexpr const char* kCloudTunnelTool = "/usr/local/bin/nimbo_tunnel_age
 inline constexpr const char* kCloudTool = "/usr/sbin/nimbo_tool";
 inline constexpr const char* kCloudHostTool = "/usr/sbin/get_nimbo_host";
 inline constexpr const char* kCloudCli = "/usr/bin/nimbo_cli";
-inline constexpr const char* kConfigReader = "/sbin/cfgread";
 inline constexpr const char* kCloudAccountConfig = "/etc/config/xid.conf";
 inline constexpr const char* kBoardUidTool = "/sbin/board_uid";       ///< Serial number of boards made for the cloud.
 inline constexpr const char* kBoardSerialTool = "/sbin/board_serial"; ///< Serial number of all others.
 
 // Below a folder that the request or the registry names.
-inline constexpr const char* kInstallScript = "/script/operate_zpkgcenter_app.sh";      ///< Of the package centre.
-inline constexpr const char* kAgentCli = "/ext_service/ExtVexCloudAgent/vex_agent_cli"; ///< Of this package.
+inline constexpr const char* kInstallScript = "script/operate_zpkgcenter_app.sh";      ///< Of the package centre.
+inline constexpr const char* kAgentCli = "ext_service/ExtVexCloudAgent/vex_agent_cli"; ///< Of this package.
 
 #endif

@@ -6,7 +6,7 @@
 #include "host_paths.h"
 #include "json_helpers.h"
 #include "log.h"
-#include "runner.h"
+#include "package_registry.h"
 
 #include <algorithm>
 #include <climits>
@@ -32,15 +32,6 @@ int reply_vpd(const char* function, ks_io* io, const char* field, const char* ke
         call.reply()[key] = value;
     }
     return call.send();
-}
-
-// Runs the package's control script. @return Its status, or -1 when the registry names none.
-int run_control_script(const char* action) {
-    std::string script;
-    if (!ks_get_ini_info(kPackageRegistry, kPackage, kControlScriptField, script)) {
-        return -1;
-    }
-    return lyn_vexprod_corvo_exec(nullptr, nullptr, nullptr, script.c_str(), action, nullptr);
 }
 
 } // namespace
@@ -82,7 +73,7 @@ int hos_get_cfg_tvLounge_handler(ks_io* io, int /*fd*/) {
 
 int hos_system_call_vexpro_disable_handler(ks_io* io, int /*fd*/) {
     handler_call call(__func__, io);
-    if (!call.finish(run_control_script("force_stop"))) {
+    if (!call.finish(run_control_script({"force_stop"}))) {
         // KEPT: "system_" twice, which is not this function's name; clients match on the text.
         call.fail("hos_system_system_call_vexpro_disable_handler fail");
     }
@@ -91,7 +82,7 @@ int hos_system_call_vexpro_disable_handler(ks_io* io, int /*fd*/) {
 
 int hos_system_call_share_folder_renew_handler(ks_io* io, int /*fd*/) {
     handler_call call(__func__, io);
-    call.finish(run_control_script("share_folder_renew"));
+    call.finish(run_control_script({"share_folder_renew"}));
     return call.send();
 }
 

@@ -6,6 +6,7 @@
 #include "host_paths.h"
 #include "json_helpers.h"
 #include "log.h"
+#include "package_registry.h"
 #include "read_fd.h"
 #include "runner.h"
 #include "scoped.h"
@@ -18,21 +19,6 @@
 #include <string>
 #include <strings.h>
 #include <sys/stat.h>
-
-namespace {
-
-// The path of `file` in the folder that the registry names for `package`, cut to the buffer; empty without an entry.
-template <std::size_t size>
-std::array<char, size> installed_file(const char* package, const char* file) {
-    std::array<char, size> path{};
-    std::string folder;
-    if (ks_get_ini_info(kPackageRegistry, package, kInstallPathField, folder)) {
-        (void)std::snprintf(path.data(), path.size(), "%s/%s", folder.c_str(), file);
-    }
-    return path;
-}
-
-} // namespace
 
 int hos_system_call_no_del_share_add_handler(ks_io* io, int /*fd*/) {
     handler_call call(__func__, io);
@@ -59,13 +45,7 @@ int hos_system_call_findly_list_add_handler(ks_io* io, int /*fd*/) {
     std::string name;
     std::string path;
     if (call.take({{"exclude_name", &name}, {"exclude_path", &path}})) {
-        int status = -1;
-        std::string script;
-        if (ks_get_ini_info(kPackageRegistry, kPackage, kControlScriptField, script)) {
-            status = lyn_vexprod_corvo_exec(nullptr, nullptr, nullptr, script.c_str(), "evbus_findly_list_add",
-                                            name.c_str(), path.c_str(), nullptr);
-        }
-        call.finish(status);
+        call.finish(run_control_script({"evbus_findly_list_add", name, path}));
     }
     return call.send();
 }
@@ -80,7 +60,7 @@ int hos_get_vpd_ext_area_handler(ks_io* io, int /*fd*/) {
     }
     std::array<char, 32> selector{};
     (void)std::snprintf(selector.data(), selector.size(), "offset=%d,length=%d", offset, length);
-    dbg_printf2("[%s][%d] /sbin/hwctl --vpd_get_ext_area  %s", __func__, __LINE__, selector.data());
+    dbg_printf2("[%s][%d] %s --vpd_get_ext_area  %s", __func__, __LINE__, kHardwareTool, selector.data());
     unique_pipe tool(lyn_vexprod_corvo_popen_v2(nullptr, nullptr, nullptr, "r", kHardwareTool, "--vpd_get_ext_area",
                                                 selector.data(), nullptr));
     if (!tool) {
@@ -115,12 +95,12 @@ int hos_system_call_nc_notify_handler(ks_io* io, int /*fd*/) {
     handler_call call(__func__, io);
     std::string encoded;
     if (call.take({{"nc_notify", &encoded}})) {
-        const auto wrapper = installed_file<512>(kPackage, kNotifyWrapper);
+        const std::string wrapper = installed_file(kPackage, kNotifyWrapper);
         std::string parameter;
         base64_decode(encoded, parameter);
         // KEPT: without an install path the wrapper is empty, and the decoded text runs as a command by itself.
         std::array<char, 4096> command_line{};
-        (void)std::snprintf(command_line.data(), command_line.size(), "%s %s", wrapper.data(), parameter.c_str());
+        (void)std::snprintf(command_line.data(), command_line.size(), "%s %s", wrapper.c_str(), parameter.c_str());
         call.finish(lyn_vexprod_corvo_exec(nullptr, nullptr, nullptr, kShell, "-c", command_line.data(), nullptr));
     }
     return call.send();
@@ -137,7 +117,7 @@ int hos_system_get_tiermount_cloud_usage_handler(ks_io* io, int /*fd*/) {
                                                               "--only-values", "--absolute-names", "-n",
                                                               "trusted.tm.cloud_usage", full_path.c_str(), nullptr));
             tool) {
-            base64_encode(read_to_end(::fileno(tool.get())), usage);
+            usage = base64_text(read_to_end(::fileno(tool.get())));
         }
         if (call.finish(usage.empty() ? -1 : 0)) {
             call.reply()["size_info"] = usage;
@@ -155,9 +135,9 @@ int hos_return_handler(ks_io* io, int /*fd*/) {
     if (call.take({{"cmd", &cmd}, {"type", &type}, {"acy", &acy}})) {
         int status = -1;
         if (cmd == 3) {
-            const auto script = installed_file<256>(kPackage, kNotifyScript);
-            if (script[0] != '\0') {
-                status = lyn_vexprod_corvo_exec(nullptr, nullptr, nullptr, script.data(), "NOTIFY_CMD",
+            const std::string script = installed_file(kPackage, kNotifyScript);
+            if (!script.empty()) {
+                status = lyn_vexprod_corvo_exec(nullptr, nullptr, nullptr, script.c_str(), "NOTIFY_CMD",
                                                 std::to_string(type).c_str(), std::to_string(acy).c_str(), nullptr);
             }
         }
@@ -200,31 +180,29 @@ bool viewer_is_enabled() {
            ::strcasecmp(value.c_str(), "TRUE") == 0;
 }
 
-std::string viewer_missing_text(const char* path, int error) {
+std::string viewer_missing_text(const std::string& path, int error) {
     // KEPT: 4011 is part of the text, wherever this line stands.
-    return std::string("[hos_cmv_cli_handler][4011] cmv_cli_path=[") + path + "] doesnt exist. errno=[" +
-           std::to_string(error) + "]";
+    return "[hos_cmv_cli_handler][4011] cmv_cli_path=[" + path + "] doesnt exist. errno=[" + std::to_string(error) +
+           "]";
 }
 
 // Runs the viewer's tool, if the viewer is installed. One that is not is an answer, no failure.
 void run_viewer_tool(handler_call& call, const std::string& command, viewer_answer* answer) {
-    // KEPT: without an entry in the registry the tool is looked for in the root folder, and the answer names that path.
-    std::string folder;
-    (void)ks_get_ini_info(kPackageRegistry, kViewerPackage, kInstallPathField, folder);
-    std::array<char, 512> path{};
-    (void)std::snprintf(path.data(), path.size(), "%s/%s", folder.c_str(), kViewerTool);
+    std::string path = installed_file(kViewerPackage, kViewerTool);
+    if (path.empty()) {
+        path = std::string("/") + kViewerTool; // KEPT: looked for in the root folder, and the answer names that path
+    }
     struct stat status = {};
-    if (::stat(path.data(), &status) != 0) {
-        answer->output = viewer_missing_text(path.data(), errno);
+    if (::stat(path.c_str(), &status) != 0) {
+        answer->output = viewer_missing_text(path, errno);
         answer->failed = false;
         return;
     }
     answer->installed = true;
-    unique_pipe tool(lyn_vexprod_corvo_popen_v2(nullptr, nullptr, nullptr, "r", path.data(), command.c_str(), nullptr));
+    unique_pipe tool(
+        lyn_vexprod_corvo_popen_v2(nullptr, nullptr, nullptr, "r", path.c_str(), command.c_str(), nullptr));
     if (!tool) {
-        call.reply()["error_msg"] =
-            std::string("popen failed, path=[") + path.data() + "], errno=[" + std::to_string(errno) + "].";
-        call.reply()["error_code"] = -4;
+        call.reject("popen failed, path=[" + path + "], errno=[" + std::to_string(errno) + "].", -4);
         return;
     }
     answer->output = read_to_end(::fileno(tool.get()));
@@ -243,9 +221,7 @@ int hos_cmv_cli_handler(ks_io* io, int /*fd*/) {
         answer.enabled = viewer_is_enabled();
         run_viewer_tool(call, command, &answer);
     }
-    std::string encoded;
-    base64_encode(answer.output, encoded);
-    call.reply()["result_out"] = encoded;
+    call.reply()["result_out"] = base64_text(answer.output);
     call.reply()["cli_ret"] = answer.cli_ret;
     call.reply()["is_installed"] = answer.installed ? 1 : 0;
     call.reply()["is_enabled"] = answer.enabled ? 1 : 0;

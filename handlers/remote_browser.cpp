@@ -3,6 +3,7 @@
 // Departs from the template: members have defaults, an empty rule list has a code of its own, and an unknown action and
 // a tool that fails end without a reply, as does a member that cannot be converted (see stream_request.h).
 #include "argument_vector.h"
+#include "base64.h"
 #include "handlers.h"
 #include "host_paths.h"
 #include "log.h"
@@ -61,10 +62,7 @@ std::vector<std::string> tool_vector(const std::string& action, const container_
 
 // Runs the tool. @return False when it failed: the request then ends without a reply.
 bool run_container_tool(handler_call& call, const std::vector<std::string>& argv) {
-    for (std::size_t i = 0; i <= argv.size(); ++i) { // the terminator as well
-        dbg_printf2("[%s][%d] argv[%d] = [%s]", call.function(), __LINE__, static_cast<int>(i),
-                    i < argv.size() ? argv[i].c_str() : "(null)");
-    }
+    trace_arguments(call.function(), argv);
     tool_run run = run_tool(kContainerTool, argv);
     if (run.status != 0) {
         dbg_printf2("[%s][%d] exec %s failed, ret=[%d]", call.function(), __LINE__, kContainerTool, run.status);
@@ -95,8 +93,7 @@ int hos_web_kiosk_handler(ks_io* io, int /*fd*/) {
     const Json::ArrayIndex rule_count = rules.size(); // of anything but a list or an object as well: 0
     if (rule_count == 0) {                            // before the action: a deletion needs a rule as well
         dbg_printf2("[%s][%d] jRuleList is empty", __func__, __LINE__);
-        call.reply()["error_msg"] = "jRuleList is empty";
-        call.reply()["error_code"] = -5;
+        call.reject("jRuleList is empty", -5);
         return call.send();
     }
     const container_arguments container = take_container_arguments(rules[Json::ArrayIndex{0}], auth_token);

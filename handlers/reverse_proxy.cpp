@@ -3,6 +3,7 @@
 // Departs from the template: members have defaults, and an unknown action and a proxy that fails end without a reply,
 // as does a member that cannot be converted (see stream_request.h).
 #include "argument_vector.h"
+#include "base64.h"
 #include "fresh_file.h"
 #include "handlers.h"
 #include "host_paths.h"
@@ -70,7 +71,7 @@ void delete_rules(const handler_call& call, const Json::Value& request) {
 
 struct proxy_operation {
     const char* program;
-    std::vector<std::string> arguments; // After argument 0.
+    std::vector<std::string> argv;
 };
 
 // What makes the proxy take the rules up: a start when rules were added and it does not run, else a reload, which is
@@ -81,20 +82,9 @@ proxy_operation choose_operation(const handler_call& call, const std::string& ac
         // One argument: the manager takes the whole command line, in quotes.
         const std::string proxy_cmd = std::string("\"") + kProxyProgram + " -k start -f " + kProxyConfig + "\"";
         dbg_printf2("[%s][%d] proxy_cmd = %s", call.function(), __LINE__, proxy_cmd.c_str());
-        return {kServiceKeeper, {kProxyService, "start", proxy_cmd}};
+        return {kServiceKeeper, {base_name(kServiceKeeper), kProxyService, "start", proxy_cmd}};
     }
-    return {kProxyProgram, {"-k", "graceful", "-f", kProxyConfig}};
-}
-
-// The program's whole vector, argument 0 included.
-std::vector<std::string> traced_vector(const handler_call& call, const proxy_operation& operation) {
-    std::vector<std::string> argv = {base_name(operation.program)};
-    argv.insert(argv.end(), operation.arguments.begin(), operation.arguments.end());
-    for (std::size_t i = 0; i <= argv.size(); ++i) { // the terminator as well
-        dbg_printf2("[%s][%d] argv[%d] = [%s] ", call.function(), __LINE__, static_cast<int>(i),
-                    i < argv.size() ? argv[i].c_str() : "(null)");
-    }
-    return argv;
+    return {kProxyProgram, {base_name(kProxyProgram), "-k", "graceful", "-f", kProxyConfig}};
 }
 
 } // namespace
@@ -116,7 +106,8 @@ int hos_reverse_proxy_handler(ks_io* io, int /*fd*/) {
     }
 
     const proxy_operation operation = choose_operation(call, action);
-    tool_run run = run_tool(operation.program, traced_vector(call, operation));
+    trace_arguments(__func__, operation.argv, " ");
+    tool_run run = run_tool(operation.program, operation.argv);
     if (run.status != 0) {
         dbg_printf2("[%s][%d] exec %s failed, ret=[%d]", __func__, __LINE__, operation.program, run.status);
         (void)run.output.release(); // what the program said stays for inspection

@@ -3,7 +3,6 @@
 #include "json_helpers.h"
 #include "log.h"
 
-#include <string>
 #include <utility>
 
 bool parse_stream_request(handler_call& call, const ks_io* io, Json::Value* ret_request, int line) {
@@ -16,7 +15,11 @@ bool parse_stream_request(handler_call& call, const ks_io* io, Json::Value* ret_
         }
         error = "not an object";
     }
-    dbg_printf2("[%s][%d] parse strInputArg failed, error=[%s]", call.function(), line, error.c_str());
-    call.reject("input error");
+    refuse_stream_request(call, error, line);
     return false;
+}
+
+void refuse_stream_request(handler_call& call, const std::string& reason, int line) {
+    dbg_printf2("[%s][%d] parse strInputArg failed, error=[%s]", call.function(), line, reason.c_str());
+    call.reject("input error");
 }

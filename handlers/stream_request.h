@@ -10,10 +10,15 @@
 
 #include <json/value.h>
 
+#include <string>
+
 /// Reads the request of `io`.
 /// @param ret_request  Receives the object; untouched on failure.
 /// @return False with "input error" in the reply of `call` when the text is not JSON or is no object.
 [[nodiscard]] bool parse_stream_request(handler_call& call, const ks_io* io, Json::Value* ret_request,
                                         int line = __builtin_LINE());
+
+/// Refuses a request that has been read: "input error" in the reply of `call`, and `reason` in the log.
+void refuse_stream_request(handler_call& call, const std::string& reason, int line = __builtin_LINE());
 
 #endif

@@ -20,8 +20,8 @@ namespace {
 // Rewrites the record of the last registration.
 void write_register_record(const std::string& command, const std::string& provide_id, int status) {
     std::array<char, 512> command_line{};
-    (void)std::snprintf(command_line.data(), command_line.size(), "%s %s -p %s -c /share/.@analytic", kAnalyticTool,
-                        command.c_str(), provide_id.c_str());
+    (void)std::snprintf(command_line.data(), command_line.size(), "%s %s -p %s -c %s", kAnalyticTool, command.c_str(),
+                        provide_id.c_str(), kAnalyticFolder);
     const unique_fd record = create_anew(kAnalyticRecord, 0644);
     if (record.ok()) {
         (void)::dprintf(record.get(), "cmd=[%s]\nprovide_id=[%s]\nstr_cloud_analysis_register=[%s]\nret_val=[%d]\n",

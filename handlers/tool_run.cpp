@@ -1,7 +1,7 @@
 #include "tool_run.h"
 
 #include "argument_vector.h"
-#include "base64.h"
+#include "log.h"
 #include "runner.h"
 
 #include <utility>
@@ -25,8 +25,9 @@ std::string take_output(tool_run& run) {
     return text;
 }
 
-std::string base64_text(const std::string& text) {
-    std::string encoded;
-    base64_encode(text, encoded);
-    return encoded;
+void trace_arguments(const char* function, const std::vector<std::string>& argv, const char* line_end, int line) {
+    for (std::size_t i = 0; i <= argv.size(); ++i) {
+        dbg_printf2("[%s][%d] argv[%d] = [%s]%s", function, line, static_cast<int>(i),
+                    i < argv.size() ? argv[i].c_str() : "(null)", line_end);
+    }
 }

@@ -29,7 +29,9 @@ enum class tool_errors { discarded, with_output };
 /// reply finds nothing left of the request.
 [[nodiscard]] std::string take_output(tool_run& run);
 
-/// @return `text` in Base64, the form in which replies carry what a tool printed.
-[[nodiscard]] std::string base64_text(const std::string& text);
+/// Logs every entry of the vector that a tool gets, and the vector's end as "(null)".
+/// @param line_end  What each line has behind its closing bracket.
+void trace_arguments(const char* function, const std::vector<std::string>& argv, const char* line_end = "",
+                     int line = __builtin_LINE());
 
 #endif

@@ -38,6 +38,12 @@ void base64_encode(const std::string& in, std::string& out) {
     out = std::move(encoded); // at last: `in` and `out` may be one text
 }
 
+std::string base64_text(const std::string& text) {
+    std::string encoded;
+    base64_encode(text, encoded);
+    return encoded;
+}
+
 void base64_decode(const std::string& in, std::string& out) {
     std::string decoded;
     decoded.reserve(in.size() / 4 * 3 + 2);

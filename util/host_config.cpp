@@ -45,7 +45,7 @@ int ks_get_ini_info(const char* file, const char* section, const char* field, st
         arguments.insert(arguments.end(), {"-f", file});
     }
     const argument_vector argv(std::move(arguments));
-    const unique_pipe tool(lyn_vexprod_corvo_popen_v_v2(nullptr, nullptr, nullptr, "r", "/sbin/cfgread", argv.data()));
+    const unique_pipe tool(lyn_vexprod_corvo_popen_v_v2(nullptr, nullptr, nullptr, "r", kConfigReader, argv.data()));
     if (!tool) {
         return 0;
     }
@@ -62,7 +62,7 @@ int system_call_hwctl_vpdget(const char* obj_index, std::string& value) {
     std::array<char, 64> selector{};
     (void)std::snprintf(selector.data(), selector.size(), "enc_sys_id=root,obj_index=%s", obj_index);
     {
-        const unique_pipe tool(lyn_vexprod_corvo_popen_v2(nullptr, nullptr, nullptr, "r", "/sbin/hwctl",
+        const unique_pipe tool(lyn_vexprod_corvo_popen_v2(nullptr, nullptr, nullptr, "r", kHardwareTool,
                                                           "--vpd_get_field", selector.data(), nullptr));
         if (!tool) {
             return -2;
@@ -113,5 +113,5 @@ int get_ssl_protocol_ver(std::string& /*out*/) {
 
 int get_uca_file_exist() {
     struct stat status = {};
-    return ::stat("/etc/stunnel/uca.pem", &status) == 0 ? 1 : 0;
+    return ::stat(kChainCertificate, &status) == 0 ? 1 : 0;
 }

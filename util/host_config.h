@@ -4,14 +4,19 @@
 
 #include <string>
 
-/// Reads one value of the host's configuration by the tool "/sbin/cfgread".
+// Where the host keeps what is asked here.
+inline constexpr const char* kConfigReader = "/sbin/cfgread";
+inline constexpr const char* kHardwareTool = "/sbin/hwctl";
+inline constexpr const char* kChainCertificate = "/etc/stunnel/uca.pem"; ///< Not every host has one.
+
+/// Reads one value of the host's configuration by kConfigReader.
 /// @param file   The configuration file; null = the tool's own default.
 /// @param value  Receives the first line that the tool prints, at most 127 characters; untouched when nothing was
 /// found.
 /// @return Non-zero if a value was found (it may be empty), 0 otherwise. Mind: not the usual status convention.
 int ks_get_ini_info(const char* file, const char* section, const char* field, std::string& value);
 
-/// Reads one field of the hardware's product data by the tool "/sbin/hwctl".
+/// Reads one field of the hardware's product data by kHardwareTool.
 /// @param obj_index  Which field, as "0:9".
 /// @param value      Pass it empty: the tool's answer is appended. Receives the field's text.
 /// @return 0, or -2 when the tool could not be started or its answer is not one key, "=", one value; that answer then
@@ -30,7 +35,7 @@ int get_ssl_protocol(std::string& out);     ///< Sets the protocol list of the h
 int get_ssl_cipher(std::string& out);       ///< Sets its cipher list. @return 0.
 int get_ssl_protocol_ver(std::string& out); ///< KEPT: leaves `out` as it is. @return 0.
 
-/// @return 1 if the file of the certificate authority, "/etc/stunnel/uca.pem", exists, else 0.
+/// @return 1 if kChainCertificate exists, else 0.
 int get_uca_file_exist();
 
 #endif

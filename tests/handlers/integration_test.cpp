@@ -27,12 +27,6 @@ constexpr const char* kInstalled = "[VexHubServer]\n"
                                    "Install_Path = /share/VexHubServer\n"
                                    "Shell = /share/VexHubServer/VexHubServer.sh\n";
 
-std::string encoded(const std::string& text) {
-    std::string out;
-    base64_encode(text, out);
-    return out;
-}
-
 class IntegrationTest : public HandlerTest {
 protected:
     void SetUp() override {
@@ -205,7 +199,7 @@ protected:
 
 TEST_F(NotifyTest, TheShellReadsTheDecodedTextAsTheWrappersArguments) {
     EXPECT_EQ(ask(hos_system_call_nc_notify_handler,
-                  R"({"nc_notify":")" + encoded("-m 'two words' \"$((1+1))\" plain") + "\"}"),
+                  R"({"nc_notify":")" + base64_text("-m 'two words' \"$((1+1))\" plain") + "\"}"),
               "{\"result\":0}\n");
     ASSERT_EQ(wrapper.calls().size(), 1U);
     EXPECT_THAT(wrapper.calls()[0].argv,
@@ -224,8 +218,9 @@ TEST_F(NotifyTest, AFailedWrapperIsAFailure) {
 TEST_F(NotifyTest, WithoutAnInstallPathTheTextRunsAsACommand) {
     registry("[VexHubServer]\nShell = /share/VexHubServer/VexHubServer.sh\n");
     fs::remove("/tmp/notified");
-    EXPECT_EQ(ask(hos_system_call_nc_notify_handler, R"({"nc_notify":")" + encoded("echo hi > /tmp/notified") + "\"}"),
-              "{\"result\":0}\n");
+    EXPECT_EQ(
+        ask(hos_system_call_nc_notify_handler, R"({"nc_notify":")" + base64_text("echo hi > /tmp/notified") + "\"}"),
+        "{\"result\":0}\n");
     EXPECT_EQ(read_file("/tmp/notified"), "hi\n");
     EXPECT_THAT(wrapper.calls(), IsEmpty());
 }
@@ -235,7 +230,7 @@ TEST_F(NotifyTest, TheShellIsCalledShAndHasNoEnvironment) {
     setenv("NOTIFY_TEST", "not inherited", 1);
     const std::string command =
         "/bin/cat /proc/$$/cmdline > /tmp/shell-argv; /bin/cat /proc/$$/environ > /tmp/shell-env";
-    EXPECT_EQ(ask(hos_system_call_nc_notify_handler, R"({"nc_notify":")" + encoded(command) + "\"}"),
+    EXPECT_EQ(ask(hos_system_call_nc_notify_handler, R"({"nc_notify":")" + base64_text(command) + "\"}"),
               "{\"result\":0}\n");
     unsetenv("NOTIFY_TEST");
     EXPECT_EQ(read_file("/tmp/shell-argv"), std::string("sh\0-c\0 ", 7) + command + '\0');
@@ -246,8 +241,9 @@ TEST_F(NotifyTest, TheShellIsCalledShAndHasNoEnvironment) {
 TEST_F(NotifyTest, TheCommandLineIsCutAt4095Characters) {
     const std::string path = "/share/VexHubServer/script/nc_wrapper.sh ";
     const std::string fits(4095 - path.size(), 'x');
-    EXPECT_EQ(ask(hos_system_call_nc_notify_handler, R"({"nc_notify":")" + encoded(fits) + "\"}"), "{\"result\":0}\n");
-    EXPECT_EQ(ask(hos_system_call_nc_notify_handler, R"({"nc_notify":")" + encoded(fits + "y") + "\"}"),
+    EXPECT_EQ(ask(hos_system_call_nc_notify_handler, R"({"nc_notify":")" + base64_text(fits) + "\"}"),
+              "{\"result\":0}\n");
+    EXPECT_EQ(ask(hos_system_call_nc_notify_handler, R"({"nc_notify":")" + base64_text(fits + "y") + "\"}"),
               "{\"result\":0}\n");
     ASSERT_EQ(wrapper.calls().size(), 2U);
     EXPECT_EQ(wrapper.calls()[0].argv[1], fits);
@@ -255,8 +251,9 @@ TEST_F(NotifyTest, TheCommandLineIsCutAt4095Characters) {
 }
 
 TEST_F(NotifyTest, TheDecodedTextEndsAtItsFirstNulAndAtTheFirstCharacterThatIsNoDigit) {
-    EXPECT_EQ(ask(hos_system_call_nc_notify_handler, R"({"nc_notify":")" + encoded(std::string("one\0two", 7)) + "\"}"),
-              "{\"result\":0}\n");
+    EXPECT_EQ(
+        ask(hos_system_call_nc_notify_handler, R"({"nc_notify":")" + base64_text(std::string("one\0two", 7)) + "\"}"),
+        "{\"result\":0}\n");
     EXPECT_EQ(ask(hos_system_call_nc_notify_handler, R"({"nc_notify":"Zm9v!Zm9v"})"), "{\"result\":0}\n");
     ASSERT_EQ(wrapper.calls().size(), 2U);
     EXPECT_EQ(wrapper.calls()[0].argv[1], "one");
@@ -312,7 +309,7 @@ TEST_F(CloudUsageTest, IsTheAttributesBytesEncoded) {
 TEST_F(CloudUsageTest, AnAttributeLongerThanOneReadArrivesWhole) {
     const std::string usage(2049, 'u');
     set_usage(usage);
-    EXPECT_EQ(usage_of(kFile), "{\"result\":0,\"size_info\":\"" + encoded(usage) + "\"}\n");
+    EXPECT_EQ(usage_of(kFile), "{\"result\":0,\"size_info\":\"" + base64_text(usage) + "\"}\n");
 }
 
 TEST_F(CloudUsageTest, NoAttributeNoPathAndAnEmptyAttributeAreFailures) {
@@ -333,9 +330,9 @@ TEST_F(CloudUsageTest, AReaderThatCannotBeStartedIsAFailure) {
 
 TEST_F(CloudUsageTest, TheReadersArgumentsAreFixedAndItsExitStatusIsNotLookedAt) {
     programs.replace_by_script("/usr/bin/getfattr", "printf '%s|' \"$@\"\nexit 3");
-    EXPECT_EQ(usage_of("/tmp/a b"), "{\"result\":0,\"size_info\":\"" +
-                                        encoded("--only-values|--absolute-names|-n|trusted.tm.cloud_usage|/tmp/a b|") +
-                                        "\"}\n");
+    EXPECT_EQ(usage_of("/tmp/a b"),
+              "{\"result\":0,\"size_info\":\"" +
+                  base64_text("--only-values|--absolute-names|-n|trusted.tm.cloud_usage|/tmp/a b|") + "\"}\n");
 }
 
 TEST_F(CloudUsageTest, TheReaderIsCalledByItsNameAndHasTheDaemonsOwnEnvironment) {

@@ -16,12 +16,6 @@ namespace {
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-std::string encoded(const std::string& text) {
-    std::string out;
-    base64_encode(text, out);
-    return out;
-}
-
 class MediaViewerTest : public HandlerTest {
 protected:
     void SetUp() override {
@@ -31,7 +25,7 @@ protected:
     }
     static std::string missing_reply(const std::string& path) {
         return "{\"cli_ret\":-1,\"is_enabled\":0,\"is_installed\":0,\"result\":0,\"result_out\":\"" +
-               encoded("[hos_cmv_cli_handler][4011] cmv_cli_path=[" + path + "] doesnt exist. errno=[2]") + "\"}\n";
+               base64_text("[hos_cmv_cli_handler][4011] cmv_cli_path=[" + path + "] doesnt exist. errno=[2]") + "\"}\n";
     }
     host_tool viewer{"/share/CayinMediaViewer/bin/cfgread"};
 };
@@ -61,8 +55,8 @@ TEST_F(MediaViewerTest, OutputLongerThanOneReadArrivesWhole) {
     const std::string output(3000, 'o');
     viewer.answers(output);
     EXPECT_EQ(ask(hos_cmv_cli_handler, R"({"cmd":"c"})"),
-              "{\"cli_ret\":0,\"is_enabled\":1,\"is_installed\":1,\"result\":0,\"result_out\":\"" + encoded(output) +
-                  "\"}\n");
+              "{\"cli_ret\":0,\"is_enabled\":1,\"is_installed\":1,\"result\":0,\"result_out\":\"" +
+                  base64_text(output) + "\"}\n");
 }
 
 TEST_F(MediaViewerTest, EnabledIsTrueInAnyCaseAndNothingElse) {

@@ -25,7 +25,6 @@ TEST_F(ToolRunTest, TheOutputIsKeptAsLongAsTheRunAndNoLonger) {
         const tool_run run = run_tool(tool.path(), {"zero", "one"});
         EXPECT_EQ(run.status, 5 << 8);
         EXPECT_EQ(run.output.read_all(), "text");
-        EXPECT_EQ(base64_text(run.output.read_all()), "dGV4dA==");
         EXPECT_EQ(kept_files(), strings{run.output.path()});
     }
     EXPECT_TRUE(kept_files().empty());

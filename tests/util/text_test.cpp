@@ -97,6 +97,11 @@ TEST(Base64Test, EveryByteComesBack) {
     }
 }
 
+TEST(Base64Test, ATextIsReturnedEncoded) {
+    EXPECT_EQ(base64_text("foo"), "Zm9v");
+    EXPECT_EQ(base64_text(""), "");
+}
+
 TEST(Base64Test, OneTextMayBeInputAndOutput) {
     std::string text = "foo";
     base64_encode(text, text);
