@@ -1,7 +1,8 @@
 /* libhcore_NAS: the host's local users and groups. Every list is one block from the heap, the caller's to free.
  *
  * Knobs: "users", "groups", "members" = the names, one a line; a member "(null)" is an entry without a pointer.
- * "return" = result of every function, the list being made all the same. "no_block" = no list is made.
+ * "return" = result of every function, the list being made all the same. "count" = how many names the users' and the
+ * groups' lists are said to have. "no_block" = no list is made.
  * "member_list" = "static": the members' list is a variable of this library; "filled": it is written into the caller's.
  */
 #include "stand_in.h"
@@ -53,7 +54,7 @@ static int list_names(char* names, size_t entry_bytes, char** ret_list, int32_t*
     }
     free(names);
     *ret_list = list;
-    *ret_count = (int32_t)count;
+    *ret_count = number_knob("count", (int)count);
     return number_knob("return", 0);
 }
 

@@ -258,6 +258,11 @@ TEST_F(SmsConfigTest, WithoutTheFunctionOrTheLibraryTheCallFails) {
     EXPECT_EQ(ask(hos_get_sms_config_handler), "{\"error_msg\":\"hos_get_sms_config_handler fail\",\"result\":-1}\n");
 }
 
+TEST_F(SmsConfigTest, ALibraryThatLacksWhatItsOtherFunctionsNeedIsNotUsed) {
+    config.replace_by(UNBOUND_LIBRARY);
+    EXPECT_EQ(ask(hos_get_sms_config_handler), failure("hos_get_sms_config_handler"));
+}
+
 // One library for the three lists.
 class AccountListTest : public HandlerTest {
 protected:
@@ -322,6 +327,19 @@ TEST_F(AccountListTest, NoNamesNeedNoBlock) {
     EXPECT_EQ(ask(hos_get_all_users_handler), "{\"local_count\":0,\"result\":0,\"user_list\":null}\n");
     EXPECT_EQ(ask(hos_get_group_members_handler, R"({"group_name":"empty"})"),
               "{\"result\":0,\"user_count\":0,\"user_list\":null}\n");
+}
+
+TEST_F(AccountListTest, ANegativeCountIsHandedOnWithoutNames) {
+    accounts.set("users", "a\n");
+    accounts.set("groups", "b\n");
+    accounts.set("count", "-3");
+    const auto both_are_empty = [] {
+        EXPECT_EQ(ask(hos_get_all_users_handler), "{\"local_count\":-3,\"result\":0,\"user_list\":null}\n");
+        EXPECT_EQ(ask(hos_get_all_groups_handler), "{\"group_list\":null,\"local_count\":-3,\"result\":0}\n");
+    };
+    both_are_empty();
+    accounts.set("no_block", "");
+    both_are_empty();
 }
 
 TEST_F(AccountListTest, ANonNegativeResultIsASuccessOfTheLists) {

@@ -75,8 +75,8 @@ int install_without_temporary_files(ks_io* io, int fd) {
 
 TEST_F(InstallAppTest, WithoutATemporaryFileNothingRunsAndThereIsNoReply) {
     EXPECT_EQ(ask(install_without_temporary_files, kInstall), std::nullopt);
-    EXPECT_EQ(logged().back(), "[hos_install_app_handler][N] exec /share/ZpkgCenter/script/operate_zpkgcenter_app.sh "
-                               "failed, ret_out=[]");
+    EXPECT_EQ(last_logged(), "[hos_install_app_handler][N] exec /share/ZpkgCenter/script/operate_zpkgcenter_app.sh "
+                             "failed, ret_out=[]");
     EXPECT_TRUE(script.calls().empty());
 }
 

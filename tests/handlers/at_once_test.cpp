@@ -8,6 +8,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstring>
 #include <filesystem>
@@ -134,6 +135,26 @@ TEST_F(AtOnceTest, BothConnectionsAreLogged) {
     const std::string ben = "-t 1 -i 2 -n 3 -a m -u ben -p i -m c\n";
     EXPECT_THAT(read_file("/var/log/connection.log"), AnyOf(anna + ben, ben + anna));
     EXPECT_EQ(logged().size(), 2U);
+}
+
+// Lists so long that one is still being written when the next is begun: all that come meanwhile would empty the file
+// first and write then, a short list over a long one.
+TEST_F(AtOnceTest, OfManyBanListsOneStandsWhole) {
+    const std::string file = "/etc/default_config/apache/extra/vexcms_ip_ban_list.conf";
+    strings requests;
+    strings possible;
+    for (int i = 1; i <= kMany; ++i) {
+        const std::string address(static_cast<std::size_t>(i) * 500000, static_cast<char>('a' + i));
+        requests.push_back(R"({"ip_list":")" + address + R"("})");
+        possible.push_back("<LocationMatch \"/.*\">\norder allow,deny\ndeny from " + address +
+                           "\nallow from all\n</LocationMatch>\n");
+    }
+    for (int round = 0; round < 5; ++round) {
+        EXPECT_THAT(ask_at_once(hos_update_ip_ban_list_handler, requests),
+                    Each(std::optional<std::string>("{\"result\":0}\n")));
+        const std::string written = read_file(file);
+        EXPECT_EQ(std::count(possible.begin(), possible.end(), written), 1) << written.size() << " bytes";
+    }
 }
 
 TEST_F(AtOnceTest, EveryRegistrationIsRecordedAndTheLastRecordIsWhole) {

@@ -49,6 +49,11 @@ protected:
         }
         return messages;
     }
+    /// The last of them; empty when nothing was logged.
+    static std::string last_logged() {
+        const strings messages = logged();
+        return messages.empty() ? "" : messages.back();
+    }
 
     /// The temporary files that are there.
     static strings kept_files() {

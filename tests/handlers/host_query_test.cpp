@@ -6,8 +6,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <initializer_list>
 #include <string>
 #include <sys/stat.h>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -62,6 +64,20 @@ TEST_F(HostQueryTest, TvLoungeStatusIsTheConfiguredNumber) {
     ASSERT_EQ(calls.size(), 1U);
     EXPECT_EQ(calls[0].argv,
               (strings{"cfgread", "CP_APP", "tvLounge", "-c", "-d", "CFGREAD_FAILD", "-f", "/etc/kos.ui.cp.conf"}));
+}
+
+TEST_F(HostQueryTest, TvLoungeStatusStopsAtTheEndsOf32Bits) {
+    for (const auto& [configured, status] :
+         std::initializer_list<std::pair<const char*, const char*>>{{"2147483647", "2147483647"},
+                                                                    {"2147483648", "2147483647"},
+                                                                    {"99999999999999999999", "2147483647"},
+                                                                    {"-2147483648", "-2147483648"},
+                                                                    {"-2147483649", "-2147483648"},
+                                                                    {"-99999999999999999999", "-2147483648"}}) {
+        write_file("/etc/kos.ui.cp.conf", std::string("[CP_APP]\ntvLounge = ") + configured + "\n");
+        EXPECT_EQ(ask(hos_get_cfg_tvLounge_handler),
+                  std::string("{\"error_code\":0,\"tvLounge_Status\":") + status + "}\n");
+    }
 }
 
 TEST_F(HostQueryTest, TvLoungeStatusIsZeroForTextThatIsNoNumber) {

@@ -8,8 +8,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <csignal>
 #include <malloc.h>
 #include <string>
+#include <sys/wait.h>
 
 namespace {
 
@@ -114,6 +116,36 @@ TEST_F(ReleaseTest, AListIsFreedBeforeTheReply) {
             const std::size_t before = mallinfo2().hblks;
             expect_reply(each, [&] { EXPECT_EQ(mallinfo2().hblks, before); });
         }));
+    }
+}
+
+// Whether this process has a child, be it one that has ended and was not waited for.
+bool has_child() {
+    siginfo_t unused = {};
+    return waitid(P_ALL, 0, &unused, WEXITED | WNOHANG | WNOWAIT) == 0;
+}
+
+TEST_F(ReleaseTest, AToolThatIsReadFromIsWaitedForBeforeTheReply) {
+    registry("[CayinMediaViewer]\nInstall_Path = /share/CayinMediaViewer\nEnable = TRUE\n");
+    write_file("/etc/kos.ui.cp.conf", "[CP_APP]\ntvLounge = 3\n");
+    host_tool hwctl("/sbin/hwctl");
+    host_tool viewer("/share/CayinMediaViewer/bin/cfgread");
+    hwctl.answers("a=b");
+    viewer.answers("foo");
+    const asked requests[] = {
+        {hos_get_sess_id_handler, R"({"user":"admin","pwd":"secret"})", "{\"error_code\":0,\"sid\":\"s0ab12cd\"}\n"},
+        {hos_get_sess_id_handler, R"({"user":"admin","pwd":"wrong"})",
+         "{\"error_code\":-2,\"error_msg\":\"get_sess_id fail\"}\n"},
+        {hos_get_vpd_ext_area_handler, R"({"offest":0,"length":4})", "{\"result\":0,\"vpd_ext_area\":\"a=b\"}\n"},
+        {hos_get_vpd_channel_handler, "", "{\"result\":0,\"vpd_channel\":\"b\"}\n"},
+        {hos_get_cfg_tvLounge_handler, "", "{\"error_code\":0,\"tvLounge_Status\":3}\n"},
+        {hos_system_get_tiermount_cloud_usage_handler, R"({"full_path":"/nowhere"})",
+         failure("hos_system_get_tiermount_cloud_usage_handler")},
+        {hos_cmv_cli_handler, R"({"cmd":"c"})",
+         "{\"cli_ret\":0,\"is_enabled\":1,\"is_installed\":1,\"result\":0,\"result_out\":\"Zm9v\"}\n"},
+    };
+    for (const asked& each : requests) {
+        expect_reply(each, [&] { EXPECT_FALSE(has_child()) << each.reply; });
     }
 }
 

@@ -137,7 +137,7 @@ TEST_F(RemoteBrowserTest, KeptTheStatusIsZeroAlsoWhenTheOutputsFileIsGone) {
     programs.replace_by_script(tool.path(), "/bin/rm -f \"$(/bin/readlink /proc/$$/fd/1)\"");
     EXPECT_EQ(ask(hos_web_kiosk_handler, R"({"action":"delete","rule_list":[{}]})"),
               "{\"cli_ret\":0,\"result\":0,\"result_out\":\"\"}\n");
-    EXPECT_EQ(logged().back(), "[hos_web_kiosk_handler][N] exec /usr/sbin/vsh succ, ret_out=[]");
+    EXPECT_EQ(last_logged(), "[hos_web_kiosk_handler][N] exec /usr/sbin/vsh succ, ret_out=[]");
 }
 
 // What the log says at last of a run that failed.
@@ -148,12 +148,12 @@ std::string failed_run(const std::string& status) {
 TEST_F(RemoteBrowserTest, AToolThatIsKilledOrNotThereHasNoReplyAndItsOutputStays) {
     tool.answers("why").dies_by(SIGKILL);
     EXPECT_EQ(ask(hos_web_kiosk_handler, R"({"action":"delete","rule_list":[{}]})"), std::nullopt);
-    EXPECT_EQ(logged().back(), failed_run("9"));
+    EXPECT_EQ(last_logged(), failed_run("9"));
     ASSERT_EQ(kept_files().size(), 1U);
     EXPECT_EQ(read_file(kept_files()[0]), "why");
     programs.take_away(tool.path());
     EXPECT_EQ(ask(hos_web_kiosk_handler, R"({"action":"delete","rule_list":[{}]})"), std::nullopt);
-    EXPECT_EQ(logged().back(), failed_run("32512"));
+    EXPECT_EQ(last_logged(), failed_run("32512"));
     EXPECT_EQ(kept_files().size(), 2U);
 }
 
@@ -164,7 +164,7 @@ int kiosk_without_temporary_files(ks_io* io, int fd) {
 
 TEST_F(RemoteBrowserTest, WithoutATemporaryFileNothingRunsAndThereIsNoReply) {
     EXPECT_EQ(ask(kiosk_without_temporary_files, R"({"action":"delete","rule_list":[{}]})"), std::nullopt);
-    EXPECT_EQ(logged().back(), failed_run("-1"));
+    EXPECT_EQ(last_logged(), failed_run("-1"));
     EXPECT_THAT(tool.calls(), IsEmpty());
 }
 
