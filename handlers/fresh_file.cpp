@@ -11,7 +11,7 @@ unique_fd create_anew(const char* path, mode_t mode) {
         if (::unlink(path) != 0 && errno != ENOENT) {
             break;
         }
-        fd = ::open(path, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode);
+        fd = ::open(path, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode);
         if (fd < 0 && errno != EEXIST) {
             break;
         }

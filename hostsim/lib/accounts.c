@@ -3,7 +3,8 @@
  * Knobs: "users", "groups", "members" = the names, one a line; a member "(null)" is an entry without a pointer.
  * "return" = result of every function, the list being made all the same. "count" = how many names the users' and the
  * groups' lists are said to have. "no_block" = no list is made.
- * "member_list" = "static": the members' list is a variable of this library; "filled": it is written into the caller's.
+ * "member_list" = "static": the members' list is a variable of this library; "filled": it is written into the caller's;
+ * "untouched": nothing is written at all.
  */
 #include "stand_in.h"
 
@@ -93,7 +94,8 @@ static void give_list(char** list, size_t count, char*** ret_list) {
         *ret_list = list;
     } else {
         char** const target = strcmp(way, "static") == 0 ? own_list : (char**)ret_list;
-        for (size_t i = 0; i < count && i < sizeof own_list / sizeof *own_list; ++i) {
+        const int writes = strcmp(way, "untouched") != 0;
+        for (size_t i = 0; writes && i < count && i < sizeof own_list / sizeof *own_list; ++i) {
             target[i] = list[i] == NULL ? NULL : (char*)"a member";
         }
         if (target == own_list) {

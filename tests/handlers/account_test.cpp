@@ -159,7 +159,7 @@ TEST_F(SessionTest, TheLengthIsRequiredAndNotUsed) {
 }
 
 TEST_F(SessionTest, ALongUserNameFits) {
-    const std::string name(1023, 'n');
+    const std::string name(4095, 'n');
     sessions.set("user", name);
     EXPECT_EQ(ask(hos_vex_auth_get_session_handler, R"({"type":1,"length":1,"sid":"s"})"),
               "{\"result\":0,\"user\":\"" + name + "\"}\n");
@@ -235,8 +235,8 @@ TEST_F(SmsConfigTest, EveryFieldIsAnswered) {
 }
 
 TEST_F(SmsConfigTest, ATextThatFillsItsFieldEndsThere) {
-    const std::string country(16, 'c'), code(16, 'd'), first(32, '1'), second(500, '2');
-    config.set("record", record(country + code + first + padded(second, 501)));
+    const std::string country(16, 'c'), code(16, 'd'), first(32, '1'), second(4095, '2');
+    config.set("record", record(country + code + first + padded(second, 4096)));
     EXPECT_EQ(ask(hos_get_sms_config_handler),
               "{\"country\":\"" + country + "\",\"country_code\":\"" + code +
                   "\",\"max_provider\":2,\"mode\":1,\"now_provider\":-1,\"phone1\":\"" + first + "\",\"phone2\":\"" +
@@ -365,6 +365,28 @@ TEST_F(AccountListTest, AMemberListMayBeFilledInPlace) {
     accounts.set("members", names);
     accounts.set("member_list", "filled");
     EXPECT_EQ(ask(hos_get_group_members_handler, R"({"group_name":"staff"})"), expected + "]}\n");
+}
+
+TEST_F(AccountListTest, MembersWithoutAnEntryAreToldNotToBeThere) {
+    accounts.set("members", "a\nb\nc\n");
+    accounts.set("member_list", "filled");
+    accounts.set("return", "70000"); // more than there is room for
+    std::string expected = "{\"result\":0,\"user_count\":70000,\"user_list\":[true,true,true";
+    for (int i = 3; i < 70000; ++i) {
+        expected += ",false";
+    }
+    const auto reply = ask(hos_get_group_members_handler, R"({"group_name":"staff"})");
+    EXPECT_TRUE(reply == expected + "]}\n"); // compared without being printed
+}
+
+TEST_F(AccountListTest, AMemberListThatTheLibraryLeavesAloneIsNone) {
+    accounts.set("member_list", "untouched");
+    accounts.set("members", "a\n");
+    EXPECT_EQ(ask(hos_get_group_members_handler, R"({"group_name":"staff"})"),
+              failure("hos_get_group_members_handler"));
+    accounts.set("members", "");
+    EXPECT_EQ(ask(hos_get_group_members_handler, R"({"group_name":"staff"})"),
+              "{\"result\":0,\"user_count\":0,\"user_list\":null}\n");
 }
 
 TEST_F(AccountListTest, KeptMembersAreToldToExistAndNotNamed) {

@@ -4,17 +4,24 @@
 #include "handler_fixture.h"
 #include "handlers.h"
 #include "host_tool.h"
+#include "wait.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
+#include <csignal>
 #include <cstring>
+#include <fcntl.h>
 #include <filesystem>
+#include <functional>
 #include <optional>
 #include <string>
 #include <sys/inotify.h>
+#include <sys/stat.h>
+#include <system_error>
 #include <thread>
 #include <unistd.h>
 
@@ -82,6 +89,27 @@ std::string mail_record(const std::string& name) {
            ".txt]\nstr_cmd_sendmail=[]\nstr_cmd_rm=[]\nret_val=[0]\n";
 }
 
+constexpr const char* kBanListFile = "/etc/default_config/apache/extra/vexcms_ip_ban_list.conf";
+
+std::string ban_list(const std::string& address) {
+    return "<LocationMatch \"/.*\">\norder allow,deny\ndeny from " + address + "\nallow from all\n</LocationMatch>\n";
+}
+
+std::atomic<int> ban_list_threads = 0;
+std::atomic<pid_t> last_ban_list_thread = 0;
+
+int watched_ban_list_handler(ks_io* io, int fd) {
+    last_ban_list_thread = gettid();
+    ++ban_list_threads;
+    return hos_update_ip_ban_list_handler(io, fd);
+}
+
+// Whether a thread of this process waits for something.
+bool sleeps(pid_t thread) {
+    const std::string status = read_file("/proc/self/task/" + std::to_string(thread) + "/stat");
+    return status.find(") S ") != std::string::npos;
+}
+
 class AtOnceTest : public HandlerTest {
 protected:
     void SetUp() override {
@@ -91,23 +119,35 @@ protected:
     }
 };
 
+// Which file a descriptor is of.
+ino_t file_of(const unique_fd& fd) {
+    struct stat status = {};
+    return fstat(fd.get(), &status) == 0 ? status.st_ino : 0;
+}
+
 TEST_F(AtOnceTest, EachOfTwoWritersGetsAFileOfItsOwn) {
     constexpr int kFiles = 1000;
+    std::array<unique_fd, 2> files;
     std::atomic<int> arrived = 0;
-    std::atomic<int> made = 0;
-    const auto write_many = [&] {
-        for (int i = 1; i <= kFiles; ++i) {
-            ++arrived;
-            while (arrived < 2 * i) { // the other one is as far
-                std::this_thread::yield();
-            }
-            made += create_anew("/tmp/written-anew", 0600).ok() ? 1 : 0;
+    const auto wait_for_both = [&](int meeting) {
+        ++arrived;
+        while (arrived < 2 * meeting) {
+            std::this_thread::yield();
         }
     };
-    std::thread other(write_many);
-    write_many();
+    const auto write_many = [&](unique_fd& file) {
+        for (int i = 0; i < kFiles; ++i) {
+            wait_for_both(3 * i + 1);
+            file = create_anew("/tmp/written-anew", 0600);
+            wait_for_both(3 * i + 2);
+            EXPECT_NE(file_of(file), 0U);
+            EXPECT_TRUE(&file == &files[0] || file_of(files[0]) != file_of(files[1]));
+            wait_for_both(3 * i + 3);
+        }
+    };
+    std::thread other(write_many, std::ref(files[1]));
+    write_many(files[0]);
     other.join();
-    EXPECT_EQ(made, 2 * kFiles);
 }
 
 TEST_F(AtOnceTest, BothEventsAreLogged) {
@@ -137,24 +177,95 @@ TEST_F(AtOnceTest, BothConnectionsAreLogged) {
     EXPECT_EQ(logged().size(), 2U);
 }
 
-// Lists so long that one is still being written when the next is begun: all that come meanwhile would empty the file
-// first and write then, a short list over a long one.
-TEST_F(AtOnceTest, OfManyBanListsOneStandsWhole) {
-    const std::string file = "/etc/default_config/apache/extra/vexcms_ip_ban_list.conf";
-    strings requests;
-    strings possible;
-    for (int i = 1; i <= kMany; ++i) {
-        const std::string address(static_cast<std::size_t>(i) * 500000, static_cast<char>('a' + i));
-        requests.push_back(R"({"ip_list":")" + address + R"("})");
-        possible.push_back("<LocationMatch \"/.*\">\norder allow,deny\ndeny from " + address +
-                           "\nallow from all\n</LocationMatch>\n");
+// The ban list as a pipe: a list that is longer than the pipe stays on its way until the test reads on.
+class BanListPipeTest : public AtOnceTest {
+protected:
+    void SetUp() override {
+        AtOnceTest::SetUp();
+        fs::remove(kBanListFile);
+        ASSERT_EQ(mkfifo(kBanListFile, 0644), 0);
+        pipe.reset(open(kBanListFile, O_RDWR | O_NONBLOCK | O_CLOEXEC)); // never at its end
+        ASSERT_TRUE(pipe.ok());
+        ban_list_threads = 0;
     }
-    for (int round = 0; round < 5; ++round) {
-        EXPECT_THAT(ask_at_once(hos_update_ip_ban_list_handler, requests),
-                    Each(std::optional<std::string>("{\"result\":0}\n")));
-        const std::string written = read_file(file);
-        EXPECT_EQ(std::count(possible.begin(), possible.end(), written), 1) << written.size() << " bytes";
+    void TearDown() override { fs::remove(kBanListFile); }
+
+    // Reads some more. @return False when there was nothing.
+    bool read_on() {
+        std::array<char, 65536> chunk;
+        const ssize_t count = read(pipe.get(), chunk.data(), chunk.size());
+        written.append(chunk.data(), static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
+        return count > 0;
     }
+    // Sends a list. It is counted as done, or as failed.
+    std::thread send(const std::string& addresses) {
+        return std::thread([this, addresses] {
+            const auto reply = service.call(R"({"ip_list":")" + addresses + R"("})");
+            ++(reply == "{\"result\":0}\n" ? done : failed);
+        });
+    }
+
+    asking_service service{watched_ban_list_handler, 2};
+    unique_fd pipe;
+    std::string written;
+    std::atomic<int> done = 0;
+    std::atomic<int> failed = 0;
+};
+
+TEST_F(BanListPipeTest, AListIsWrittenWholeBeforeTheNext) {
+    const std::string first(1000000, 'a');
+    std::thread one = send(first);
+    EXPECT_TRUE(wait_until([&] { return read_on(); })); // it is being written
+    std::thread other = send("b");
+    EXPECT_TRUE(wait_until([] { return ban_list_threads == 2 && sleeps(last_ban_list_thread); }));
+    EXPECT_TRUE(wait_until([&] { return !read_on() && done + failed == 2; }));
+    one.join();
+    other.join();
+    EXPECT_EQ(failed, 0);
+    EXPECT_TRUE(written == ban_list(first) + ban_list("b")); // compared without being printed
+}
+
+// Neither of a child of another request nor in the place of a standard stream, which this process may run without.
+TEST_F(BanListPipeTest, TheListsDescriptorIsOfThisRequestAlone) {
+    const unique_fd standard_input(fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1));
+    (void)close(STDIN_FILENO);
+    std::thread one = send(std::string(1000000, 'a'));
+    EXPECT_TRUE(wait_until([&] { return read_on(); })); // it is open
+    int found = 0;
+    for (int fd = 0; fd < 100; ++fd) {
+        std::error_code none_there;
+        if (fs::read_symlink("/proc/self/fd/" + std::to_string(fd), none_there) == kBanListFile) {
+            ++found;
+            EXPECT_GT(fd, STDERR_FILENO);
+            EXPECT_EQ(fcntl(fd, F_GETFD), FD_CLOEXEC) << fd;
+        }
+    }
+    EXPECT_EQ(found, 2) << "the test's and the handler's";
+    EXPECT_TRUE(wait_until([&] { return !read_on() && done + failed == 1; }));
+    one.join();
+    (void)dup2(standard_input.get(), STDIN_FILENO);
+    EXPECT_EQ(failed, 0);
+}
+
+std::atomic<int> interruptions = 0;
+
+TEST_F(BanListPipeTest, AnInterruptedWriteGoesOn) {
+    struct sigaction interrupting = {};
+    struct sigaction before = {};
+    interrupting.sa_handler = [](int /*signal*/) { ++interruptions; }; // and no SA_RESTART
+    ASSERT_EQ(sigaction(SIGUSR1, &interrupting, &before), 0);
+    interruptions = 0;
+    const std::string full(static_cast<std::size_t>(fcntl(pipe.get(), F_GETPIPE_SZ)), 'x');
+    ASSERT_EQ(write(pipe.get(), full.data(), full.size()), static_cast<ssize_t>(full.size()));
+    std::thread one = send("a");
+    EXPECT_TRUE(wait_until([] { return ban_list_threads == 1 && sleeps(last_ban_list_thread); }));
+    EXPECT_EQ(tgkill(getpid(), last_ban_list_thread, SIGUSR1), 0);
+    EXPECT_TRUE(wait_until([&] { return interruptions == 1; }));
+    EXPECT_TRUE(wait_until([&] { return !read_on() && done + failed == 1; }));
+    one.join();
+    (void)sigaction(SIGUSR1, &before, nullptr);
+    EXPECT_EQ(failed, 0);
+    EXPECT_EQ(written, full + ban_list("a"));
 }
 
 TEST_F(AtOnceTest, EveryRegistrationIsRecordedAndTheLastRecordIsWhole) {

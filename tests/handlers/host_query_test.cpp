@@ -66,9 +66,11 @@ TEST_F(HostQueryTest, TvLoungeStatusIsTheConfiguredNumber) {
               (strings{"cfgread", "CP_APP", "tvLounge", "-c", "-d", "CFGREAD_FAILD", "-f", "/etc/kos.ui.cp.conf"}));
 }
 
-TEST_F(HostQueryTest, TvLoungeStatusStopsAtTheEndsOf32Bits) {
+TEST_F(HostQueryTest, TvLoungeStatusIsDecimalAndStopsAtTheEndsOf32Bits) {
     for (const auto& [configured, status] :
-         std::initializer_list<std::pair<const char*, const char*>>{{"2147483647", "2147483647"},
+         std::initializer_list<std::pair<const char*, const char*>>{{"010", "10"},
+                                                                    {"0x10", "0"},
+                                                                    {"2147483647", "2147483647"},
                                                                     {"2147483648", "2147483647"},
                                                                     {"99999999999999999999", "2147483647"},
                                                                     {"-2147483648", "-2147483648"},

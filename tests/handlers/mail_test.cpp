@@ -174,8 +174,9 @@ TEST_F(MailTest, NamesAreNotLookedInto) {
 }
 
 TEST_F(MailTest, ResultIsTheProgramsWaitStatus) {
-    program.exits(3);
+    program.answers("refused").exits(3);
     EXPECT_EQ(ask(hos_sendmail_handler, kPlain), "{\"result\":768}\n");
+    EXPECT_EQ(read_file(kLogs + "sendmail.log"), "refused");
     write_file(kSpool + "m.txt", "the mail");
     program.dies_by(9);
     EXPECT_EQ(ask(hos_sendmail_handler, kPlain), "{\"result\":9}\n");
@@ -227,6 +228,18 @@ TEST_F(MailTest, AFolderIsNeverMovedWhateverNamesIt) {
         write_file(kSpool + "m.conf", "the configuration");
         write_file(kSpool + "m.txt", "the mail");
     }
+}
+
+TEST_F(MailTest, ALinkIsMovedAsItIsWhereverItLeads) {
+    fs::create_directories(kSpool + "sub");
+    fs::create_directory_symlink(kSpool + "sub", kSpool + "to-folder");
+    fs::create_symlink("/nowhere", kSpool + "to-nothing");
+    EXPECT_EQ(
+        ask(hos_sendmail_handler, R"({"user":"","pwd":"","config_file":"to-nothing","content_file":"to-folder"})"),
+        "{\"result\":0}\n");
+    EXPECT_EQ(fs::read_symlink(kLogs + "sendmail.conf"), "/nowhere");
+    EXPECT_EQ(fs::read_symlink(kLogs + "sendmail.content"), kSpool + "sub");
+    EXPECT_TRUE(fs::is_directory(kSpool + "sub"));
 }
 
 TEST_F(MailTest, FilesThatCannotBeMovedStayWithoutAReport) {

@@ -111,12 +111,19 @@ TEST_F(ReleaseTest, AListIsFreedBeforeTheReply) {
         {hos_get_group_members_handler, R"({"group_name":"staff"})",
          "{\"result\":0,\"user_count\":16000,\"user_list\":[" + repeated(15999, "true,") + "true]}\n"},
     };
-    for (const asked& each : requests) {
+    const auto expect_freed = [](const asked& each) {
         EXPECT_TRUE(passes_in_own_process([&] {
             const std::size_t before = mallinfo2().hblks;
             expect_reply(each, [&] { EXPECT_EQ(mallinfo2().hblks, before); });
         }));
+    };
+    for (const asked& each : requests) {
+        expect_freed(each);
     }
+    accounts.set("return", "-1"); // with a list all the same
+    expect_freed({hos_get_all_users_handler, "", failure("hos_get_all_users_handler")});
+    expect_freed(
+        {hos_get_group_members_handler, R"({"group_name":"staff"})", failure("hos_get_group_members_handler")});
 }
 
 // Whether this process has a child, be it one that has ended and was not waited for.
