@@ -189,8 +189,8 @@ std::string viewer_missing_text(const std::string& path, int error) {
 // Runs the viewer's tool, if the viewer is installed. One that is not is an answer, no failure.
 void run_viewer_tool(handler_call& call, const std::string& command, viewer_answer* answer) {
     std::string path = installed_file(kViewerPackage, kViewerTool);
-    if (path.empty()) {
-        path = std::string("/") + kViewerTool; // KEPT: looked for in the root folder, and the answer names that path
+    if (path.empty()) { // KEPT: the tool is then looked for in the root folder, and the answer names that path
+        path = std::string("/") + kViewerTool;
     }
     struct stat status = {};
     if (::stat(path.c_str(), &status) != 0) {
