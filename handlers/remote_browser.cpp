@@ -72,10 +72,9 @@ bool run_container_tool(handler_call& call, const std::vector<std::string>& argv
     const std::string output = run.output.read_all();
     dbg_printf2("[%s][%d] exec %s succ, ret_out=[%s]", call.function(), __LINE__, kContainerTool, output.c_str());
     call.reply()["result_out"] = base64_text(output);
-    (void)run.output.remove();
     call.reply()["cli_ret"] = 0;
     call.reply()["result"] = 0;
-    return true;
+    return true; // the output's file goes with `run`, before the reply
 }
 
 } // namespace

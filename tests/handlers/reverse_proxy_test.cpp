@@ -243,12 +243,12 @@ TEST_F(ReverseProxyTest, AnIdentityThatNamesNoFileOfTheFolderTouchesNothing) {
     for (const std::string guid : {"../victim", "sub/victim", "/etc/victim", "./victim", "x\\u0000y"}) {
         for (const std::string action : {"add", "delete"}) {
             EXPECT_EQ(ask(hos_reverse_proxy_handler, one_rule_request(action, guid)), kDone) << action << guid;
+            EXPECT_THAT(files_in(kExtra), ElementsAre("sub")) << action << guid;
         }
     }
     EXPECT_EQ(read_file("/etc/reverseproxy_vexsurveillance/victim.conf"), "untouched");
     EXPECT_EQ(read_file(kExtra + "sub/victim.conf"), "untouched");
     EXPECT_FALSE(file_exists("/etc/victim.conf"));
-    EXPECT_THAT(files_in(kExtra), ElementsAre("sub"));
 }
 
 TEST_F(ReverseProxyTest, DotsAreAnOrdinaryIdentity) {
