@@ -197,6 +197,19 @@ protected:
         written.append(chunk.data(), static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
         return count > 0;
     }
+    // While a list is on its way: its descriptor is of no child, nor in the place of a standard stream.
+    static void expect_descriptors_of_this_request() {
+        int found = 0;
+        for (int fd = 0; fd < 100; ++fd) {
+            std::error_code none_there;
+            if (fs::read_symlink("/proc/self/fd/" + std::to_string(fd), none_there) == kBanListFile) {
+                ++found;
+                EXPECT_GT(fd, STDERR_FILENO);
+                EXPECT_EQ(fcntl(fd, F_GETFD), FD_CLOEXEC) << fd;
+            }
+        }
+        EXPECT_EQ(found, 2) << "the test's and the handler's";
+    }
     // Sends a list. It is counted as done, or as failed.
     std::thread send(const std::string& addresses) {
         return std::thread([this, addresses] {
@@ -216,6 +229,7 @@ TEST_F(BanListPipeTest, AListIsWrittenWholeBeforeTheNext) {
     const std::string first(1000000, 'a');
     std::thread one = send(first);
     EXPECT_TRUE(wait_until([&] { return read_on(); })); // it is being written
+    expect_descriptors_of_this_request();
     std::thread other = send("b");
     EXPECT_TRUE(wait_until([] { return ban_list_threads == 2 && sleeps(last_ban_list_thread); }));
     EXPECT_TRUE(wait_until([&] { return !read_on() && done + failed == 2; }));
@@ -225,22 +239,12 @@ TEST_F(BanListPipeTest, AListIsWrittenWholeBeforeTheNext) {
     EXPECT_TRUE(written == ban_list(first) + ban_list("b")); // compared without being printed
 }
 
-// Neither of a child of another request nor in the place of a standard stream, which this process may run without.
-TEST_F(BanListPipeTest, TheListsDescriptorIsOfThisRequestAlone) {
+TEST_F(BanListPipeTest, AListIsNoStandardStreamInAProcessWithoutOne) {
     const unique_fd standard_input(fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1));
     (void)close(STDIN_FILENO);
     std::thread one = send(std::string(1000000, 'a'));
     EXPECT_TRUE(wait_until([&] { return read_on(); })); // it is open
-    int found = 0;
-    for (int fd = 0; fd < 100; ++fd) {
-        std::error_code none_there;
-        if (fs::read_symlink("/proc/self/fd/" + std::to_string(fd), none_there) == kBanListFile) {
-            ++found;
-            EXPECT_GT(fd, STDERR_FILENO);
-            EXPECT_EQ(fcntl(fd, F_GETFD), FD_CLOEXEC) << fd;
-        }
-    }
-    EXPECT_EQ(found, 2) << "the test's and the handler's";
+    expect_descriptors_of_this_request();
     EXPECT_TRUE(wait_until([&] { return !read_on() && done + failed == 1; }));
     one.join();
     (void)dup2(standard_input.get(), STDIN_FILENO);
