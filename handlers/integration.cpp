@@ -6,7 +6,6 @@
 #include "host_paths.h"
 #include "json_helpers.h"
 #include "log.h"
-#include "read_fd.h"
 #include "runner.h"
 #include "scoped.h"
 #include "text.h"
@@ -88,7 +87,7 @@ int hos_get_vpd_ext_area_handler(ks_io* io, int /*fd*/) {
         call.fail();
         return call.send();
     }
-    std::string output = read_to_end(::fileno(tool.get()));
+    std::string output = read_output(tool.get());
     tool.reset();
     dbg_printf2("[%s][%d] str_output=%s", __func__, __LINE__, output.c_str());
     trim_front_and_end(output, " \n");
@@ -137,7 +136,7 @@ int hos_system_get_tiermount_cloud_usage_handler(ks_io* io, int /*fd*/) {
                                                               "--only-values", "--absolute-names", "-n",
                                                               "trusted.tm.cloud_usage", full_path.c_str(), nullptr));
             tool) {
-            base64_encode(read_to_end(::fileno(tool.get())), usage);
+            base64_encode(read_output(tool.get()), usage);
         }
         if (call.finish(usage.empty() ? -1 : 0)) {
             call.reply()["size_info"] = usage;
@@ -227,7 +226,7 @@ void run_viewer_tool(handler_call& call, const std::string& command, viewer_answ
         call.reply()["error_code"] = -4;
         return;
     }
-    answer->output = read_to_end(::fileno(tool.get()));
+    answer->output = read_output(tool.get());
     answer->cli_ret = lyn_vexprod_corvo_pclose(tool.release());
     answer->failed = false;
 }

@@ -1,10 +1,12 @@
 // The run-with-a-pipe calls and the list of their open streams.
 #include "child.h"
 #include "environment.h"
+#include "read_fd.h"
 #include "redirection.h"
 #include "runner.h"
 #include "scoped.h"
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstdarg>
@@ -12,6 +14,10 @@
 #include <memory>
 #include <mutex>
 #include <new>
+#include <poll.h>
+#include <sys/ioctl.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
 #include <utility>
 
 namespace {
@@ -35,17 +41,44 @@ void remember(std::unique_ptr<open_pipe> node) {
     pidlist = node.release();
 }
 
+// The pointer that leads to the stream's node, or the last one, which is null. Only under the mutex.
+open_pipe** find(const FILE* stream) {
+    open_pipe** link = &pidlist;
+    while (*link != nullptr && (*link)->stream != stream) {
+        link = &(*link)->next;
+    }
+    return link;
+}
+
 // Takes the stream's node out of the list. @return Nothing when the stream is not in it.
 std::unique_ptr<open_pipe> forget(const FILE* stream) {
     const std::lock_guard lock(pidlist_mutex);
-    for (open_pipe** link = &pidlist; *link != nullptr; link = &(*link)->next) {
-        if ((*link)->stream == stream) {
-            std::unique_ptr<open_pipe> node(*link);
-            *link = node->next;
-            return node;
-        }
+    open_pipe** const link = find(stream);
+    std::unique_ptr<open_pipe> node(*link);
+    if (node) {
+        *link = node->next;
     }
-    return nullptr;
+    return node;
+}
+
+// The child of a stream in the list, or -1. It is there to be waited for, so its id means no other process, until its
+// stream is closed.
+pid_t child_of(const FILE* stream) {
+    const std::lock_guard lock(pidlist_mutex);
+    const open_pipe* node = *find(stream);
+    return node == nullptr ? -1 : node->pid;
+}
+
+// Whether the child has ended, or was collected by the kernel. Its status stays, for the call that waits.
+bool has_ended(pid_t pid) noexcept {
+    siginfo_t end = {};
+    return ::waitid(P_PID, static_cast<id_t>(pid), &end, WEXITED | WNOHANG | WNOWAIT) != 0 || end.si_pid == pid;
+}
+
+// How much can be read from a pipe without waiting.
+std::size_t bytes_waiting(int fd) noexcept {
+    int count = 0;
+    return ::ioctl(fd, FIONREAD, &count) == 0 ? static_cast<std::size_t>(count) : 0;
 }
 
 // One call, as its caller made it. All pointers are borrowed; the file names may be null.
@@ -162,6 +195,32 @@ FILE* lyn_vexprod_corvo_popen_v2(const char* stdin_file, const char* stdout_file
         return nullptr;
     }
     return lyn_vexprod_corvo_popen_v_v2(stdin_file, stdout_file, stderr_file, mode, path, argv->data());
+}
+
+std::string read_output(FILE* stream, std::size_t limit_bytes) {
+    constexpr int kLookAgainMs = 100;
+    const int fd = ::fileno(stream);
+    const pid_t pid = child_of(stream);
+    // Readable once the child has ended. Kernels before 5.3 have no such descriptor, and a process at its limit gets
+    // none: then the child is looked at now and again.
+    const unique_fd end = above_standard_streams(unique_fd(static_cast<int>(::syscall(SYS_pidfd_open, pid, 0))));
+    std::string text;
+    while (text.size() < limit_bytes) {
+        std::array<pollfd, 2> events = {{{fd, POLLIN, 0}, {end.get(), POLLIN, 0}}}; // poll() passes over a -1
+        (void)::poll(events.data(), events.size(), end.ok() ? -1 : kLookAgainMs);
+        const bool ended = end.ok() ? events[1].revents != 0 : has_ended(pid);
+        if (!ended && events[0].revents == 0) {
+            continue; // a signal, or time to look again
+        }
+        // Asked after the child's end is known: all that it printed is among these bytes. Nobody else reads them, so
+        // reading them never waits; and whoever goes on printing has no part in them.
+        const std::string piece = read_to_end(fd, std::min(bytes_waiting(fd), limit_bytes - text.size()));
+        text += piece;
+        if (ended || piece.empty()) { // empty: the end of the output, or an error
+            break;
+        }
+    }
+    return text;
 }
 
 int lyn_vexprod_corvo_pclose(FILE* stream) {
