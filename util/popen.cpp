@@ -135,9 +135,7 @@ bool open_other_streams(const pipe_request& request, child_streams* ret_streams)
     }
     ret_streams->err = open_error(request.stderr_file, shared ? ret_streams->out.get() : -1);
     if (!ret_streams->err.ok()) {
-        const int saved_errno = errno;
         remove_output(request.stdout_file);
-        errno = saved_errno;
         return false;
     }
     return true;
@@ -155,6 +153,8 @@ FILE* start_with_pipe(const pipe_request& request) noexcept {
         }
         unique_file stream(::fdopen(caller_end.get(), request.mode));
         if (!stream) {
+            remove_output(request.stdout_file);
+            remove_output(request.stderr_file);
             return nullptr;
         }
         (void)caller_end.release(); // the stream closes it now

@@ -24,7 +24,9 @@ unique_fd open_error(const char* file, int shared_fd) noexcept {
 
 void remove_output(const char* file) noexcept {
     if (file != nullptr) {
+        const int saved_errno = errno;
         (void)::unlink(file); // best effort on the way out of a failure that is reported already
+        errno = saved_errno;
     }
 }
 

@@ -28,7 +28,7 @@ unique_fd open_output(const char* file) noexcept;
 /// `file`.
 unique_fd open_error(const char* file, int shared_fd) noexcept;
 
-/// Removes `file` unless null. That it is not there, or no plain file, is no failure.
+/// Removes `file` unless null. That it is not there, or no plain file, is no failure. Keeps errno.
 void remove_output(const char* file) noexcept;
 
 /// The vector of a variadic call: the base name of `path`, then `arguments` up to the null pointer, all copied.

@@ -1,20 +1,32 @@
-// What happens when memory runs out just where an argument vector is made. A program of its own, because it replaces
-// the global allocation functions.
+// What happens when memory runs out just where the runner needs some. A program of its own, because it replaces the
+// global allocation functions, and the C library's that allocates a stream.
 #include "exec_cli.h"
 #include "runner.h"
+#include "test_files.h"
 
 #include <gtest/gtest.h>
 
 #include <cerrno>
 #include <cstdlib>
+#include <dlfcn.h>
 #include <new>
 #include <string>
 
 namespace {
 
 thread_local std::size_t refused_bytes = 0; // allocations of exactly this size fail; 0 = none
+thread_local bool refuses_streams = false;
 
 } // namespace
+
+extern "C" FILE* fdopen(int fd, const char* mode) noexcept {
+    static const auto original = reinterpret_cast<decltype(&fdopen)>(::dlsym(RTLD_NEXT, "fdopen"));
+    if (refuses_streams) {
+        errno = ENOMEM;
+        return nullptr;
+    }
+    return original(fd, mode);
+}
 
 void* operator new(std::size_t size) {
     void* block = size == refused_bytes ? nullptr : std::malloc(size == 0 ? 1 : size);
@@ -73,6 +85,23 @@ TEST(OutOfMemoryTest, VectorCallsStartNothingWithoutMemoryForTheEnvironment) {
     refused_bytes = 0;
     EXPECT_EQ(first, -1);
     EXPECT_EQ(stream, nullptr);
+}
+
+TEST(OutOfMemoryTest, NoStreamToBeHadGivesNullAndLeavesNoOutput) {
+    const test_folder folder;
+    const std::string out = folder / "out";
+    const std::string err = folder / "err";
+    for (const char* mode : {"r", "w"}) {
+        refuses_streams = true;
+        FILE* stream =
+            lyn_vexprod_corvo_popen_v2(nullptr, out.c_str(), err.c_str(), mode, "/bin/touch", out.c_str(), nullptr);
+        const int popen_errno = errno;
+        refuses_streams = false;
+        EXPECT_EQ(stream, nullptr);
+        EXPECT_EQ(popen_errno, ENOMEM);
+        EXPECT_FALSE(file_exists(out)) << mode << ", or the child was started";
+        EXPECT_FALSE(file_exists(err)) << mode;
+    }
 }
 
 } // namespace
