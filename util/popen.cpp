@@ -81,12 +81,10 @@ std::size_t bytes_waiting(int fd) noexcept {
     return ::ioctl(fd, FIONREAD, &count) == 0 ? static_cast<std::size_t>(count) : 0;
 }
 
-// One call, as its caller made it. All pointers are borrowed; the file names may be null.
+// One call, as its caller made it. All pointers are borrowed.
 struct pipe_request {
-    const char* stdin_file;  // null when the caller writes
-    const char* stdout_file; // null when the caller reads
-    const char* stderr_file;
-    const char* mode; // "r" or "w"
+    redirections files; // without an output when the caller reads, without an input when it writes
+    const char* mode;   // "r" or "w"
     const char* path;
     char* const* argv;
 
@@ -116,29 +114,9 @@ bool open_pipe_ends(const pipe_request& request, unique_fd* ret_caller_end, chil
     return true;
 }
 
-// Opens the redirections beside the pipe. On failure those output files that this call opened are removed.
-bool open_other_streams(const pipe_request& request, child_streams* ret_streams) {
-    bool shared = false;
-    if (request.caller_reads()) {
-        if (request.stdin_file != nullptr) {
-            ret_streams->in = open_input(request.stdin_file);
-            if (!ret_streams->in.ok()) {
-                return false;
-            }
-        }
-    } else {
-        ret_streams->out = open_output(request.stdout_file);
-        if (!ret_streams->out.ok()) {
-            return false;
-        }
-        shared = same_file_name(request.stdout_file, request.stderr_file);
-    }
-    ret_streams->err = open_error(request.stderr_file, shared ? ret_streams->out.get() : -1);
-    if (!ret_streams->err.ok()) {
-        remove_output(request.stdout_file);
-        return false;
-    }
-    return true;
+void remove_opened_outputs(const redirections& files, const child_streams& streams) noexcept {
+    remove_outputs(
+        {nullptr, streams.out.ok() ? files.stdout_file : nullptr, streams.err.ok() ? files.stderr_file : nullptr});
 }
 
 // Everything that can fail or allocate comes before the child, so that no child is ever left without its stream.
@@ -148,13 +126,13 @@ FILE* start_with_pipe(const pipe_request& request) noexcept {
         auto node = std::make_unique<open_pipe>();
         child_streams streams;
         unique_fd caller_end;
-        if (!open_pipe_ends(request, &caller_end, &streams) || !open_other_streams(request, &streams)) {
+        if (!open_pipe_ends(request, &caller_end, &streams)) {
             return nullptr;
         }
-        unique_file stream(::fdopen(caller_end.get(), request.mode));
+        const bool opened = open_redirections(request.files, nullptr, &streams);
+        unique_file stream(opened ? ::fdopen(caller_end.get(), request.mode) : nullptr);
         if (!stream) {
-            remove_output(request.stdout_file);
-            remove_output(request.stderr_file);
+            remove_opened_outputs(request.files, streams);
             return nullptr;
         }
         (void)caller_end.release(); // the stream closes it now
@@ -181,7 +159,7 @@ FILE* lyn_vexprod_corvo_popen_v_v2(const char* stdin_file, const char* stdout_fi
     }
     const bool caller_reads = mode[0] == 'r';
     return start_with_pipe(
-        {caller_reads ? stdin_file : nullptr, caller_reads ? nullptr : stdout_file, stderr_file, mode, path, argv});
+        {{caller_reads ? stdin_file : nullptr, caller_reads ? nullptr : stdout_file, stderr_file}, mode, path, argv});
 }
 
 FILE* lyn_vexprod_corvo_popen_v2(const char* stdin_file, const char* stdout_file, const char* stderr_file,

@@ -169,6 +169,18 @@ TEST_F(PopenTest, FilesThatCannotBeOpenedGiveNullAndLeaveNoOutput) {
     EXPECT_FALSE(file_exists(out));
 }
 
+TEST_F(PopenTest, FilesThatTheCallDidNotOpenAreLeftAlone) {
+    const std::string impossible = folder / "missing/file";
+    write_file(out, "old");
+    EXPECT_EQ(lyn_vexprod_corvo_popen_v2(input.c_str(), out.c_str(), nullptr, "r", CHILD_PROBE, nullptr), nullptr);
+    EXPECT_EQ(lyn_vexprod_corvo_popen_v2(nullptr, impossible.c_str(), out.c_str(), "w", CHILD_PROBE, nullptr), nullptr);
+    EXPECT_EQ(read_file(out), "old");
+    ASSERT_EQ(::mkdir(impossible.substr(0, impossible.rfind('/')).c_str(), 0700), 0);
+    ASSERT_EQ(::symlink("/dev/full/x", impossible.c_str()), 0);
+    EXPECT_EQ(lyn_vexprod_corvo_popen_v2(nullptr, nullptr, impossible.c_str(), "r", CHILD_PROBE, nullptr), nullptr);
+    EXPECT_EQ(std::filesystem::read_symlink(impossible), "/dev/full/x");
+}
+
 TEST_F(PopenTest, AFailedForkGivesNull) {
     EXPECT_TRUE(passes_in_own_process([] {
         const struct rlimit no_processes = {0, 0};
