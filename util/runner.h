@@ -14,16 +14,15 @@
 //
 // Two generations of the calls, kept apart on purpose; whoever runs a tool chooses one for it:
 // - `exec` and `exec_v`: the child's environment is empty, its standard input is the daemon's;
-// - the `_v2` calls: the child's environment is the daemon's own less LD_LIBRARY_PATH, its standard input may be a
-// file. In the variadic calls argv[0] is the path's base name and a null pointer ends the arguments; in the vector
-// calls
+// - the `_v2` calls: the child's environment is the daemon's own less LD_LIBRARY_PATH, its standard input is a file or
+//   the daemon's.
+// In the variadic calls argv[0] is the path's base name and a null pointer ends the arguments; in the vector calls
 // (`_v`) the caller's NULL-terminated vector is passed as it stands, argv[0] included.
 //
 // Redirections. Every name may be null.
 // - stdin_file:   opened read-only; null = standard input as inherited.
 // - stdout_file, stderr_file: opened read-write, created 0774, truncated; null = "/dev/null". When both are the same
-// text
-//   they are one open file with one position, so that both streams land in it in the order in which they were written.
+//   text they are one open file with one position: both streams land in it in the order in which they were written.
 // - trace_file:   appended to before the child starts: the command, the redirections, and why one could not be opened.
 //   One that cannot be opened itself is done without.
 //
