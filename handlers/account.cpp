@@ -6,7 +6,6 @@
 #include "handlers.h"
 #include "host_library.h"
 #include "host_paths.h"
-#include "read_fd.h"
 #include "runner.h"
 #include "scoped.h"
 #include "text.h"
@@ -137,7 +136,7 @@ std::string log_in(const std::string& user, const std::string& password) {
         return {};
     }
     // A login prints two lines, the second of three fields, of which the middle one is the session's id.
-    const auto lines = str_split_to_vector(read_to_end(::fileno(tool.get())), "\n", true);
+    const auto lines = str_split_to_vector(read_output(tool.get()), "\n", true);
     if (lines.size() != 2) {
         return {};
     }

@@ -7,7 +7,6 @@
 #include "json_helpers.h"
 #include "log.h"
 #include "package_registry.h"
-#include "read_fd.h"
 #include "runner.h"
 #include "scoped.h"
 #include "text.h"
@@ -68,7 +67,7 @@ int hos_get_vpd_ext_area_handler(ks_io* io, int /*fd*/) {
         call.fail();
         return call.send();
     }
-    std::string output = read_to_end(::fileno(tool.get()));
+    std::string output = read_output(tool.get());
     tool.reset();
     dbg_printf2("[%s][%d] str_output=%s", __func__, __LINE__, output.c_str());
     trim_front_and_end(output, " \n");
@@ -117,7 +116,7 @@ int hos_system_get_tiermount_cloud_usage_handler(ks_io* io, int /*fd*/) {
                                                               "--only-values", "--absolute-names", "-n",
                                                               "trusted.tm.cloud_usage", full_path.c_str(), nullptr));
             tool) {
-            usage = base64_text(read_to_end(::fileno(tool.get())));
+            usage = base64_text(read_output(tool.get()));
         }
         if (call.finish(usage.empty() ? -1 : 0)) {
             call.reply()["size_info"] = usage;
@@ -205,7 +204,7 @@ void run_viewer_tool(handler_call& call, const std::string& command, viewer_answ
         call.reject("popen failed, path=[" + path + "], errno=[" + std::to_string(errno) + "].", -4);
         return;
     }
-    answer->output = read_to_end(::fileno(tool.get()));
+    answer->output = read_output(tool.get());
     answer->cli_ret = lyn_vexprod_corvo_pclose(tool.release());
     answer->failed = false;
 }

@@ -29,12 +29,6 @@ std::unique_lock<std::mutex> environment_try_lock() {
     return {environment_mutex, std::try_to_lock};
 }
 
-environment_snapshot environment_snapshot::empty() {
-    environment_snapshot copy;
-    copy.pointers_.push_back(nullptr);
-    return copy;
-}
-
 environment_snapshot environment_snapshot::own_without(std::string_view name) {
     environment_snapshot copy;
     std::vector<std::size_t> starts; // offsets first: text_ moves while it grows

@@ -26,12 +26,15 @@ std::unique_lock<std::mutex> environment_try_lock();
 class environment_snapshot {
 public:
     /// No variables at all.
-    static environment_snapshot empty();
+    static environment_snapshot empty() noexcept { return {}; }
     /// The process's variables of this moment, less the one called `name`. Throws std::bad_alloc.
     static environment_snapshot own_without(std::string_view name);
 
     /// NULL-terminated, valid as long as this object.
-    [[nodiscard]] char* const* envp() const noexcept { return pointers_.data(); }
+    [[nodiscard]] char* const* envp() const noexcept {
+        static constexpr char* kNoVariables = nullptr;
+        return pointers_.empty() ? &kNoVariables : pointers_.data();
+    }
 
     environment_snapshot(environment_snapshot&&) noexcept = default;
     environment_snapshot& operator=(environment_snapshot&&) noexcept = default;
@@ -43,7 +46,7 @@ private:
     environment_snapshot() = default;
 
     std::vector<char> text_;      ///< The entries, one after another, each with its NUL.
-    std::vector<char*> pointers_; ///< Into text_.
+    std::vector<char*> pointers_; ///< Into text_, and the null; nothing at all without variables.
 };
 
 #endif

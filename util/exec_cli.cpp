@@ -43,9 +43,7 @@ std::pair<std::string, argument_vector> read_command(const Json::Value& command)
 
 int exec_cli(const std::string& input, std::string& output) {
     Json::Value request;
-    const bool readable = json_parse(input, &request) && has_command(request);
-    output.clear(); // not before: a caller may pass one text for both
-    if (!readable) {
+    if (!json_parse(input, &request) || !has_command(request)) {
         output = "Read command fail.";
         return -1;
     }

@@ -1,14 +1,12 @@
 #include "host_config.h"
 
 #include "argument_vector.h"
-#include "read_fd.h"
 #include "runner.h"
 #include "scoped.h"
 #include "text.h"
 
 #include <array>
 #include <cstdio>
-#include <cstring>
 #include <string_view>
 #include <sys/stat.h>
 #include <utility>
@@ -19,23 +17,7 @@ namespace {
 // What the tool is told to print for a missing field, and so recognised by: misspelt on both sides alike.
 constexpr const char* kMissing = "CFGREAD_FAILD";
 
-// The first line that comes from `fd`, with its newline, cut to `size` - 1 characters and ended by a NUL as text is.
-template <std::size_t size>
-std::array<char, size> read_first_line(int fd) {
-    std::array<char, size> line{};
-    std::size_t used = 0;
-    while (used < size - 1 && std::memchr(line.data(), '\n', used) == nullptr) {
-        const ssize_t count = read_some(fd, line.data() + used, size - 1 - used);
-        if (count <= 0) {
-            break;
-        }
-        used += static_cast<std::size_t>(count);
-    }
-    if (auto* newline = static_cast<char*>(std::memchr(line.data(), '\n', used)); newline != nullptr) {
-        newline[1] = '\0'; // within the array: `used` leaves the last character free
-    }
-    return line;
-}
+constexpr std::size_t kLineLimit = 127; // characters of the tool's answer that are looked at
 
 } // namespace
 
@@ -49,12 +31,12 @@ int ks_get_ini_info(const char* file, const char* section, const char* field, st
     if (!tool) {
         return 0;
     }
-    const auto line = read_first_line<128>(::fileno(tool.get()));
-    const std::string_view text(line.data());
+    const std::string output = read_output(tool.get(), kLineLimit);
+    const std::string_view text(output.c_str()); // up to a NUL
     if (text.empty() || text.starts_with(kMissing)) {
         return 0;
     }
-    value = text.substr(0, text.rfind('\n'));
+    value = text.substr(0, text.find('\n'));
     return 1;
 }
 
@@ -67,7 +49,7 @@ int system_call_hwctl_vpdget(const char* obj_index, std::string& value) {
         if (!tool) {
             return -2;
         }
-        value += read_to_end(::fileno(tool.get()));
+        value += read_output(tool.get());
     }
     std::vector<std::string> pieces = str_split_to_vector(value, "=", true);
     if (pieces.size() != 2) {

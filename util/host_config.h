@@ -11,8 +11,7 @@ inline constexpr const char* kChainCertificate = "/etc/stunnel/uca.pem"; ///< No
 
 /// Reads one value of the host's configuration by kConfigReader.
 /// @param file   The configuration file; null = the tool's own default.
-/// @param value  Receives the first line that the tool prints, at most 127 characters; untouched when nothing was
-/// found.
+/// @param value  Receives the first line that the tool prints, at most 127 characters; untouched if nothing was found.
 /// @return Non-zero if a value was found (it may be empty), 0 otherwise. Mind: not the usual status convention.
 int ks_get_ini_info(const char* file, const char* section, const char* field, std::string& value);
 
@@ -27,8 +26,7 @@ int system_call_hwctl_vpdget(const char* obj_index, std::string& value);
 void parser_VPD_ext_area_from_str(const std::string& text, std::string* out);
 
 /// Picks the values of "enc_sys_id" and "SN" out of a product-data text such as "enc_sys_id = abc, SN = 123\n".
-/// @param text  Must hold both keys: an offset beyond its end throws std::out_of_range, and both outputs stay
-/// untouched.
+/// @param text  Must hold both keys: an offset beyond its end throws std::out_of_range and leaves both outputs alone.
 void parser_VPD_SN_from_str(const std::string& text, std::string* enc_sys_id, std::string* serial);
 
 int get_ssl_protocol(std::string& out);     ///< Sets the protocol list of the host's web server. @return 0.

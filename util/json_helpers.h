@@ -17,8 +17,7 @@ inline constexpr std::size_t kRequestLimitBytes = std::size_t{16} * 1024 * 1024;
 /// Copies the request out of `io`, once: up to its first NUL byte or its end. The mapping is not touched, as a caller
 /// may truncate its file at any moment, and every later look at the copy sees the same text.
 /// @return The text; empty without one, when it cannot be read, and when it is longer than kRequestLimitBytes. A file
-/// that
-///         is merely long is read no further than its first NUL, so a hole costs nothing.
+///         that is merely long is read no further than its first NUL, so a hole costs nothing.
 std::string request_text(const ks_io* io);
 
 /// Parses JSON (comments are allowed and kept).

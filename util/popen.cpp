@@ -1,10 +1,12 @@
 // The run-with-a-pipe calls and the list of their open streams.
 #include "child.h"
 #include "environment.h"
+#include "read_fd.h"
 #include "redirection.h"
 #include "runner.h"
 #include "scoped.h"
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstdarg>
@@ -12,6 +14,10 @@
 #include <memory>
 #include <mutex>
 #include <new>
+#include <poll.h>
+#include <sys/ioctl.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
 #include <utility>
 
 namespace {
@@ -35,25 +41,50 @@ void remember(std::unique_ptr<open_pipe> node) {
     pidlist = node.release();
 }
 
+// The pointer that leads to the stream's node, or the last one, which is null. Only under the mutex.
+open_pipe** find(const FILE* stream) {
+    open_pipe** link = &pidlist;
+    while (*link != nullptr && (*link)->stream != stream) {
+        link = &(*link)->next;
+    }
+    return link;
+}
+
 // Takes the stream's node out of the list. @return Nothing when the stream is not in it.
 std::unique_ptr<open_pipe> forget(const FILE* stream) {
     const std::lock_guard lock(pidlist_mutex);
-    for (open_pipe** link = &pidlist; *link != nullptr; link = &(*link)->next) {
-        if ((*link)->stream == stream) {
-            std::unique_ptr<open_pipe> node(*link);
-            *link = node->next;
-            return node;
-        }
+    open_pipe** const link = find(stream);
+    std::unique_ptr<open_pipe> node(*link);
+    if (node) {
+        *link = node->next;
     }
-    return nullptr;
+    return node;
 }
 
-// One call, as its caller made it. All pointers are borrowed; the file names may be null.
+// The child of a stream in the list, or -1. It is there to be waited for, so its id means no other process, until its
+// stream is closed.
+pid_t child_of(const FILE* stream) {
+    const std::lock_guard lock(pidlist_mutex);
+    const open_pipe* node = *find(stream);
+    return node == nullptr ? -1 : node->pid;
+}
+
+// Whether the child has ended, or was collected by the kernel. Its status stays, for the call that waits.
+bool has_ended(pid_t pid) noexcept {
+    siginfo_t end = {};
+    return ::waitid(P_PID, static_cast<id_t>(pid), &end, WEXITED | WNOHANG | WNOWAIT) != 0 || end.si_pid == pid;
+}
+
+// How much can be read from a pipe without waiting.
+std::size_t bytes_waiting(int fd) noexcept {
+    int count = 0;
+    return ::ioctl(fd, FIONREAD, &count) == 0 ? static_cast<std::size_t>(count) : 0;
+}
+
+// One call, as its caller made it. All pointers are borrowed.
 struct pipe_request {
-    const char* stdin_file;  // null when the caller writes
-    const char* stdout_file; // null when the caller reads
-    const char* stderr_file;
-    const char* mode; // "r" or "w"
+    redirections files; // without an output when the caller reads, without an input when it writes
+    const char* mode;   // "r" or "w"
     const char* path;
     char* const* argv;
 
@@ -83,31 +114,9 @@ bool open_pipe_ends(const pipe_request& request, unique_fd* ret_caller_end, chil
     return true;
 }
 
-// Opens the redirections beside the pipe. On failure those output files that this call opened are removed.
-bool open_other_streams(const pipe_request& request, child_streams* ret_streams) {
-    bool shared = false;
-    if (request.caller_reads()) {
-        if (request.stdin_file != nullptr) {
-            ret_streams->in = open_input(request.stdin_file);
-            if (!ret_streams->in.ok()) {
-                return false;
-            }
-        }
-    } else {
-        ret_streams->out = open_output(request.stdout_file);
-        if (!ret_streams->out.ok()) {
-            return false;
-        }
-        shared = same_file_name(request.stdout_file, request.stderr_file);
-    }
-    ret_streams->err = open_error(request.stderr_file, shared ? ret_streams->out.get() : -1);
-    if (!ret_streams->err.ok()) {
-        const int saved_errno = errno;
-        remove_output(request.stdout_file);
-        errno = saved_errno;
-        return false;
-    }
-    return true;
+void remove_opened_outputs(const redirections& files, const child_streams& streams) noexcept {
+    remove_outputs(
+        {nullptr, streams.out.ok() ? files.stdout_file : nullptr, streams.err.ok() ? files.stderr_file : nullptr});
 }
 
 // Everything that can fail or allocate comes before the child, so that no child is ever left without its stream.
@@ -117,11 +126,13 @@ FILE* start_with_pipe(const pipe_request& request) noexcept {
         auto node = std::make_unique<open_pipe>();
         child_streams streams;
         unique_fd caller_end;
-        if (!open_pipe_ends(request, &caller_end, &streams) || !open_other_streams(request, &streams)) {
+        if (!open_pipe_ends(request, &caller_end, &streams)) {
             return nullptr;
         }
-        unique_file stream(::fdopen(caller_end.get(), request.mode));
+        const bool opened = open_redirections(request.files, nullptr, &streams);
+        unique_file stream(opened ? ::fdopen(caller_end.get(), request.mode) : nullptr);
         if (!stream) {
+            remove_opened_outputs(request.files, streams);
             return nullptr;
         }
         (void)caller_end.release(); // the stream closes it now
@@ -148,7 +159,7 @@ FILE* lyn_vexprod_corvo_popen_v_v2(const char* stdin_file, const char* stdout_fi
     }
     const bool caller_reads = mode[0] == 'r';
     return start_with_pipe(
-        {caller_reads ? stdin_file : nullptr, caller_reads ? nullptr : stdout_file, stderr_file, mode, path, argv});
+        {{caller_reads ? stdin_file : nullptr, caller_reads ? nullptr : stdout_file, stderr_file}, mode, path, argv});
 }
 
 FILE* lyn_vexprod_corvo_popen_v2(const char* stdin_file, const char* stdout_file, const char* stderr_file,
@@ -162,6 +173,32 @@ FILE* lyn_vexprod_corvo_popen_v2(const char* stdin_file, const char* stdout_file
         return nullptr;
     }
     return lyn_vexprod_corvo_popen_v_v2(stdin_file, stdout_file, stderr_file, mode, path, argv->data());
+}
+
+std::string read_output(FILE* stream, std::size_t limit_bytes) {
+    constexpr int kLookAgainMs = 100;
+    const int fd = ::fileno(stream);
+    const pid_t pid = child_of(stream);
+    // Readable once the child has ended. Kernels before 5.3 have no such descriptor, and a process at its limit gets
+    // none: then the child is looked at now and again.
+    const unique_fd end = above_standard_streams(unique_fd(static_cast<int>(::syscall(SYS_pidfd_open, pid, 0))));
+    std::string text;
+    while (text.size() < limit_bytes) {
+        std::array<pollfd, 2> events = {{{fd, POLLIN, 0}, {end.get(), POLLIN, 0}}}; // poll() passes over a -1
+        (void)::poll(events.data(), events.size(), end.ok() ? -1 : kLookAgainMs);
+        const bool ended = end.ok() ? events[1].revents != 0 : has_ended(pid);
+        if (!ended && events[0].revents == 0) {
+            continue; // a signal, or time to look again
+        }
+        // Asked after the child's end is known: all that it printed is among these bytes. Nobody else reads them, so
+        // reading them never waits; and whoever goes on printing has no part in them.
+        const std::string piece = read_to_end(fd, std::min(bytes_waiting(fd), limit_bytes - text.size()));
+        text += piece;
+        if (ended || piece.empty()) { // empty: the end of the output, or an error
+            break;
+        }
+    }
+    return text;
 }
 
 int lyn_vexprod_corvo_pclose(FILE* stream) {

@@ -5,6 +5,9 @@
 #include <cerrno>
 #include <unistd.h>
 
+namespace {
+
+// read(2), again while a signal interrupts it.
 ssize_t read_some(int fd, void* buffer, std::size_t size_bytes) noexcept {
     ssize_t count = 0;
     do {
@@ -12,6 +15,8 @@ ssize_t read_some(int fd, void* buffer, std::size_t size_bytes) noexcept {
     } while (count < 0 && errno == EINTR);
     return count;
 }
+
+} // namespace
 
 std::string read_to_end(int fd, std::size_t limit_bytes) {
     std::string text;

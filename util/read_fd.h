@@ -3,15 +3,11 @@
 #define VEXPROD_UTIL_READ_FD_H
 
 #include <cstddef>
-#include <limits>
 #include <string>
-#include <sys/types.h>
 
-/// read(2), again while a signal interrupts it. @return As read(2).
-ssize_t read_some(int fd, void* buffer, std::size_t size_bytes) noexcept;
-
-/// Reads until the end, an error or `limit_bytes`, whichever comes first.
+/// Reads until the end, an error or `limit_bytes`, whichever comes first. Not for what a tool prints into a pipe, see
+/// read_output().
 /// @return What was read; an error after some bytes ends the text there.
-std::string read_to_end(int fd, std::size_t limit_bytes = std::numeric_limits<std::size_t>::max());
+std::string read_to_end(int fd, std::size_t limit_bytes);
 
 #endif

@@ -1,11 +1,13 @@
 #include "redirection.h"
 
+#include <cerrno>
 #include <cstring>
+#include <initializer_list>
 #include <new>
 
-bool same_file_name(const char* one, const char* other) noexcept {
-    return one != nullptr && other != nullptr && std::strcmp(one, other) == 0;
-}
+namespace {
+
+constexpr const char* kNullDevice = "/dev/null";
 
 unique_fd open_input(const char* file) noexcept {
     return above_standard_streams(unique_fd(::open(file, O_RDONLY | O_CLOEXEC)));
@@ -18,14 +20,58 @@ unique_fd open_output(const char* file) noexcept {
     return above_standard_streams(unique_fd(fd));
 }
 
-unique_fd open_error(const char* file, int shared_fd) noexcept {
-    return shared_fd < 0 ? open_output(file) : unique_fd(::fcntl(shared_fd, F_DUPFD_CLOEXEC, STDERR_FILENO + 1));
+// A second descriptor of the same open file, with one position for both.
+unique_fd duplicate(const unique_fd& output) noexcept {
+    return unique_fd(::fcntl(output.get(), F_DUPFD_CLOEXEC, STDERR_FILENO + 1));
 }
 
-void remove_output(const char* file) noexcept {
-    if (file != nullptr) {
-        (void)::unlink(file); // best effort on the way out of a failure that is reported already
+// @return False, for the caller to pass on.
+bool trace_failed_output(FILE* trace, const char* file, const unique_fd& output) noexcept {
+    if (trace != nullptr) {
+        (void)std::fprintf(trace, "open %s failed: %d\n", file == nullptr ? kNullDevice : file, output.get());
     }
+    return false;
+}
+
+} // namespace
+
+bool open_redirections(const redirections& files, FILE* trace, child_streams* streams) noexcept {
+    bool shared = false;
+    if (!streams->out.ok()) {
+        streams->out = open_output(files.stdout_file);
+        if (!streams->out.ok()) {
+            return trace_failed_output(trace, files.stdout_file, streams->out);
+        }
+        shared = files.stdout_file != nullptr && files.stderr_file != nullptr &&
+                 std::strcmp(files.stdout_file, files.stderr_file) == 0;
+    }
+    if (shared && trace != nullptr) {
+        (void)std::fprintf(trace, "pipe stdout and stderr to the same file %s\n", files.stderr_file);
+    }
+    streams->err = shared ? duplicate(streams->out) : open_output(files.stderr_file);
+    if (!streams->err.ok()) {
+        return trace_failed_output(trace, files.stderr_file, streams->err);
+    }
+    if (files.stdin_file != nullptr) {
+        streams->in = open_input(files.stdin_file);
+        if (!streams->in.ok()) {
+            if (trace != nullptr) {
+                (void)std::fprintf(trace, "open %s failed\n", files.stdin_file);
+            }
+            return false;
+        }
+    }
+    return true;
+}
+
+void remove_outputs(const redirections& files) noexcept {
+    const int saved_errno = errno;
+    for (const char* file : {files.stdout_file, files.stderr_file}) {
+        if (file != nullptr) {
+            (void)::unlink(file); // best effort on the way out of a failure that is reported already
+        }
+    }
+    errno = saved_errno;
 }
 
 std::optional<argument_vector> collect_arguments(const char* path, std::va_list arguments) noexcept {

@@ -3,33 +3,30 @@
 #define VEXPROD_UTIL_REDIRECTION_H
 
 #include "argument_vector.h"
-#include "unique_fd.h"
+#include "child.h"
 
 #include <cstdarg>
+#include <cstdio>
 #include <optional>
 
 /// The variable that no child of the second generation inherits.
 inline constexpr const char* kLibraryPathVariable = "LD_LIBRARY_PATH";
 
-inline constexpr const char* kNullDevice = "/dev/null";
+/// The files that a caller names for a child's standard streams. All borrowed, and each may be null.
+struct redirections {
+    const char* stdin_file;
+    const char* stdout_file;
+    const char* stderr_file;
+};
 
-/// Whether both are given and the same text.
-bool same_file_name(const char* one, const char* other) noexcept;
+/// Opens the output unless `streams` has one, the error, and the input if it is named, as runner.h says.
+/// @param trace    Told of a file for both outputs, and of one that cannot be opened; null = nobody is.
+/// @param streams  Receives them. On failure it has those that could be opened.
+/// @return False when one cannot be had; without a trace, errno says why.
+bool open_redirections(const redirections& files, FILE* trace, child_streams* streams) noexcept;
 
-/// Opens a child's standard input. @return Nothing and errno on failure.
-unique_fd open_input(const char* file) noexcept;
-
-/// Opens a child's standard output: `file`, created 0774 and truncated, or the null device when null.
-/// @return Nothing and errno on failure.
-unique_fd open_output(const char* file) noexcept;
-
-/// Opens a child's standard error.
-/// @param shared_fd  Borrowed: the output descriptor to duplicate, so that both share one file position; -1 = open
-/// `file`.
-unique_fd open_error(const char* file, int shared_fd) noexcept;
-
-/// Removes `file` unless null. That it is not there, or no plain file, is no failure.
-void remove_output(const char* file) noexcept;
+/// Removes the output files that are named. One that is not there, or no plain file, is no failure. Keeps errno.
+void remove_outputs(const redirections& files) noexcept;
 
 /// The vector of a variadic call: the base name of `path`, then `arguments` up to the null pointer, all copied.
 /// @return Nothing when memory runs out.

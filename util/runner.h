@@ -10,20 +10,19 @@
 // Run with a pipe:
 //
 //     unique_pipe tool(lyn_vexprod_corvo_popen_v2(nullptr, nullptr, nullptr, "r", "/sbin/tool", "--list", nullptr));
-//     if (tool) { read from tool.get() ... }       // the child is waited for when `tool` goes
+//     if (tool) text = read_output(tool.get());    // the child is waited for when `tool` goes
 //
 // Two generations of the calls, kept apart on purpose; whoever runs a tool chooses one for it:
 // - `exec` and `exec_v`: the child's environment is empty, its standard input is the daemon's;
-// - the `_v2` calls: the child's environment is the daemon's own less LD_LIBRARY_PATH, its standard input may be a
-// file. In the variadic calls argv[0] is the path's base name and a null pointer ends the arguments; in the vector
-// calls
+// - the `_v2` calls: the child's environment is the daemon's own less LD_LIBRARY_PATH, its standard input is a file or
+//   the daemon's.
+// In the variadic calls argv[0] is the path's base name and a null pointer ends the arguments; in the vector calls
 // (`_v`) the caller's NULL-terminated vector is passed as it stands, argv[0] included.
 //
 // Redirections. Every name may be null.
 // - stdin_file:   opened read-only; null = standard input as inherited.
 // - stdout_file, stderr_file: opened read-write, created 0774, truncated; null = "/dev/null". When both are the same
-// text
-//   they are one open file with one position, so that both streams land in it in the order in which they were written.
+//   text they are one open file with one position: both streams land in it in the order in which they were written.
 // - trace_file:   appended to before the child starts: the command, the redirections, and why one could not be opened.
 //   One that cannot be opened itself is done without.
 //
@@ -40,7 +39,10 @@
 #ifndef VEXPROD_UTIL_RUNNER_H
 #define VEXPROD_UTIL_RUNNER_H
 
+#include <cstddef>
 #include <cstdio>
+#include <limits>
+#include <string>
 
 /// Runs `path` and waits. Empty environment, inherited standard input. Arguments up to a null pointer.
 /// @return Wait status or -1, see above. KEPT: when no child can be made (fork fails) the call returns 0, which callers
@@ -74,6 +76,14 @@ FILE* lyn_vexprod_corvo_popen_v2(const char* stdin_file, const char* stdout_file
 /// The same with the caller's vector.
 FILE* lyn_vexprod_corvo_popen_v_v2(const char* stdin_file, const char* stdout_file, const char* stderr_file,
                                    const char* mode, const char* path, char* const* argv);
+
+/// Reads what the child of such a stream, in mode "r", prints: to the end of its output or, once the child itself has
+/// ended, what is there by then. A process that the child leaves behind may hold the output open for good, so it is not
+/// waited for; what it prints later is lost.
+/// @param stream       Not read by anybody else, nor by stdio before: what that holds in its buffer is passed over.
+/// @param limit_bytes  Ends the reading as well.
+/// @return What was read; an error after some bytes ends the text there. Throws std::bad_alloc.
+std::string read_output(FILE* stream, std::size_t limit_bytes = std::numeric_limits<std::size_t>::max());
 
 /// Closes a stream of the two calls above and waits for its child.
 /// @return Wait status; -1 when there is no child to wait for, or the stream is none of theirs and then stays open.

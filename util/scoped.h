@@ -20,8 +20,8 @@ struct close_with {
 };
 
 using unique_file = std::unique_ptr<FILE, close_with<&std::fclose>>;
-using unique_pipe =
-    std::unique_ptr<FILE, close_with<&lyn_vexprod_corvo_pclose>>; ///< Popen streams: never fclose these.
+/// A stream of the run-with-a-pipe calls: never fclose() one.
+using unique_pipe = std::unique_ptr<FILE, close_with<&lyn_vexprod_corvo_pclose>>;
 using unique_dir = std::unique_ptr<DIR, close_with<&::closedir>>;
 using unique_dl = std::unique_ptr<void, close_with<&::dlclose>>;
 template <class T>

@@ -5,7 +5,7 @@
 
 #include <cstdlib>
 #include <cstring>
-#include <limits>
+#include <sys/stat.h>
 #include <utility>
 
 temp_file::temp_file() noexcept {
@@ -39,7 +39,9 @@ temp_file::~temp_file() {
 }
 
 std::string temp_file::read_all() const {
-    return read_at_most(std::numeric_limits<std::size_t>::max());
+    // As far as it reaches now: a process that the tool left behind may write on and on.
+    struct stat status = {};
+    return ::stat(path_, &status) == 0 ? read_at_most(static_cast<std::size_t>(status.st_size)) : std::string();
 }
 
 std::string temp_file::read_at_most(std::size_t limit_bytes) const {

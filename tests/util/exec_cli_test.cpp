@@ -83,6 +83,8 @@ TEST(ExecCliTest, OneTextMayBeInputAndOutput) {
     std::string text = R"({"command":["/bin/echo","hi"]})";
     EXPECT_EQ(exec_cli(text, text), 0);
     EXPECT_EQ(text, "hi\n");
+    EXPECT_EQ(exec_cli(text, text), -1);
+    EXPECT_EQ(text, "Read command fail.");
 }
 
 TEST(ExecCliTest, LeavesNoTemporaryFile) {

@@ -5,6 +5,7 @@
 
 #include <gmock/gmock.h>
 
+#include <csignal>
 #include <stdexcept>
 #include <sys/stat.h>
 
@@ -91,6 +92,23 @@ TEST_F(HostConfigTest, ALineThatComesInPiecesIsOneLine) {
     std::string value;
     EXPECT_NE(ks_get_ini_info("/f", "s", "f", value), 0);
     EXPECT_EQ(value, "ab");
+}
+
+TEST_F(HostConfigTest, AProcessThatAToolLeavesBehindIsNotWaitedFor) {
+    const std::string left_behind = "sleep 300 & echo $! > " + (folder / "pid") + "; ";
+    const auto ends_now = [&] { return ::kill(std::stoi("0" + read_file(folder / "pid")), SIGKILL) == 0; };
+    EXPECT_TRUE(passes_in_own_process([&] {
+        std::string value;
+        install_cfgread(left_behind + "echo x");
+        EXPECT_NE(ks_get_ini_info("/f", "s", "f", value), 0);
+        EXPECT_EQ(value, "x");
+        EXPECT_TRUE(ends_now());
+        install_hwctl(left_behind + "echo k=v");
+        value.clear();
+        EXPECT_EQ(system_call_hwctl_vpdget("0:9", value), 0);
+        EXPECT_EQ(value, "v");
+        EXPECT_TRUE(ends_now());
+    }));
 }
 
 TEST_F(HostConfigTest, NoChildIsLeftBehind) {

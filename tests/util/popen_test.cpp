@@ -1,7 +1,10 @@
 // The run-with-a-pipe calls, with real children.
+#include "forbid_system_call.h"
 #include "runner.h"
 #include "scoped.h"
 #include "test_files.h"
+#include "unique_fd.h"
+#include "wait.h"
 
 #include <gmock/gmock.h>
 
@@ -9,6 +12,8 @@
 #include <csignal>
 #include <fcntl.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
 #include <thread>
 
 namespace {
@@ -164,6 +169,18 @@ TEST_F(PopenTest, FilesThatCannotBeOpenedGiveNullAndLeaveNoOutput) {
     EXPECT_FALSE(file_exists(out));
 }
 
+TEST_F(PopenTest, FilesThatTheCallDidNotOpenAreLeftAlone) {
+    const std::string impossible = folder / "missing/file";
+    write_file(out, "old");
+    EXPECT_EQ(lyn_vexprod_corvo_popen_v2(input.c_str(), out.c_str(), nullptr, "r", CHILD_PROBE, nullptr), nullptr);
+    EXPECT_EQ(lyn_vexprod_corvo_popen_v2(nullptr, impossible.c_str(), out.c_str(), "w", CHILD_PROBE, nullptr), nullptr);
+    EXPECT_EQ(read_file(out), "old");
+    ASSERT_EQ(::mkdir(impossible.substr(0, impossible.rfind('/')).c_str(), 0700), 0);
+    ASSERT_EQ(::symlink("/dev/full/x", impossible.c_str()), 0);
+    EXPECT_EQ(lyn_vexprod_corvo_popen_v2(nullptr, nullptr, impossible.c_str(), "r", CHILD_PROBE, nullptr), nullptr);
+    EXPECT_EQ(std::filesystem::read_symlink(impossible), "/dev/full/x");
+}
+
 TEST_F(PopenTest, AFailedForkGivesNull) {
     EXPECT_TRUE(passes_in_own_process([] {
         const struct rlimit no_processes = {0, 0};
@@ -199,6 +216,137 @@ TEST_F(PopenTest, CloseWaitsOnWhenASignalArrives) {
                                                   "cat; kill -USR1 $PPID; kill -USR1 $PPID; exit 9", nullptr);
         ASSERT_NE(stream, nullptr);
         EXPECT_EQ(lyn_vexprod_corvo_pclose(stream), 0x900);
+    }));
+}
+
+// Reading a tool's output, on a kernel that tells of a child's end by a descriptor, and on one that does not.
+class ReadOutputTest : public PopenTest, public testing::WithParamInterface<bool> {
+protected:
+    // Runs `body` in a process of its own, as each of these tests would wait for ever when it fails.
+    static bool passes(const std::function<void()>& body) {
+        return passes_in_own_process([&] {
+            if (!GetParam()) {
+                forbid_system_call(SYS_pidfd_open); // as before 5.3
+                ASSERT_EQ(::syscall(SYS_pidfd_open, ::getpid(), 0), -1);
+            }
+            body();
+        });
+    }
+    static unique_pipe shell(const char* script) {
+        return unique_pipe(
+            lyn_vexprod_corvo_popen_v2(nullptr, nullptr, nullptr, "r", "/bin/sh", "-c", script, nullptr));
+    }
+    // Waits until the only child is there to be waited for.
+    static void wait_for_the_end() {
+        siginfo_t end = {};
+        ASSERT_EQ(::waitid(P_ALL, 0, &end, WEXITED | WNOWAIT), 0);
+    }
+};
+
+INSTANTIATE_TEST_SUITE_P(, ReadOutputTest, testing::Bool());
+
+TEST_P(ReadOutputTest, IsAllThatTheToolPrintsUpToTheLimit) {
+    EXPECT_TRUE(passes([] {
+        const auto start = [] {
+            return unique_pipe(
+                lyn_vexprod_corvo_popen_v2(nullptr, nullptr, nullptr, "r", CHILD_PROBE, "fill", "1000000", nullptr));
+        };
+        EXPECT_EQ(read_output(start().get()), std::string(1000000, 'x'));
+        EXPECT_EQ(read_output(start().get(), 1000000), std::string(1000000, 'x'));
+        EXPECT_EQ(read_output(start().get(), 200000), std::string(200000, 'x'));
+        EXPECT_EQ(read_output(start().get(), 1), "x");
+        EXPECT_EQ(read_output(start().get(), 0), "");
+    }));
+}
+
+TEST_P(ReadOutputTest, AToolThatPausesIsWaitedFor) {
+    EXPECT_TRUE(passes([] { EXPECT_EQ(read_output(shell("echo a; sleep 0.3; echo b").get()), "a\nb\n"); }));
+}
+
+TEST_P(ReadOutputTest, AToolThatClosesItsOutputAndRunsOnIsNotWaitedFor) {
+    EXPECT_TRUE(passes([&] {
+        ASSERT_EQ(::mkfifo(input.c_str(), 0600), 0);
+        const unique_fd gate(::open(input.c_str(), O_RDWR | O_CLOEXEC));
+        const std::string script = "echo a; exec >/dev/null; read word <" + input + "; exit 3";
+        unique_pipe tool = shell(script.c_str());
+        EXPECT_EQ(read_output(tool.get()), "a\n");
+        ASSERT_EQ(::write(gate.get(), "go\n", 3), 3);
+        EXPECT_EQ(lyn_vexprod_corvo_pclose(tool.release()), 0x300);
+    }));
+}
+
+TEST_P(ReadOutputTest, AToolThatHasEndedLeavesItsWholeTextAndItsStatus) {
+    EXPECT_TRUE(passes([] {
+        unique_pipe tool = shell("printf '%60000s' end; exit 3");
+        wait_for_the_end();
+        EXPECT_EQ(read_output(tool.get()), std::string(59997, ' ') + "end");
+        EXPECT_EQ(lyn_vexprod_corvo_pclose(tool.release()), 0x300);
+        tool = shell("printf text");
+        wait_for_the_end();
+        EXPECT_EQ(read_output(tool.get(), 2), "te");
+    }));
+}
+
+TEST_P(ReadOutputTest, AProcessLeftBehindThatHoldsTheOutputIsNotWaitedFor) {
+    EXPECT_TRUE(passes([] {
+        unique_pipe tool = shell("sleep 300 & echo $!; exit 3");
+        const std::string text = read_output(tool.get());
+        const pid_t left_behind = std::stoi("0" + text);
+        ASSERT_GT(left_behind, 0) << text;
+        EXPECT_EQ(text, std::to_string(left_behind) + "\n");
+        EXPECT_EQ(lyn_vexprod_corvo_pclose(tool.release()), 0x300) << "nor by the call that waits";
+        EXPECT_EQ(::kill(left_behind, SIGKILL), 0);
+    }));
+}
+
+TEST_P(ReadOutputTest, AProcessLeftBehindThatPrintsOnAndOnIsNotReadOnAndOn) {
+    EXPECT_TRUE(passes([] { // it ends when nobody reads what it prints
+        unique_pipe tool = shell("echo first; (while echo more; do :; done) &");
+        EXPECT_THAT(read_output(tool.get()), testing::StartsWith("first\n"));
+        EXPECT_EQ(lyn_vexprod_corvo_pclose(tool.release()), 0);
+    }));
+}
+
+TEST_P(ReadOutputTest, ASignalDoesNotEndTheReading) {
+    EXPECT_TRUE(passes([] {
+        struct sigaction action = {};
+        action.sa_handler = [](int) {}; // no SA_RESTART: the wait is interrupted
+        ASSERT_EQ(::sigaction(SIGUSR1, &action, nullptr), 0);
+        EXPECT_EQ(read_output(shell("kill -USR1 $PPID; kill -USR1 $PPID; echo late").get()), "late\n");
+    }));
+}
+
+TEST_P(ReadOutputTest, AChildThatTheKernelCollectedHasEnded) {
+    EXPECT_TRUE(passes([] {
+        ::signal(SIGCHLD, SIG_IGN);
+        const unique_pipe tool = shell("sleep 300 & echo $!");
+        const std::string text = read_output(tool.get());
+        EXPECT_EQ(::kill(std::stoi("0" + text), SIGKILL), 0) << text;
+    }));
+}
+
+TEST_F(PopenTest, ReadingTakesNoNumberOfTheStandardStreams) {
+    EXPECT_TRUE(passes_in_own_process([&] {
+        ASSERT_EQ(::mkfifo(input.c_str(), 0600), 0);
+        unique_fd gate(::open(input.c_str(), O_RDWR | O_CLOEXEC));
+        ::close(STDIN_FILENO);
+        const unique_pipe tool(
+            lyn_vexprod_corvo_popen_v2(input.c_str(), nullptr, nullptr, "r", CHILD_PROBE, "copy", nullptr));
+        std::thread reader([&] { EXPECT_EQ(read_output(tool.get()), "text"); });
+        std::string number;
+        EXPECT_TRUE(wait_until([&] {
+            for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+                std::error_code gone;
+                if (std::filesystem::read_symlink(entry, gone).string().find("pidfd") != std::string::npos) {
+                    number = entry.path().filename();
+                }
+            }
+            return !number.empty() && !file_exists("/proc/self/fd/0");
+        }));
+        EXPECT_EQ(::fcntl(std::stoi("0" + number), F_GETFD), FD_CLOEXEC);
+        EXPECT_EQ(::write(gate.get(), "text", 4), 4);
+        gate.reset();
+        reader.join();
     }));
 }
 

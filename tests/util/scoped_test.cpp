@@ -114,8 +114,8 @@ TEST(ReadFdTest, ReadsOnAfterASignal) {
             lyn_vexprod_corvo_popen_v2(nullptr, ("/proc/self/fd/" + std::to_string(ends[1])).c_str(), nullptr, "w",
                                        "/bin/sh", "-c", "kill -ALRM $PPID; kill -ALRM $PPID; echo late", nullptr));
         ::close(ends[1]);
-        EXPECT_EQ(read_to_end(ends[0]), "late\n");
-        EXPECT_EQ(read_to_end(-1), "") << "an error ends the text";
+        EXPECT_EQ(read_to_end(ends[0], 100), "late\n");
+        EXPECT_EQ(read_to_end(-1, 100), "") << "an error ends the text";
     }));
 }
 
@@ -144,6 +144,17 @@ TEST(TempFileTest, ReadsWholeOrTheBeginning) {
     EXPECT_EQ(file.read_at_most(5), "aaaaa");
     EXPECT_EQ(file.read_at_most(0), "");
     EXPECT_EQ(file.read_at_most(100000), content);
+}
+
+TEST(TempFileTest, ReadsNoFurtherThanTheFileReachesNow) {
+    EXPECT_TRUE(passes_in_own_process([] {
+        temp_file file;
+        ASSERT_EQ(file.remove(), 0);
+        ASSERT_EQ(::mkfifo(file.path(), 0600), 0); // has no size, and no end while somebody may write
+        const unique_fd writer(::open(file.path(), O_RDWR | O_CLOEXEC));
+        EXPECT_EQ(file.read_all(), "");
+        EXPECT_EQ(file.remove(), 0);
+    }));
 }
 
 TEST(TempFileTest, RemovesWithAStatus) {
