@@ -126,6 +126,19 @@ inline std::vector<pid_t> threads_in(pid_t pid, long number) {
     return found;
 }
 
+/// The processes that a thread of process `pid` has started and not waited for yet.
+inline std::vector<pid_t> children_of(pid_t pid) {
+    std::vector<pid_t> found;
+    std::error_code error;
+    for (const auto& task : std::filesystem::directory_iterator("/proc/" + std::to_string(pid) + "/task", error)) {
+        std::ifstream children(task.path() / "children");
+        for (pid_t child = 0; children >> child;) {
+            found.push_back(child);
+        }
+    }
+    return found;
+}
+
 /// Mails under way in daemon `pid`: the mail program, a child of the daemon for each, waits until this object's end.
 class waiting_mails {
 public:
