@@ -12,6 +12,10 @@
 // before ks_start() has begun, and ks_free() may not come before it has: the shutdown therefore waits until a worker of
 // the service has reported (worker_is_up), however early a stop was asked for.
 //
+// Crashing. One thread ends the process, the first to claim that (claim_end): one that crashed, by SIGKILL once its
+// report is written, or the main thread, after the shutdown. Whoever comes second gives way, so that a stop never cuts
+// a report off, or takes away what a crash leaves behind.
+//
 // The mail service is left to process exit, so its workers may be busy while static objects are destroyed: nothing that
 // a request uses may have a static object with a destructor (tests/daemon/static_objects.sh looks for them).
 #include "lifecycle.h"
@@ -56,6 +60,7 @@ std::unique_ptr<T_MSGQ_service> msgq_obj;
 std::unique_ptr<T_MSGQ_service> log_msgq_obj;
 pthread_mutex_t sleep_mtx = PTHREAD_MUTEX_INITIALIZER;
 pthread_cond_t sleep_cond = PTHREAD_COND_INITIALIZER;
+pid_t ending_thread = 0; // who ends the process: atomically
 
 // What the main thread knows of a service's thread. Guarded by start_mtx.
 struct service_thread {
@@ -93,16 +98,22 @@ void stop_service(int /*signum*/) {
     pthread_sigmask(SIG_SETMASK, &before, nullptr);
 }
 
+// Claims the end of the process for this thread. @return 0, or the thread that has claimed it before.
+pid_t claim_end() {
+    pid_t claimed_by = 0;
+    (void)__atomic_compare_exchange_n(&ending_thread, &claimed_by, gettid(), false, __ATOMIC_SEQ_CST, __ATOMIC_SEQ_CST);
+    return claimed_by;
+}
+
 // The dump allocates. After a crash inside malloc() it may wait for ever, and then the alarm ends the process; or it
-// may crash as well, which is reported to this handler again: then there is no more to be had. A second thread that
-// crashes lets the first one finish.
+// may crash as well, which is reported to this handler again: then there is no more to be had, and likewise when the
+// main thread crashes at the end of an orderly stop. Any other thread that crashes lets the first one finish, for no
+// longer than a dump may take: the main thread may need a lock at its end that a crashed thread holds.
 void dump_backtrace_service(int /*signum*/) {
-    static pid_t dumping = 0;
-    const pid_t self = gettid();
-    pid_t first = 0;
-    if (!__atomic_compare_exchange_n(&dumping, &first, self, false, __ATOMIC_SEQ_CST, __ATOMIC_SEQ_CST)) {
-        while (first != self) {
-            (void)pause();
+    const pid_t claimed_by = claim_end();
+    if (claimed_by != 0) {
+        for (unsigned left = claimed_by == gettid() ? 0 : kCrashSeconds; left > 0;) {
+            left = sleep(left);
         }
         (void)raise(SIGKILL);
     }
@@ -116,6 +127,13 @@ void dump_backtrace_service(int /*signum*/) {
     (void)alarm(kCrashSeconds);
     vexprod_debug_backtrace_dump();
     (void)raise(SIGKILL);
+}
+
+// @param dumping  A thread that writes a crash report, which an end in order must not cut off, or 0.
+void give_way_to(pid_t dumping) {
+    while (dumping != 0) {
+        (void)pause(); // the dump ends in SIGKILL
+    }
 }
 
 void install_signal_handlers() {
@@ -285,6 +303,8 @@ int run_daemon(int argc, char** argv) {
     start_detached(pthread_ks_start, &main_thread);
     start_detached(pthread_ks_send_mail_start, &mail_thread);
     idle();
+    give_way_to(__atomic_load_n(&ending_thread, __ATOMIC_SEQ_CST));
     free_all_obj();
+    give_way_to(claim_end());
     return 0;
 }

@@ -4,7 +4,8 @@
 
 /// Runs the daemon from its command line to its end.
 /// @return The exit status: 0 after an orderly stop; 255 when the install path is unknown or another instance runs; 254
-///         when a service cannot be created.
+///         should ks_create() return no service, instead of aborting as it does today. A crash, and a service that
+///         cannot be published, end the process and do not return.
 int run_daemon(int argc, char** argv);
 
 #endif

@@ -1,9 +1,9 @@
 #include "relays.h"
 
-#include "environment.h"
 #include "error_output.h"
 #include "json_helpers.h"
 #include "kservice.h"
+#include "local_time.h"
 #include "log.h"
 #include "scoped.h"
 
@@ -82,17 +82,7 @@ unsigned call_notify_service(const char* command, const std::string& text, ks_io
 // The local time now, in the process's one buffer for it.
 const char* bus_time() {
     static char text[32];
-    const time_t now = time(nullptr);
-    tm local = {};
-    {
-        // What localtime() does besides: it follows a changed time zone. TZ is read, so the environment must hold
-        // still; while somebody changes it, the zone of a moment ago will do.
-        const auto unchanged_environment = environment_try_lock();
-        if (unchanged_environment) {
-            tzset();
-        }
-    }
-    localtime_r(&now, &local);
+    const tm local = local_time(time(nullptr));
     timeval fine = {};
     gettimeofday(&fine, nullptr);
     // The remainders change nothing; they show the compiler that the text fits.

@@ -89,6 +89,20 @@ private:
     unique_fd kept_;
 };
 
+// Waits until some thread of this process sleeps in the receive.
+bool receive_is_entered() {
+    return wait_until([] {
+        for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+            long system_call = -1; // a running thread's is no number
+            std::ifstream(task.path() / "syscall") >> system_call;
+            if (system_call == SYS_msgrcv) {
+                return true;
+            }
+        }
+        return false;
+    });
+}
+
 class QueueListenerTest : public testing::Test {
 protected:
     void SetUp() override {
@@ -158,6 +172,7 @@ TEST_F(QueueListenerTest, StopEndsABlockedReceivePromptlySilentlyAndRemovesTheQu
     const stderr_in_file err;
     T_MSGQ_service listener(kKey, keep, kBody);
     listener.server_start();
+    ASSERT_TRUE(receive_is_entered());
     EXPECT_EQ(listener.server_stop(), 0);
     EXPECT_TRUE(was_prompt());
     EXPECT_EQ(msgget(kKey, 0), -1);
@@ -250,19 +265,12 @@ TEST_F(QueueListenerTest, AQueueThatSomebodyElseRemovesEndsTheThreadSilently) {
     const stderr_in_file err;
     T_MSGQ_service listener(kKey, keep, kBody);
     listener.server_start();
-    ASSERT_TRUE(post(kKey, record_of(1, "x")));
-    ASSERT_TRUE(wait_until([] { return callbacks_begun == 1 && queue_length(kKey) == 0; }));
     const auto threads = [] {
         const std::filesystem::directory_iterator tasks("/proc/self/task");
         return std::distance(begin(tasks), end(tasks));
     };
     const auto with_listener = threads();
-    // It sleeps in the receive by now, or is about to; both are told.
-    ASSERT_TRUE(wait_until([] {
-        msqid_ds status = {};
-        return msgctl(msgget(kKey, 0), IPC_STAT, &status) == 0 && status.msg_lrpid != 0;
-    }));
-    std::this_thread::sleep_for(std::chrono::milliseconds(50)); // nothing shows that a thread is inside msgrcv()
+    ASSERT_TRUE(receive_is_entered());
     ASSERT_EQ(msgctl(msgget(kKey, 0), IPC_RMID, nullptr), 0);
     EXPECT_TRUE(wait_until([&] { return threads() < with_listener; }));
     listener.server_stop();

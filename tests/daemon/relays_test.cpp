@@ -15,6 +15,7 @@
 #include <cstring>
 #include <ctime>
 #include <fcntl.h>
+#include <set>
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <sys/un.h>
@@ -158,6 +159,18 @@ TEST_F(RelaysTest, ANotificationCarriesTheLocalTimeAlsoAfterTheZoneChanged) {
         EXPECT_EQ(sent, before) << hours_east;
     }
     unsetenv("TZ");
+}
+
+TEST_F(RelaysTest, TheMicrosecondsAreThoseOfEachNotification) {
+    const notify_listener listener;
+    std::set<std::string> fractions;
+    for (int i = 0; i < 5; ++i) {
+        notify_handler(host_record::notification(1, 1, 1, "").data());
+    }
+    for (const auto& request : notify_listener::wait_for(5)) {
+        fractions.insert(request.second.substr(request.second.find(R"("evbus_time":")") + 14 + 18, 6));
+    }
+    EXPECT_GT(fractions.size(), 1U) << *fractions.begin();
 }
 
 TEST_F(RelaysTest, ANotificationLeavesItsTraceOnStandardError) {

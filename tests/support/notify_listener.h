@@ -61,7 +61,7 @@ private:
         const bool whole = ::pread(io->memfd, text.data(), text.size(), 0) == static_cast<ssize_t>(text.size());
         {
             std::unique_lock lock(mutex_);
-            requests_.emplace_back(command, whole ? text : "unreadable");
+            requests_.emplace_back(command, !whole ? "unreadable" : fd >= 0 ? "with a descriptor: " + text : text);
             changed_.notify_all();
             changed_.wait(lock, [] { return !silent_; });
         }

@@ -1,5 +1,6 @@
 // The real daemon, with its fixed paths, asked over its real sockets by another process.
 #include "daemon_process.h"
+#include "displaced_files.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -16,7 +17,10 @@ using testing::MatchesRegex;
 
 class DaemonSystemTest : public testing::Test {
 protected:
-    void SetUp() override { ASSERT_NE(getenv("HOSTSIM"), nullptr) << "runs in the simulated host only"; }
+    void SetUp() override {
+        ASSERT_NE(getenv("HOSTSIM"), nullptr) << "runs in the simulated host only";
+        (void)unlink(kDaemonLog);
+    }
     std::string reply_;
 };
 
@@ -86,6 +90,8 @@ TEST_F(DaemonSystemTest, LogsItsStartAndStopInTheFixedOrder) {
 }
 
 TEST_F(DaemonSystemTest, WithoutAnInstallPathItSaysSoAndExitsWith255) {
+    displaced_files config;
+    config.take_away("/etc/config/zpkg.conf");
     write_file("/etc/config/zpkg.conf", "[VexHubServer]\nOther = 1\n");
     daemon_process daemon;
     const int status = daemon.wait();

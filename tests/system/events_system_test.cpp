@@ -20,7 +20,6 @@ namespace {
 
 using std::chrono::seconds;
 using std::chrono::steady_clock;
-using testing::ContainsRegex;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::Pair;
@@ -381,52 +380,6 @@ TEST_F(EventsSystemTest, WhatAKilledDaemonLeftInTheQueuesIsRelayedByTheNext) {
     stops_within(&next, seconds(5));
     EXPECT_FALSE(file_exists(socket_path(kMain)));
     EXPECT_TRUE(file_exists(socket_path(kMail))) << "the mail service is left to the end of the process";
-}
-
-TEST_F(EventsSystemTest, ACrashSignalLeavesTheStackInTheLogAndKillsTheDaemon) {
-    for (const int signal : {SIGSEGV, SIGABRT}) {
-        (void)unlink(kDaemonLog);
-        daemon_process daemon;
-        ASSERT_TRUE(daemon.serves());
-        const int status = daemon.stop(signal);
-        ASSERT_TRUE(WIFSIGNALED(status)) << status;
-        EXPECT_EQ(WTERMSIG(status), SIGKILL);
-        const std::string log = read_file(kDaemonLog);
-        EXPECT_THAT(log, ContainsRegex(R"(\[vexprod_debug_backtrace_dump\]\[[0-9]+\] .*vexprod.*\[0x[0-9a-f]+\])"));
-        EXPECT_THAT(log, testing::MatchesRegex(
-                             ".*\\[vexprod_debug_backtrace_dump\\]\\[[0-9]+\\]==========================\n"
-                             "\\[[0-9]{5,}\\] \\[.{20}\\] \\[vexprod_debug_backtrace_dump\\]\\[[0-9]+\\].*vexprod\n"));
-        EXPECT_EQ(count_of(log, "is_terminate"), 0U) << "no orderly stop";
-        EXPECT_TRUE(queue_exists(kNotifyQueue));
-        EXPECT_TRUE(queue_exists(kEventQueue));
-        EXPECT_TRUE(file_exists(socket_path(kMain)));
-    }
-    // And all of that does not disturb the next start.
-    daemon_process next;
-    ASSERT_TRUE(next.serves());
-    stops_within(&next, seconds(5));
-}
-
-TEST_F(EventsSystemTest, ACrashInTheDumpStillEndsInTheKill) {
-    for (const auto& [signal, faults] :
-         {std::pair(SIGSEGV, false), std::pair(SIGABRT, false), std::pair(SIGSEGV, true), std::pair(SIGABRT, true)}) {
-        // A sanitizer's library wants to be the first one, unless told otherwise.
-        const char* given = getenv("ASAN_OPTIONS");
-        const std::string asan_options = given != nullptr ? given : "";
-        setenv("ASAN_OPTIONS", (asan_options + ":verify_asan_link_order=0").c_str(), 1);
-        setenv("LD_PRELOAD", BROKEN_SYMBOLS, 1);
-        if (faults) {
-            setenv("BROKEN_SYMBOLS_FAULT", "1", 1);
-        }
-        daemon_process daemon;
-        unsetenv("BROKEN_SYMBOLS_FAULT");
-        unsetenv("LD_PRELOAD");
-        setenv("ASAN_OPTIONS", asan_options.c_str(), 1);
-        ASSERT_TRUE(daemon.serves()) << daemon.standard_error();
-        const int status = daemon.stop(signal);
-        ASSERT_TRUE(WIFSIGNALED(status)) << status;
-        EXPECT_EQ(WTERMSIG(status), SIGKILL) << daemon.standard_error();
-    }
 }
 
 TEST_F(EventsSystemTest, ItsChildrenHaveNoSignalBlockedOrIgnored) {

@@ -1,5 +1,6 @@
 // What the real daemon takes over from its starter and its surroundings, and what it leaves behind.
 #include "daemon_process.h"
+#include "displaced_files.h"
 #include "host_tool.h"
 #include "library_stand_in.h"
 #include "system_helpers.h"
@@ -8,14 +9,19 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <array>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
+#include <thread>
 
 namespace {
 
 using std::chrono::seconds;
 using std::chrono::steady_clock;
+
+constexpr const char* kPackageRegistry = "/etc/config/zpkg.conf";
 
 class StartSystemTest : public testing::Test {
 protected:
@@ -145,6 +151,108 @@ TEST_F(StartSystemTest, AnEarlierInstanceCountsUntilItIsAZombie) {
     ASSERT_TRUE(next.serves());
     EXPECT_EQ(count_of(read_file(kDaemonLog), "] warning: re-entry.\n"), 1U) << "the one of before";
     EXPECT_EQ(next.stop(), 0);
+}
+
+TEST_F(StartSystemTest, TwoRequestsOfTheMainServiceAndFiveOfTheMailServiceRunAtOnce) {
+    daemon_process daemon;
+    ASSERT_TRUE(daemon.serves());
+    // The main thread, two that accept, two that relay, and the workers.
+    EXPECT_TRUE(kSanitized || wait_until([&] { return daemon.count("task") == 5 + 2 + 5; })) << daemon.count("task");
+    const waiting_mails mails(daemon.pid(), 5);
+    std::array<fifo_gate, 2> gates;
+    std::vector<std::thread> clients;
+    for (const fifo_gate& gate : gates) {
+        clients.emplace_back([request = R"({"command":["/bin/cat",")" + gate.path() + R"("]})"] {
+            std::string reply;
+            EXPECT_EQ(call_service(kMain, "exec_cli", request, &reply, 60), 0U);
+        });
+    }
+    for (fifo_gate& gate : gates) {
+        EXPECT_TRUE(gate.is_reached());
+    }
+    for (fifo_gate& gate : gates) {
+        gate.let_go();
+    }
+    for (std::thread& client : clients) {
+        client.join();
+    }
+    EXPECT_EQ(daemon.stop(), 0);
+}
+
+TEST_F(StartSystemTest, AnErrorStreamThatNobodyHasOpenAnyMoreDoesNotEndIt) {
+    displaced_files config;
+    config.take_away(kPackageRegistry);
+    write_file(kPackageRegistry, "[VexHubServer]\nOther = 1\n"); // which it says on standard error
+    int ends[2];
+    ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
+    close(ends[0]);
+    const unique_fd broken(ends[1]);
+    daemon_process daemon({}, broken.get());
+    const int status = daemon.wait();
+    ASSERT_TRUE(WIFEXITED(status)) << status;
+    EXPECT_EQ(WEXITSTATUS(status), 255);
+}
+
+TEST_F(StartSystemTest, ALogFolderThatCannotBeMadeIsSaidAtOnceAndDoesNotStopTheStart) {
+    displaced_files config;
+    config.take_away(kPackageRegistry);
+    write_file(kPackageRegistry, "[VexHubServer]\nInstall_Path = /nowhere/at/all\n");
+    daemon_process daemon;
+    ASSERT_TRUE(daemon.serves());
+    EXPECT_EQ(daemon.standard_output(), "Error mkdir [/nowhere/at/all/.log] failed ret=-1\n");
+    EXPECT_EQ(daemon.stop(), 0);
+}
+
+TEST_F(StartSystemTest, ItTakesAsManyDescriptorsAsItMay) {
+    rlimit before = {};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
+    const rlimit low = {64, before.rlim_max};
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &low), 0);
+    daemon_process daemon;
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &before), 0);
+    ASSERT_TRUE(daemon.serves());
+    rlimit its_own = {};
+    ASSERT_EQ(prlimit(daemon.pid(), RLIMIT_NOFILE, nullptr, &its_own), 0);
+    EXPECT_EQ(its_own.rlim_cur, before.rlim_max);
+    EXPECT_EQ(daemon.stop(), 0);
+}
+
+TEST_F(StartSystemTest, WithoutItsStandardStreamsItServesAndLeavesTheirNumbersAlone) {
+    for (const int first_closed : {0, 1, 2}) {
+        const side_process daemon([first_closed] {
+            for (int fd = first_closed; fd <= STDERR_FILENO; ++fd) {
+                close(fd);
+            }
+            execl(VEXPROD_PROGRAM, VEXPROD_PROGRAM, nullptr);
+        });
+        ASSERT_TRUE(wait_until([&] {
+            return call_service(kMain, "test", "", &reply_) == 0 && call_service(kMail, "test", "", &reply_) == 0;
+        }));
+        for (int fd = first_closed; fd <= STDERR_FILENO; ++fd) {
+            const std::string name = "/proc/" + std::to_string(daemon.pid()) + "/fd/" + std::to_string(fd);
+            if (fd == STDOUT_FILENO) { // the null device from the first request's end on
+                EXPECT_TRUE(wait_until([&] { return std::filesystem::is_symlink(name); })) << first_closed;
+            } else {
+                EXPECT_FALSE(std::filesystem::is_symlink(name)) << fd << " of " << first_closed;
+            }
+        }
+    }
+}
+
+TEST_F(StartSystemTest, WhileNothingHappensItsMainThreadSleeps) {
+    daemon_process daemon;
+    ASSERT_TRUE(daemon.serves());
+    const std::string ran = "/proc/" + std::to_string(daemon.pid()) + "/schedstat"; // the main thread's
+    std::string last;
+    int unchanged = 0;
+    EXPECT_TRUE(wait_until([&] {
+        const std::string now = read_file(ran);
+        unchanged = now == last ? unchanged + 1 : 0;
+        last = now;
+        return unchanged == 50;
+    })) << "it never comes to rest: "
+        << last;
+    EXPECT_EQ(daemon.stop(), 0);
 }
 
 TEST_F(StartSystemTest, StartedWithChildrenIgnoredAndSigtermBlockedItLearnsHowToolsEndAndStops) {

@@ -2,7 +2,6 @@
 #include "daemon_process.h"
 #include "notify_listener.h"
 #include "system_helpers.h"
-#include "unique_fd.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -31,18 +30,13 @@ TEST_F(StopOrderTest, WhileARequestRunsBothRelaysGoOnAndNothingIsTakenDown) {
     ASSERT_TRUE(daemon.serves());
     const notify_listener listener;
     const std::string main_socket = socket_path(kMain);
-    const test_folder folder;
-    const std::string gate = folder / "gate";
-    ASSERT_EQ(mkfifo(gate.c_str(), 0600), 0);
+    fifo_gate gate;
     unsigned code = ~0U;
     std::string reply;
-    std::thread client(
-        [&] { code = call_service(kMain, "exec_cli", R"({"command":["/bin/cat",")" + gate + R"("]})", &reply, 60); });
-    unique_fd open_gate; // can be had once the tool reads from it; the tool ends when it is closed
-    EXPECT_TRUE(wait_until([&] {
-        open_gate.reset(open(gate.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC));
-        return open_gate.ok();
-    }));
+    std::thread client([&] {
+        code = call_service(kMain, "exec_cli", R"({"command":["/bin/cat",")" + gate.path() + R"("]})", &reply, 60);
+    });
+    EXPECT_TRUE(gate.is_reached());
 
     kill(daemon.pid(), SIGTERM);
     EXPECT_TRUE(wait_until([&] { return !file_exists(main_socket); })) << "the stop never began";
@@ -57,7 +51,7 @@ TEST_F(StopOrderTest, WhileARequestRunsBothRelaysGoOnAndNothingIsTakenDown) {
     EXPECT_TRUE(queue_exists(kNotifyQueue));
     EXPECT_THAT(read_file(kDaemonLog), Not(HasSubstr("is_terminate")));
 
-    open_gate.reset();
+    gate.let_go();
     client.join();
     EXPECT_EQ(code, 0U) << "the request that was under way is answered";
     EXPECT_THAT(reply, HasSubstr("\"result\":\"\""));
@@ -65,6 +59,21 @@ TEST_F(StopOrderTest, WhileARequestRunsBothRelaysGoOnAndNothingIsTakenDown) {
     EXPECT_THAT(read_file(kDaemonLog), HasSubstr("] is_terminate\n"));
     EXPECT_FALSE(queue_exists(kEventQueue));
     EXPECT_FALSE(queue_exists(kNotifyQueue));
+}
+
+// The mail service is left to the end of the process: nothing waits for its requests or their tools.
+TEST_F(StopOrderTest, AMailUnderWayDoesNotHoldUpTheStopAndItsToolGoesOn) {
+    daemon_process daemon;
+    ASSERT_TRUE(daemon.serves());
+    const waiting_mails mails(daemon.pid(), 2);
+    const auto tools = children_of(daemon.pid());
+    ASSERT_EQ(tools.size(), 2U);
+    EXPECT_EQ(daemon.stop(), 0);
+    for (const pid_t tool : tools) {
+        EXPECT_EQ(kill(tool, 0), 0) << "the mail program was ended";
+    }
+    EXPECT_FALSE(file_exists(socket_path(kMain)));
+    EXPECT_TRUE(file_exists(socket_path(kMail)));
 }
 
 TEST_F(StopOrderTest, TheStopIsLoggedFirstThenTheNotificationQueueGoesThenTheEventLogQueue) {

@@ -1,14 +1,18 @@
 #include "host_tool.h"
 #include "log.h"
 #include "test_files.h"
+#include "wait.h"
 
 #include <gmock/gmock.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <ctime>
+#include <execinfo.h>
 #include <fcntl.h>
 #include <iterator>
+#include <sstream>
 #include <sys/stat.h>
 #include <thread>
 #include <vector>
@@ -71,6 +75,26 @@ TEST_F(LogTest, TheStampFollowsTheTimeZone) {
     EXPECT_NE(east, west);
     const std::string text = read_file(log);
     EXPECT_THAT(text, testing::AllOf(testing::HasSubstr("[" + east), testing::HasSubstr("[" + west)));
+}
+
+TEST_F(LogTest, EachSecondHasItsOwnStamp) {
+    const std::time_t first = std::time(nullptr);
+    dbg_printf2("first");
+    std::time_t later = 0;
+    ASSERT_TRUE(wait_until([&] { return (later = std::time(nullptr)) > first + 1; }));
+    ASSERT_EQ(::unlink(log.c_str()), 0);
+    dbg_printf2("later");
+    const std::string stamp = read_file(log).substr(line_start().size(), 20);
+    EXPECT_GE(stamp, ctime_text(later).substr(0, 20)); // alike up to the time, but at the end of a day
+}
+
+TEST_F(LogTest, ANewFileIsForAllToReadAndWriteAsTheMaskAllows) {
+    const mode_t old_mask = ::umask(0);
+    dbg_printf2("x");
+    ::umask(old_mask);
+    struct stat status = {};
+    ASSERT_EQ(::stat(log.c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 07777U, 0666U);
 }
 
 TEST_F(LogTest, ProcessIdsHaveFiveDigitsAtLeast) {
@@ -173,6 +197,16 @@ TEST_F(LogTest, RotationRunsMvUnderItsBaseNameWithoutAnEnvironment) {
     EXPECT_EQ(calls[0].targets[1], "/dev/null");
     EXPECT_EQ(calls[0].targets[2], "/dev/null");
     EXPECT_GT(read_file(log).size(), 524288U) << "nothing was moved, so the line went to the same file";
+}
+
+TEST_F(LogTest, TheNameThatAFileIsMovedToIsCutTo255Characters) {
+    const std::string deep = folder / std::string(100, 'd') + "/" + std::string(100, 'e');
+    std::filesystem::create_directories(deep);
+    const std::string file = deep + "/" + std::string(253 - deep.size() - 1, 'f');
+    write_file(file, std::string(524288, 'x'));
+    log_file_rotation(file.c_str());
+    EXPECT_FALSE(file_exists(file));
+    EXPECT_TRUE(file_exists(file + ".b"));
 }
 
 TEST_F(LogTest, RotationOfAMissingFileDoesNothing) {
@@ -289,6 +323,46 @@ TEST_F(LogTest, LinesOfManyThreadsDoNotMix) {
         ASSERT_EQ(line.find_first_not_of(line.back(), line.size() - 100), std::string::npos) << line;
     }
     EXPECT_EQ(count, 1600);
+}
+
+// The address that a frame's text ends in.
+std::uintptr_t address_of(const std::string& frame) {
+    return std::stoull(frame.substr(frame.rfind("[0x") + 1), nullptr, 16);
+}
+
+TEST_F(LogTest, BacktraceWritesTheInnermostFrameFirst) {
+    void* frames[100];
+    vexprod_debug_backtrace_dump();
+    const int count = ::backtrace(frames, static_cast<int>(std::size(frames)));
+    std::vector<std::uintptr_t> written;
+    std::istringstream lines(read_file(log));
+    for (std::string line; std::getline(lines, line) && line.back() == ']';) {
+        written.push_back(address_of(line));
+    }
+    // This function stands at another line in each, and the dump itself before it in one of them; what called us is the
+    // same in both, to the end.
+    ASSERT_GT(count, 4);
+    ASSERT_GE(written.size(), static_cast<std::size_t>(count));
+    const std::vector<void*> callers(frames + 2, frames + count);
+    for (std::size_t i = 0; i < callers.size(); ++i) {
+        EXPECT_EQ(written[written.size() - callers.size() + i], reinterpret_cast<std::uintptr_t>(callers[i])) << i;
+    }
+}
+
+// Keeps a frame of each call on the stack.
+void dump_below(int depth) { // NOLINT(misc-no-recursion)
+    if (depth == 0) {
+        vexprod_debug_backtrace_dump();
+    } else {
+        dump_below(depth - 1);
+    }
+    errno = depth;
+}
+
+TEST_F(LogTest, BacktraceWritesAtMost100Frames) {
+    dump_below(120);
+    const std::string text = read_file(log);
+    EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 100 + 2);
 }
 
 TEST_F(LogTest, BacktraceWritesFramesASeparatorAndTheProgramName) {
