@@ -1,6 +1,7 @@
 // The consumer: what it accepts from callers, what the callback gets, and whom it drops.
 #include "framework_support.h"
 #include "kservice.h"
+#include "silent_file.h"
 
 #include <gtest/gtest.h>
 
@@ -10,6 +11,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <functional>
+#include <linux/fuse.h>
 #include <memory>
 #include <spawn.h>
 #include <string>
@@ -198,19 +200,71 @@ TEST(ConsumerDescriptorTest, ReceivedDescriptorsAreCloseOnExec) {
 
 // ---- Memory files on which the service's own steps would fail
 
-TEST_F(ConsumerTest, PlainReadWriteFilesAreWelcome) {
-    const support::temp_dir dir;
-    for (const std::string& path : {dir.file("f"), std::string("/dev/shm/ks-test-file")}) {
-        const descriptor file(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
-        if (file.get() < 0) {
-            continue; // no /dev/shm here
-        }
-        unlink(path.c_str());
-        ASSERT_EQ(write(file.get(), "text", 4), 4);
-        const raw_caller caller = invited_caller();
-        EXPECT_TRUE(caller.request("c", file.get()));
-        EXPECT_EQ(contents(file), "c|text|none");
+TEST_F(ConsumerTest, FilesOfATmpfsAreWelcome) {
+    const std::string path = "/dev/shm/ks-test-file";
+    const descriptor file(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+    ASSERT_GE(file.get(), 0);
+    unlink(path.c_str());
+    ASSERT_EQ(write(file.get(), "text", 4), 4);
+    const raw_caller caller = invited_caller();
+    EXPECT_TRUE(caller.request("c", file.get()));
+    EXPECT_EQ(contents(file), "c|text|none");
+}
+
+TEST_F(ConsumerTest, ReadWriteFilesOfOtherFileSystemsAreRefused) {
+    char path[] = "/var/tmp/ks-XXXXXX";
+    const descriptor disk(mkostemp(path, O_CLOEXEC));
+    ASSERT_GE(disk.get(), 0);
+    unlink(path);
+    ASSERT_EQ(write(disk.get(), "text", 4), 4);
+    const descriptor process(open("/proc/self/comm", O_RDWR | O_CLOEXEC));
+    ASSERT_GE(process.get(), 0);
+    for (const descriptor* each : {&disk, &process}) {
+        ASSERT_EQ(fcntl(each->get(), F_GET_SEALS), -1);
+        EXPECT_TRUE(dropped_for({each->get()}));
     }
+    EXPECT_EQ(contents(disk), "text");
+    EXPECT_EQ(lseek(disk.get(), 0, SEEK_CUR), 4) << "not even its offset was moved";
+    expect_it_serves();
+}
+
+TEST_F(ConsumerTest, MemoryFileThatIsNotOpenForBothIsRefused) {
+    const descriptor file = memory_file("text");
+    const std::string path = "/proc/self/fd/" + std::to_string(file.get());
+    for (const int flags : {O_RDONLY, O_WRONLY, O_PATH}) {
+        const descriptor half(open(path.c_str(), flags | O_CLOEXEC));
+        ASSERT_GE(half.get(), 0);
+        EXPECT_TRUE(dropped_for({half.get()})) << flags;
+    }
+    EXPECT_EQ(contents(file), "text");
+    EXPECT_EQ(fcntl(file.get(), F_GET_SEALS), 0) << "refused before it was sealed";
+    expect_it_serves();
+}
+
+// Its file system is asked nothing that the service would wait for: closing it asks, but nobody waits for that.
+TEST_F(ConsumerTest, FileOfASilentFileSystemCostsItsCallerOnly) {
+    const support::silent_file silent;
+    if (silent.fd() < 0) {
+        GTEST_SKIP() << "no FUSE to be had here";
+    }
+    ASSERT_TRUE(dropped_for({silent.fd()}));
+    expect_it_serves();
+    {
+        const raw_caller caller = invited_caller();
+        ASSERT_TRUE(caller.send(make_record(8, 1, "c")) && caller.send_fds({silent.fd()}) &&
+                    caller.send_fds({silent.fd()}));
+        ASSERT_TRUE(caller.hung_up()) << "as the extra descriptor, too";
+    }
+    const descriptor file = memory_file("text");
+    {
+        const raw_caller caller = invited_caller();
+        ASSERT_TRUE(caller.send(make_record(8, 0, "c")) && caller.send_fds({file.get(), silent.fd()}));
+        ASSERT_EQ(caller.receive(), make_record(9)) << "as one too many";
+    }
+    expect_it_serves();
+    one_.stop(); // returns
+    EXPECT_TRUE(eventually([&] { return silent.asked(FUSE_FLUSH) == 4; })) << silent.asked(FUSE_FLUSH);
+    EXPECT_EQ(silent.asked(), 4U) << "nothing else";
 }
 
 TEST_F(ConsumerTest, SealsTheFileAgainstFurtherSeals) {
