@@ -6,6 +6,7 @@
 // caller's system calls. All else about the two is one loop, perform().
 #include "internal.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
@@ -86,8 +87,7 @@ step advance(uint32_t events, ks_io* io, unsigned* ret_code) {
 }
 
 int wait_time(int64_t give_up_at) {
-    const int64_t left = give_up_at - ks::now_ms();
-    return left <= 0 ? 0 : left < INT_MAX ? (int)left : INT_MAX;
+    return (int)std::clamp<int64_t>(give_up_at - ks::now_ms(), 0, INT_MAX);
 }
 
 constexpr int64_t kNoDeadline = -1;
@@ -98,8 +98,7 @@ constexpr int64_t kNoDeadline = -1;
 unsigned connect_until(int sockfd, const sockaddr_un& address, int64_t give_up_at) {
     for (;;) {
         if (give_up_at != kNoDeadline) {
-            const int64_t left = give_up_at - ks::now_ms();
-            const int64_t timeout_ms = left > 1 ? left : 1; // 0 would mean without end
+            const int64_t timeout_ms = std::max<int64_t>(give_up_at - ks::now_ms(), 1); // 0 would mean without end
             const timeval timeout = {(time_t)(timeout_ms / 1000), (suseconds_t)(timeout_ms % 1000 * 1000)};
             (void)setsockopt(sockfd, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof(timeout));
         }
@@ -107,7 +106,7 @@ unsigned connect_until(int sockfd, const sockaddr_un& address, int64_t give_up_a
             return KS_OK;
         }
         if (errno != EINTR) {
-            return give_up_at != kNoDeadline && errno == EAGAIN ? KS_TIMEOUT : KS_NO_SERVICE;
+            return errno == EAGAIN ? KS_TIMEOUT : KS_NO_SERVICE;
         }
     }
 }
@@ -258,12 +257,12 @@ void ks_epoll_free(ks_epoll* epoll) {
 
 unsigned ks_call(const char* name, const char* command, ks_io* io, unsigned timeout_s, int passfd) {
     const int64_t begin = ks::now_ms();
-    const int64_t allowed = (int64_t)(timeout_s < kMinimumTimeoutS ? kMinimumTimeoutS : timeout_s) * 1000;
-    unsigned code = open_request(name, command, io, passfd, begin + allowed);
+    const int64_t give_up_at = begin + (int64_t)std::max(timeout_s, kMinimumTimeoutS) * 1000;
+    unsigned code = open_request(name, command, io, passfd, give_up_at);
     if (code == KS_OK) {
-        const int64_t left = begin + allowed - ks::now_ms(); // less than all only when the backlog was full
-        int64_t remaining = left > 0 ? left : 0;
-        while (perform({-1, io}, remaining < UINT_MAX ? (unsigned)remaining : UINT_MAX, &code) == nullptr) {
+        // Less than all only when the backlog was full.
+        int64_t remaining = std::max<int64_t>(give_up_at - ks::now_ms(), 0);
+        while (perform({-1, io}, (unsigned)std::min<int64_t>(remaining, UINT_MAX), &code) == nullptr) {
             // KEPT: each pass takes the whole time since the start off the budget, not just its own, so a request that
             // waited for a worker has less than the clock says. Callers have tuned their time-outs to it.
             const int64_t elapsed = ks::now_ms() - begin;

@@ -103,8 +103,7 @@ bool is_memory_file(int fd) {
     if (fcntl(fd, F_GET_SEALS) < 0) {
         return false;
     }
-    const int flags = fcntl(fd, F_GETFL);
-    if (flags < 0 || (flags & O_ACCMODE) != O_RDWR) {
+    if ((fcntl(fd, F_GETFL) & O_ACCMODE) != O_RDWR) {
         return false;
     }
     // First close the door, then look who is inside: a seal added after the look would make our own steps fail.
