@@ -139,30 +139,24 @@ received receive_descriptor(int sockfd, int flags, int* ret_fd) {
     do {
         got = recvmsg(sockfd, &message, flags | MSG_CMSG_CLOEXEC);
     } while (got < 0 && errno == EINTR);
-    if (got < 0 && errno == EAGAIN) {
-        return received::nothing;
+    if (got < 0) {
+        return errno == EAGAIN ? received::nothing : received::failed;
     }
     int kept = -1;
-    if (got >= 0) {
-        for (cmsghdr* header = CMSG_FIRSTHDR(&message); header != nullptr; header = CMSG_NXTHDR(&message, header)) {
-            if (header->cmsg_level != SOL_SOCKET || header->cmsg_type != SCM_RIGHTS) {
-                continue;
-            }
-            const size_t count = (header->cmsg_len - CMSG_LEN(0)) / sizeof(int);
-            for (size_t i = 0; i < count; ++i) {
-                int fd = -1;
-                memcpy(&fd, CMSG_DATA(header) + i * sizeof(int), sizeof(fd));
-                if (kept < 0) {
-                    kept = fd;
-                } else {
-                    close_foreign(fd);
-                }
+    for (cmsghdr* header = CMSG_FIRSTHDR(&message); header != nullptr; header = CMSG_NXTHDR(&message, header)) {
+        if (header->cmsg_level != SOL_SOCKET || header->cmsg_type != SCM_RIGHTS) {
+            continue;
+        }
+        const size_t count = (header->cmsg_len - CMSG_LEN(0)) / sizeof(int);
+        for (size_t i = 0; i < count; ++i) {
+            int fd = -1;
+            memcpy(&fd, CMSG_DATA(header) + i * sizeof(int), sizeof(fd));
+            if (kept < 0) {
+                kept = fd;
+            } else {
+                close_foreign(fd);
             }
         }
-    }
-    if (got <= 0) {
-        close_foreign(kept);
-        return received::failed;
     }
     if (kept >= 0 && kept <= STDERR_FILENO) { // as above_stdio(), but for a stranger's
         const int moved = fcntl(kept, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
@@ -170,7 +164,7 @@ received receive_descriptor(int sockfd, int flags, int* ret_fd) {
         kept = moved;
     }
     if (kept < 0) {
-        return received::bare;
+        return received::failed;
     }
     *ret_fd = kept;
     return received::descriptor;

@@ -69,9 +69,8 @@ bool send_descriptor(int sockfd, int fd, int flags);
 /// How receive_descriptor() ended.
 enum class received {
     descriptor, ///< *ret_fd is owned by the receiver, close-on-exec, numbered 3 or above
-    bare,       ///< a data byte without a descriptor
     nothing,    ///< would block
-    failed      ///< end of stream or error
+    failed      ///< a data byte without a descriptor, end of stream, or error
 };
 
 /// Receives one data byte and its descriptor. However many descriptors a message brings, at most one is kept.

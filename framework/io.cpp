@@ -136,7 +136,7 @@ void ks_io_free(ks_io* io) {
 
 size_t ks_io_size(ks_io* io) {
     struct stat st = {};
-    return io->memfd != -1 && fstat(io->memfd, &st) == 0 ? (size_t)st.st_size : 0;
+    return fstat(io->memfd, &st) == 0 ? (size_t)st.st_size : 0; // -1 is no file either
 }
 
 void ks_io_realloc(ks_io* io, size_t size) {
