@@ -2,9 +2,11 @@
 //
 // A request in flight is a ks_io whose socket is registered in a ks_epoll with the object itself as event data; the
 // caller of ks_epoll_call() keeps owning it. Whatever fails, io_reset() leaves it empty and usable for the next call.
-// ks_call() has one request only, and waits for its socket alone.
+// ks_call() has one request only and makes no set for it: it waits for that one socket, which saves a quarter of the
+// caller's system calls. All else about the two is one loop, perform().
 #include "internal.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
@@ -48,33 +50,33 @@ void send_request(const ks_io* io) {
     }
 }
 
-// How one event changes the request.
-enum class step { waits, sent, done, failed };
+// How one event changes the request. One that has ended has ended well with KS_OK.
+enum class step { waits, sent, ended };
 
 // `events` as epoll(7) or poll(2) report them: the bits have the same values.
 step advance(uint32_t events, ks_io* io, unsigned* ret_code) {
     static_assert(EPOLLERR == POLLERR && EPOLLHUP == POLLHUP && EPOLLRDHUP == POLLRDHUP);
     *ret_code = KS_DISCONNECTED;
     if ((events & (EPOLLERR | EPOLLHUP)) != 0 && (events & EPOLLRDHUP) == 0) {
-        return step::failed;
+        return step::ended;
     }
     directive message = {};
     if (!ks::receive_directive(io->sockfd, &message)) {
-        return step::failed;
+        return step::ended;
     }
     switch (message.type) {
     case KS_DIRECTIVE_BUSY:
         *ret_code = KS_BUSY;
-        return step::failed;
+        return step::ended;
     case KS_DIRECTIVE_PAUSED:
         *ret_code = KS_PAUSED;
-        return step::failed;
+        return step::ended;
     case KS_DIRECTIVE_REFUSED:
         *ret_code = KS_REFUSED;
-        return step::failed;
+        return step::ended;
     case KS_DIRECTIVE_REPLY:
         *ret_code = KS_OK;
-        return step::done;
+        return step::ended;
     case KS_DIRECTIVE_ACCEPTED:
         send_request(io);
         *ret_code = KS_OK;
@@ -85,8 +87,7 @@ step advance(uint32_t events, ks_io* io, unsigned* ret_code) {
 }
 
 int wait_time(int64_t give_up_at) {
-    const int64_t left = give_up_at - ks::now_ms();
-    return left <= 0 ? 0 : left < INT_MAX ? (int)left : INT_MAX;
+    return (int)std::clamp<int64_t>(give_up_at - ks::now_ms(), 0, INT_MAX);
 }
 
 constexpr int64_t kNoDeadline = -1;
@@ -97,8 +98,7 @@ constexpr int64_t kNoDeadline = -1;
 unsigned connect_until(int sockfd, const sockaddr_un& address, int64_t give_up_at) {
     for (;;) {
         if (give_up_at != kNoDeadline) {
-            const int64_t left = give_up_at - ks::now_ms();
-            const int64_t timeout_ms = left > 1 ? left : 1; // 0 would mean without end
+            const int64_t timeout_ms = std::max<int64_t>(give_up_at - ks::now_ms(), 1); // 0 would mean without end
             const timeval timeout = {(time_t)(timeout_ms / 1000), (suseconds_t)(timeout_ms % 1000 * 1000)};
             (void)setsockopt(sockfd, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof(timeout));
         }
@@ -106,7 +106,7 @@ unsigned connect_until(int sockfd, const sockaddr_un& address, int64_t give_up_a
             return KS_OK;
         }
         if (errno != EINTR) {
-            return give_up_at != kNoDeadline && errno == EAGAIN ? KS_TIMEOUT : KS_NO_SERVICE;
+            return errno == EAGAIN ? KS_TIMEOUT : KS_NO_SERVICE;
         }
     }
 }
@@ -145,31 +145,66 @@ unsigned open_request(const char* name, const char* command, ks_io* io, int pass
     return KS_OK;
 }
 
-// What ks_epoll_perform() does, for a request that is in no set. True = it has ended, and its socket is closed.
-bool perform_alone(ks_io* io, unsigned timeout_ms, unsigned* ret_code) {
+// What perform() works on: the requests of a set, or one that is in no set.
+struct requests {
+    int epollfd;  // the set's
+    ks_io* alone; // NULL = a set's
+};
+
+// Waits up to `timeout_ms` for one event. A signal does not make that time longer.
+// @return The request that the event belongs to, NULL = there was none.
+ks_io* wait_for_event(const requests& of, unsigned timeout_ms, uint32_t* ret_events) {
     const int64_t give_up_at = ks::now_ms() + timeout_ms;
     for (;;) {
-        pollfd watched = {io->sockfd, POLLIN | POLLRDHUP, 0};
-        const int ready = poll(&watched, 1, wait_time(give_up_at));
+        epoll_event event = {};
+        int ready = 0;
+        if (of.alone != nullptr) {
+            pollfd watched = {of.alone->sockfd, POLLIN | POLLRDHUP, 0};
+            ready = poll(&watched, 1, wait_time(give_up_at));
+            event.events = (uint32_t)watched.revents;
+            event.data.ptr = of.alone;
+        } else {
+            ready = epoll_wait(of.epollfd, &event, 1, wait_time(give_up_at));
+        }
         if (ready < 0 && errno == EINTR) {
             continue;
         }
-        if (ready <= 0) {
-            *ret_code = KS_TIMEOUT;
-            return false;
-        }
-        switch (advance((uint32_t)watched.revents, io, ret_code)) {
-        case step::failed:
-        case step::done:
-            (void)shutdown(io->sockfd, SHUT_RDWR);
-            ks::close_and_clear(&io->sockfd);
-            return true;
-        case step::sent:
-            return false;
+        *ret_events = event.events;
+        return ready > 0 ? static_cast<ks_io*>(event.data.ptr) : nullptr;
+    }
+}
+
+void end_connection(const requests& of, ks_io* io) {
+    if (of.alone == nullptr) { // a child may hold a copy of the socket: closing ours would not take it out of the set
+        (void)epoll_ctl(of.epollfd, EPOLL_CTL_DEL, io->sockfd, nullptr);
+    }
+    (void)shutdown(io->sockfd, SHUT_RDWR);
+    ks::close_and_clear(&io->sockfd);
+}
+
+// Advances the requests by one event, see ks_epoll_perform(). A directive of an unknown type is not counted as one: the
+// wait begins anew, with the whole of `timeout_ms`.
+ks_io* perform(const requests& of, unsigned timeout_ms, unsigned* ret_code) {
+    uint32_t events = 0;
+    while (ks_io* io = wait_for_event(of, timeout_ms, &events)) {
+        switch (advance(events, io, ret_code)) {
         case step::waits:
             break;
+        case step::sent:
+            return nullptr;
+        case step::ended:
+            end_connection(of, io);
+            if (*ret_code == KS_OK && !ks::io_try_sync(io)) {
+                *ret_code = KS_DISCONNECTED; // the service left a file behind that cannot be mapped
+            }
+            if (*ret_code != KS_OK) {
+                ks::io_reset(io);
+            }
+            return io;
         }
     }
+    *ret_code = KS_TIMEOUT;
+    return nullptr;
 }
 
 } // namespace
@@ -202,51 +237,14 @@ unsigned ks_epoll_call(ks_epoll* epoll, const char* name, const char* command, k
 ks_io* ks_epoll_perform(ks_epoll* epoll, unsigned timeout_ms, unsigned* status) {
     KS_REQUIRE(is_epoll(epoll), KS_EPOLL_TEXT, "cannot perform incorrect ks_epoll %p", (void*)epoll);
     unsigned ignored = 0;
-    unsigned* code = status != nullptr ? status : &ignored;
-    const int64_t give_up_at = ks::now_ms() + timeout_ms;
-    while (epoll->fd >= 0) {
-        epoll_event event = {};
-        const int ready = epoll_wait(epoll->fd, &event, 1, wait_time(give_up_at));
-        if (ready < 0 && errno == EINTR) {
-            continue;
-        }
-        if (ready <= 0) {
-            break;
-        }
-        auto* io = static_cast<ks_io*>(event.data.ptr);
-        if (io == nullptr) {
-            break;
-        }
-        switch (advance(event.events, io, code)) {
-        case step::done:
-            ks_epoll_cancel(epoll, io);
-            if (ks::io_try_sync(io)) {
-                return io;
-            }
-            *code = KS_DISCONNECTED; // the service left a file behind that cannot be mapped
-            ks::io_reset(io);
-            return io;
-        case step::failed:
-            ks_epoll_cancel(epoll, io);
-            ks::io_reset(io);
-            return io;
-        case step::sent:
-            return nullptr;
-        case step::waits:
-            break;
-        }
-    }
-    *code = KS_TIMEOUT;
-    return nullptr;
+    return perform({epoll->fd, nullptr}, timeout_ms, status != nullptr ? status : &ignored);
 }
 
 void ks_epoll_cancel(ks_epoll* epoll, ks_io* io) {
     KS_REQUIRE(is_epoll(epoll), KS_EPOLL_TEXT, "cannot cancel incorrect ks_epoll %p", (void*)epoll);
     KS_REQUIRE(is_io(io), KS_IO_TEXT, "cannot cancel incorrect ks_io %p", (void*)io);
     if (io->sockfd != -1) {
-        (void)epoll_ctl(epoll->fd, EPOLL_CTL_DEL, io->sockfd, nullptr);
-        (void)shutdown(io->sockfd, SHUT_RDWR);
-        ks::close_and_clear(&io->sockfd);
+        end_connection({epoll->fd, nullptr}, io);
     }
 }
 
@@ -258,14 +256,13 @@ void ks_epoll_free(ks_epoll* epoll) {
 }
 
 unsigned ks_call(const char* name, const char* command, ks_io* io, unsigned timeout_s, int passfd) {
-    // No set is made for one request: waiting for its socket alone saves a quarter of the caller's system calls.
     const int64_t begin = ks::now_ms();
-    const int64_t allowed = (int64_t)(timeout_s < kMinimumTimeoutS ? kMinimumTimeoutS : timeout_s) * 1000;
-    unsigned code = open_request(name, command, io, passfd, begin + allowed);
+    const int64_t give_up_at = begin + (int64_t)std::max(timeout_s, kMinimumTimeoutS) * 1000;
+    unsigned code = open_request(name, command, io, passfd, give_up_at);
     if (code == KS_OK) {
-        const int64_t left = begin + allowed - ks::now_ms(); // less than all only when the backlog was full
-        int64_t remaining = left > 0 ? left : 0;
-        while (!perform_alone(io, remaining < UINT_MAX ? (unsigned)remaining : UINT_MAX, &code)) {
+        // Less than all only when the backlog was full.
+        int64_t remaining = std::max<int64_t>(give_up_at - ks::now_ms(), 0);
+        while (perform({-1, io}, (unsigned)std::min<int64_t>(remaining, UINT_MAX), &code) == nullptr) {
             // KEPT: each pass takes the whole time since the start off the budget, not just its own, so a request that
             // waited for a worker has less than the clock says. Callers have tuned their time-outs to it.
             const int64_t elapsed = ks::now_ms() - begin;
@@ -275,9 +272,6 @@ unsigned ks_call(const char* name, const char* command, ks_io* io, unsigned time
             }
             remaining -= elapsed;
         }
-    }
-    if (code == KS_OK && !ks::io_try_sync(io)) {
-        code = KS_DISCONNECTED; // the service left a file behind that cannot be mapped
     }
     if (code != KS_OK) {
         ks::io_reset(io);
@@ -294,7 +288,8 @@ unsigned ks_ez_call(const char* name, const char* command, const void* data, siz
     for (size_t written = 0; written < dsize;) {
         const ssize_t count = ks_io_write(io, static_cast<const char*>(data) + written, dsize - written);
         if (count <= 0) {
-            break; // out of memory or over a limit: the service sees a shorter text
+            ks_io_free(io); // out of memory or over a limit: half a request would be another request
+            return KS_DISCONNECTED;
         }
         written += (size_t)count;
     }

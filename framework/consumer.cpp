@@ -121,9 +121,7 @@ bool execute(const ks_worker* worker, const directive& request, int connection, 
     if (!io_try_sync(io)) {
         (void)shutdown(io->sockfd, SHUT_RDWR);
         ks_io_free(io);
-        if (extra_fd >= 0) {
-            close(extra_fd);
-        }
+        close_foreign(extra_fd);
         return false;
     }
     ucred peer = {};
@@ -158,15 +156,13 @@ bool hear_request(const ks_worker* worker, const caller& who) {
     if ((request.flags & KS_DIRECTIVE_HAS_FD) != 0) {
         extra_fd = promised_descriptor(who);
         if (extra_fd < 0) {
-            close(memfd);
+            close_foreign(memfd);
             return false;
         }
     }
     if (!is_memory_file(memfd)) {
-        close(memfd);
-        if (extra_fd >= 0) {
-            close(extra_fd);
-        }
+        close_foreign(memfd);
+        close_foreign(extra_fd);
         return false;
     }
     (void)execute(worker, request, who.fd, memfd, extra_fd);

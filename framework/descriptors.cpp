@@ -1,14 +1,16 @@
 // Descriptors and what is said over sockets: the fixed 259-byte directive, and one descriptor per message.
 //
-// Receiving descriptors (unix(7), SCM_RIGHTS) has three classic mistakes, all met here: a control buffer of
+// Receiving descriptors (unix(7), SCM_RIGHTS) has four classic mistakes, all met here: a control buffer of
 // CMSG_SPACE(one int) has room for a second descriptor on 64-bit machines, because of its alignment, so every
 // descriptor that arrives is looked at and only the first is kept; received descriptors are close-on-exec from the
-// start (MSG_CMSG_CLOEXEC); and a control message of another kind is not mistaken for one.
+// start (MSG_CMSG_CLOEXEC); a control message of another kind is not mistaken for one; and closing a stranger's file
+// can take as long as the stranger likes, so nobody waits for that (close_foreign()).
 #include "internal.h"
 
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
+#include <pthread.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -23,6 +25,17 @@ uint32_t set_fd_cloexec(int fd) {
     // KEPT: status flags (F_SETFL), not descriptor flags. The kernel ignores the access mode bits here.
     return fcntl(fd, F_SETFL, flags | FD_CLOEXEC) != -1 ? 1 : 0;
 }
+
+namespace {
+
+constexpr size_t kClosingStackSize = 64 * 1024; // one system call, and room for what sanitizers add
+
+void* close_descriptor(void* number) {
+    close((int)(intptr_t)number);
+    return nullptr;
+}
+
+} // namespace
 
 namespace ks {
 
@@ -44,6 +57,27 @@ void close_and_clear(int32_t* fd) {
         close(*fd);
         errno = saved;
         *fd = -1;
+    }
+}
+
+void close_foreign(int fd) {
+    if (fd < 0) {
+        return;
+    }
+    pthread_attr_t attr;
+    pthread_attr_init(&attr);
+    pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_DETACHED);
+    pthread_attr_setstacksize(&attr, kClosingStackSize);
+    sigset_t all;
+    sigset_t before;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &before); // inherited: a signal of the process must not be left to that thread
+    pthread_t thread = {};
+    const bool started = pthread_create(&thread, &attr, close_descriptor, (void*)(intptr_t)fd) == 0;
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    pthread_attr_destroy(&attr);
+    if (!started) {
+        close(fd);
     }
 }
 
@@ -105,36 +139,32 @@ received receive_descriptor(int sockfd, int flags, int* ret_fd) {
     do {
         got = recvmsg(sockfd, &message, flags | MSG_CMSG_CLOEXEC);
     } while (got < 0 && errno == EINTR);
-    if (got < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
-        return received::nothing;
+    if (got < 0) {
+        return errno == EAGAIN ? received::nothing : received::failed;
     }
     int kept = -1;
-    if (got >= 0) {
-        for (cmsghdr* header = CMSG_FIRSTHDR(&message); header != nullptr; header = CMSG_NXTHDR(&message, header)) {
-            if (header->cmsg_level != SOL_SOCKET || header->cmsg_type != SCM_RIGHTS) {
-                continue;
-            }
-            const size_t count = (header->cmsg_len - CMSG_LEN(0)) / sizeof(int);
-            for (size_t i = 0; i < count; ++i) {
-                int fd = -1;
-                memcpy(&fd, CMSG_DATA(header) + i * sizeof(int), sizeof(fd));
-                if (kept < 0) {
-                    kept = fd;
-                } else {
-                    close(fd);
-                }
+    for (cmsghdr* header = CMSG_FIRSTHDR(&message); header != nullptr; header = CMSG_NXTHDR(&message, header)) {
+        if (header->cmsg_level != SOL_SOCKET || header->cmsg_type != SCM_RIGHTS) {
+            continue;
+        }
+        const size_t count = (header->cmsg_len - CMSG_LEN(0)) / sizeof(int);
+        for (size_t i = 0; i < count; ++i) {
+            int fd = -1;
+            memcpy(&fd, CMSG_DATA(header) + i * sizeof(int), sizeof(fd));
+            if (kept < 0) {
+                kept = fd;
+            } else {
+                close_foreign(fd);
             }
         }
     }
-    if (got <= 0) {
-        if (kept >= 0) {
-            close(kept);
-        }
-        return received::failed;
+    if (kept >= 0 && kept <= STDERR_FILENO) { // as above_stdio(), but for a stranger's
+        const int moved = fcntl(kept, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+        close_foreign(kept);
+        kept = moved;
     }
-    kept = above_stdio(kept);
     if (kept < 0) {
-        return received::bare;
+        return received::failed;
     }
     *ret_fd = kept;
     return received::descriptor;

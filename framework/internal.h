@@ -34,7 +34,7 @@
 
 namespace ks {
 
-// Prints "[ABORT] @<function>() <message>: `<text>'" and a newline to standard error in one write, then aborts.
+/// Prints "[ABORT] @<function>() <message>: `<text>'" and a newline to standard error in one write, then aborts.
 [[noreturn, gnu::cold, gnu::format(printf, 3, 4)]] void abort_with(const char* function, const char* text,
                                                                    const char* fmt, ...);
 
@@ -44,53 +44,57 @@ inline bool is_io(const ks_io* io) {
 
 // ---- descriptors.cpp
 
-// Takes over `fd` and returns the same file under a number of 3 or above. Keeps the close-on-exec flag as it is.
-// -1 is passed through; -1 also when no number is left, and `fd` is then closed.
+/// Takes over `fd` and returns the same file under a number of 3 or above. Keeps the close-on-exec flag as it is.
+/// -1 is passed through; -1 also when no number is left, and `fd` is then closed.
 int above_stdio(int fd);
 
-// Closes `*fd` unless it is negative, and sets it to -1. Keeps errno.
+/// Closes `*fd` unless it is negative, and sets it to -1. Keeps errno.
 void close_and_clear(int32_t* fd);
 
-// Sends or receives one whole directive without blocking; true = all 259 bytes went through.
+/// Closes a descriptor that came from a stranger, or does nothing for -1. The file's own file system has a say in
+/// close(2) (FUSE, a network share) and may never answer, and no signal ends that wait. So it is waited for on a thread
+/// of its own, which nobody joins and which ends with the call; inline only when no thread can be made.
+void close_foreign(int fd);
+
+/// Sends or receives one whole directive without blocking; true = all 259 bytes went through.
 bool send_directive(int sockfd, const directive& message);
 bool receive_directive(int sockfd, directive* ret_message);
 
 directive make_directive(uint8_t type);
 
-// Sends one data byte with the descriptor `fd` (borrowed; -1 sends the byte alone). True unless sendmsg(2) failed.
-// @param flags  MSG_DONTWAIT or 0.
+/// Sends one data byte with the descriptor `fd` (borrowed; -1 sends the byte alone). True unless sendmsg(2) failed.
+/// @param flags  MSG_DONTWAIT or 0.
 bool send_descriptor(int sockfd, int fd, int flags);
 
-// How receive_descriptor() ended.
+/// How receive_descriptor() ended.
 enum class received {
-    descriptor, // *ret_fd is owned by the receiver, close-on-exec, numbered 3 or above
-    bare,       // a data byte without a descriptor
-    nothing,    // would block
-    failed      // end of stream or error
+    descriptor, ///< *ret_fd is owned by the receiver, close-on-exec, numbered 3 or above
+    nothing,    ///< would block
+    failed      ///< a data byte without a descriptor, end of stream, or error
 };
 
-// Receives one data byte and its descriptor. However many descriptors a message brings, at most one is kept.
-// @param flags  MSG_DONTWAIT or 0.
+/// Receives one data byte and its descriptor. However many descriptors a message brings, at most one is kept.
+/// @param flags  MSG_DONTWAIT or 0.
 received receive_descriptor(int sockfd, int flags, int* ret_fd);
 
-// A process-independent clock in milliseconds.
+/// A process-independent clock in milliseconds.
 int64_t now_ms();
 
 // ---- io.cpp
 
-// Creates the memory file of `io` when there is none.
+/// Creates the memory file of `io` when there is none.
 void io_shm(ks_io* io);
 
-// Maps the whole file, as ks_io_sync(), but reports a file that cannot be mapped instead of aborting: the way to take a
-// stranger's file. False leaves `io` unmapped.
+/// Maps the whole file, as ks_io_sync(), but reports a file that cannot be mapped instead of aborting: the way to take
+/// a stranger's file. False leaves `io` unmapped.
 bool io_try_sync(ks_io* io);
 
-// Closes and clears everything that `io` owns, as a failed call leaves it: memfd, sockfd, passfd -1, nothing mapped.
+/// Closes and clears everything that `io` owns, as a failed call leaves it: memfd, sockfd, passfd -1, nothing mapped.
 void io_reset(ks_io* io);
 
-// Whether a received descriptor can serve as a memory file: a regular file, open for reading and writing, and not
-// sealed against what the framework has to do with it. Where the file can still be sealed, seals it against further
-// seals, so that the answer stays true.
+/// Whether a received descriptor is a memory file that can serve: of memfd_create(2) or on a tmpfs (it has seals), open
+/// for reading and writing, and not sealed against what the framework has to do with it. Where the file can still be
+/// sealed, seals it against further seals, so that the answer stays true. Asks nothing of any other file's file system.
 bool is_memory_file(int fd);
 
 // ---- service.cpp

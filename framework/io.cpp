@@ -2,9 +2,9 @@
 // both sides hold the same open file description. That is why a reply begins with ks_io_realloc(io, 0).
 //
 // On the service's side the file came from a stranger, who keeps a descriptor of it. is_memory_file() admits only files
-// on which our steps can work, but the stranger can still grow the file beyond what can be mapped, or pass one whose
-// file system refuses later. Our own program did nothing wrong then, so nothing aborts: the object lets the file go,
-// ends the connection and carries on with a private file that nobody reads.
+// in memory on which our steps can work, but the stranger can still grow the file beyond what can be mapped, or fill
+// its file system. Our own program did nothing wrong then, so nothing aborts: the object lets the file go, ends the
+// connection and carries on with a private file that nobody reads.
 #include "internal.h"
 
 #include <cerrno>
@@ -98,18 +98,18 @@ void io_reset(ks_io* io) {
 }
 
 bool is_memory_file(int fd) {
-    struct stat st = {};
-    if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+    // Asked first, and for all but memory files the last: it is answered without the file's own file system, which may
+    // never answer (FUSE, a dead network share), and takes no lock of the file's, as F_ADD_SEALS does.
+    if (fcntl(fd, F_GET_SEALS) < 0) {
         return false;
     }
-    const int flags = fcntl(fd, F_GETFL);
-    if (flags < 0 || (flags & O_PATH) != 0 || (flags & O_ACCMODE) != O_RDWR) {
+    if ((fcntl(fd, F_GETFL) & O_ACCMODE) != O_RDWR) {
         return false;
     }
     // First close the door, then look who is inside: a seal added after the look would make our own steps fail.
-    (void)fcntl(fd, F_ADD_SEALS, F_SEAL_SEAL); // fails where it is sealed already, or cannot be sealed at all
+    (void)fcntl(fd, F_ADD_SEALS, F_SEAL_SEAL); // fails where it is sealed already
     const int seals = fcntl(fd, F_GET_SEALS);
-    return seals < 0 || (seals & (F_SEAL_WRITE | F_SEAL_FUTURE_WRITE | F_SEAL_SHRINK | F_SEAL_GROW)) == 0;
+    return (seals & (F_SEAL_WRITE | F_SEAL_FUTURE_WRITE | F_SEAL_SHRINK | F_SEAL_GROW)) == 0;
 }
 
 } // namespace ks
@@ -136,7 +136,7 @@ void ks_io_free(ks_io* io) {
 
 size_t ks_io_size(ks_io* io) {
     struct stat st = {};
-    return io->memfd != -1 && fstat(io->memfd, &st) == 0 ? (size_t)st.st_size : 0;
+    return fstat(io->memfd, &st) == 0 ? (size_t)st.st_size : 0; // -1 is no file either
 }
 
 void ks_io_realloc(ks_io* io, size_t size) {

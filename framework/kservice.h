@@ -77,7 +77,8 @@ enum {
     KS_NO_SERVICE = 2,   /**< The service's socket could not be connected. */
     KS_PAUSED = 3,       /**< The service is paused. */
     KS_REFUSED = 4,      /**< Directive 5 was received; no service of this library sends it. */
-    KS_DISCONNECTED = 5, /**< The connection failed: error, hang-up, or a directive that was not 259 bytes. */
+    KS_DISCONNECTED = 5, /**< The connection failed: error, hang-up, or a directive that was not 259 bytes. From
+                              ks_ez_call() also: the request could not be stored, and nothing was sent. */
     KS_BUSY = 6,         /**< The service's waiting list is full. */
     KS_BAD_ARGUMENT = 7  /**< Service name NULL or over 64 characters, or command NULL or over 256 characters. */
 };
@@ -137,8 +138,7 @@ typedef struct ks_io {
 } ks_io;
 
 /** What a consumer worker runs for each request. It owns `io` and ends with ks_io_free(); `fd` is the caller's extra
- *  descriptor (owned by the callback) or -1. The return value is ignored. Must not call ks_stop() on its own service.
- */
+ *  descriptor (owned by the callback) or -1. The return value is ignored. It must not ks_stop() its own service. */
 typedef int (*ks_exec)(const char* command, ks_io* io, int fd);
 
 /** Runs in each consumer worker at its start or end. */
@@ -222,16 +222,17 @@ KS_API size_t ks_io_size(ks_io* io);
 KS_API void ks_io_realloc(ks_io* io, size_t size);
 /** Maps the whole file as it is now, with the offset at its end. Without a memory file does nothing. Not checked. */
 KS_API void ks_io_sync(ks_io* io);
-/** Syncs. @param size Receives the bytes mapped; may be NULL.
+/** Syncs. Checked.
+ *  @param size  Receives the bytes mapped; may be NULL.
  *  @return The mapping, which is not NUL-terminated, or NULL when the file is empty or absent. It stays owned by `io`
- * and is valid until the next operation that maps. The other side can truncate the file, and access then raises SIGBUS:
- * to read what a stranger sent, pread(2) from memfd instead. Checked. */
+ *  and is valid until the next operation that maps. The other side can truncate the file, and access then raises
+ *  SIGBUS: to read what a stranger sent, pread(2) from memfd instead. */
 KS_API void* ks_io_read(ks_io* io, size_t* size);
-/** write(2) at the file's offset; does not remap. @return As write(2). Checked (KEPT: with the wording of read), lazy.
- */
+/** write(2) at the file's offset; does not remap. Checked (KEPT: with the wording of ks_io_read()), lazy.
+ *  @return As write(2). */
 KS_API ssize_t ks_io_write(ks_io* io, const void* buf, size_t len);
-/** splice(2) of up to `len` bytes from the pipe `fdin`, moving, without blocking. @return As splice(2). Checked, lazy.
- */
+/** splice(2) of up to `len` bytes from the pipe `fdin`, moving, without blocking. Checked (KEPT: likewise), lazy.
+ *  @return As splice(2). */
 KS_API ssize_t ks_io_splice(ks_io* io, int fdin, size_t len);
 /** Formatted write at the file's offset. @return As vdprintf(3). Checked, lazy. */
 KS_API int ks_io_printf(ks_io* io, const char* fmt, ...) KS_PRINTF(2, 3);
@@ -257,8 +258,8 @@ KS_API int ks_io_dup3(ks_io* io, int newfd, int flags);
 KS_API FILE* ks_io_fopen(ks_io* io, const char* mode);
 /** Points `stream` at the memory file. @return As freopen(3). Lazy, not checked. */
 KS_API FILE* ks_io_freopen(ks_io* io, const char* mode, FILE* stream);
-/** Writer callback of JSON output. @return 0 when all `len` bytes were written, negative otherwise. As ks_io_write().
- */
+/** Writer callback of JSON output, as ks_io_write().
+ *  @return 0 when all `len` bytes were written, negative otherwise. */
 KS_API int ks_json_write_io(const void* data, size_t len, ks_io* io);
 
 /* ---- Service ------------------------------------------------------------------------------------------------ */
@@ -284,9 +285,9 @@ KS_API void ks_pause(ks_handle* handle);
 /** Takes callers again. Any thread. */
 KS_API void ks_resume(ks_handle* handle);
 /** Withdraws the socket, ends the workers after their current request and waits for them. Does nothing on a service
- * that is not started. Any thread but the service's own workers; also while ks_start() is still under way, and more
- * than once. Does not touch the handle after ks_start() may have returned because of it. KEPT: also closes descriptor
- * 0, as the producer's table entry never had a first socket. */
+ *  that is not started. Any thread but the service's own workers; also while ks_start() is still under way, and more
+ *  than once. Does not touch the handle after ks_start() may have returned because of it. KEPT: also closes descriptor
+ *  0, as the producer's table entry never had a first socket. */
 KS_API void ks_stop(ks_handle* handle);
 /** ks_stop(), then frees the handle. No other thread may use the handle any more; a ks_start() that still serves in
  *  another thread has returned, or is past its last use of the handle, before it is freed. */
@@ -305,10 +306,11 @@ KS_API ks_epoll* ks_epoll_create(void);
  *  @param passfd  Borrowed extra descriptor to hand over, or -1; kept open until the request has been sent.
  *  @return KS_OK, KS_NO_SERVICE (the unconnected socket stays in io->sockfd) or KS_BAD_ARGUMENT. Checks both. */
 KS_API unsigned ks_epoll_call(ks_epoll* epoll, const char* name, const char* command, ks_io* io, int passfd);
-/** Waits for one event and acts on it.
- *  @param status  Receives the result code; may be NULL.
+/** Waits for one event and acts on it. Checked.
+ *  @param timeout_ms  Milliseconds; a directive of an unknown type starts them again.
+ *  @param status      Receives the result code; may be NULL.
  *  @return The object whose request ended: KS_OK with its reply mapped, any other code with the object emptied. NULL
- *  when none did: KS_OK = a request went out, KS_TIMEOUT = nothing happened in `timeout_ms`. Checked. */
+ *  when none did: KS_OK = a request went out, KS_TIMEOUT = nothing happened in that time. */
 KS_API ks_io* ks_epoll_perform(ks_epoll* epoll, unsigned timeout_ms, unsigned* status);
 /** Takes a request out of the set and ends its connection. Checks both. */
 KS_API void ks_epoll_cancel(ks_epoll* epoll, ks_io* io);
@@ -316,20 +318,21 @@ KS_API void ks_epoll_cancel(ks_epoll* epoll, ks_io* io);
 KS_API void ks_epoll_free(ks_epoll* epoll);
 /** Sends one request and waits for its reply.
  *  @param timeout_s  Seconds; values below 5 wait 5. Connecting counts. KEPT: the budget shrinks faster than the clock
- * when the request has to wait for a worker first.
+ *                    when the request has to wait for a worker first, and a directive of an unknown type starts the
+ *                    wait again.
  *  @param passfd     Borrowed descriptor to hand to the service, or -1.
  *  @return KS_OK and the reply in `io` (read it with ks_io_read()), else a result code and `io` emptied.
  *  Any thread may call; two threads never share one `io`. */
 KS_API unsigned ks_call(const char* name, const char* command, ks_io* io, unsigned timeout_s, int passfd);
-/** ks_call() between buffers.
+/** ks_call() between buffers. A request that cannot be stored whole is not sent.
  *  @param recv   NULL, or points at a NULL pointer that receives a malloc()ed reply, not NUL-terminated; the caller
  *                frees it.
  *  @param rsize  Receives the reply's size in bytes; may be NULL.
- *  @return As ks_call(). Aborts when `data` is NULL with a size, or *recv is not NULL. */
+ *  @return As ks_call(), and KS_DISCONNECTED when the request could not be stored (out of memory, RLIMIT_FSIZE).
+ *  Aborts when `data` is NULL with a size, or *recv is not NULL. */
 KS_API unsigned ks_ez_call(const char* name, const char* command, const void* data, size_t dsize, void** recv,
                            size_t* rsize, unsigned timeout_s, int passfd);
-/** Service side: tells the caller that its reply is complete and ends the conversation. ks_io_free() closes. Checked.
- */
+/** Service side: tells the caller that its reply is complete, and shuts the connection down. Checked. */
 KS_API void ks_reply(ks_io* io);
 
 /* ---- Signals and crash reports ------------------------------------------------------------------------------ */

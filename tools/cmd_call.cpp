@@ -120,8 +120,9 @@ std::function<int()> declare(CLI::App& app) {
                    "Seconds to wait for the reply; below 5 counts as 5, as in every call through the library")
         ->type_name("S")
         ->capture_default_str();
-    app.add_option("--output", options->output_path,
-                   "Hand over this file, created or truncated, for what the command's tools print")
+    app.add_option(
+           "--output", options->output_path,
+           "Hand over this file, created or truncated, as the command's own standard output; not for its tools'")
         ->type_name("FILE");
     app.add_flag("--pretty", options->pretty, "Indent the reply if it is JSON; otherwise it is printed as it came");
     return [options] { return call(*options); };

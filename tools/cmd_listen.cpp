@@ -90,14 +90,11 @@ int serve(const char* command, ks_io* request, int fd) {
     const std::string text = one_line(read_all(io.get()));
     const bool printed = print(one_line(command) + (text.empty() ? "" : " ") + text + '\n');
     ks_io_realloc(io.get(), 0);
-    for (std::string_view rest = state.reply; !rest.empty();) {
-        const ssize_t count = ks_io_write(io.get(), rest.data(), rest.size());
-        if (count <= 0) {
-            break;
-        }
-        rest.remove_prefix(static_cast<size_t>(count));
+    if (write_all(io.get(), state.reply)) {
+        ks_reply(io.get());
+    } else {
+        (void)fail(kFailure, "cannot store the reply: %s", strerror(errno)); // and hang up
     }
-    ks_reply(io.get());
     if (!printed) {
         end(kFailure);
     } else if (state.left > 0 && --state.left == 0) {

@@ -58,17 +58,20 @@ unsigned milliseconds_until(steady_clock::time_point deadline) {
 
 } // namespace
 
+bool write_all(ks_io* io, std::string_view text) {
+    while (!text.empty()) {
+        const ssize_t count = ks_io_write(io, text.data(), text.size());
+        if (count <= 0) {
+            return false;
+        }
+        text.remove_prefix(static_cast<size_t>(count));
+    }
+    return true;
+}
+
 unique_io make_request(std::string_view payload) {
     unique_io request(ks_io_create());
-    while (!payload.empty()) {
-        const ssize_t count = ks_io_write(request.get(), payload.data(), payload.size());
-        if (count > 0) {
-            payload.remove_prefix(static_cast<size_t>(count));
-        } else if (count == 0 || errno != EINTR) {
-            return nullptr;
-        }
-    }
-    return request;
+    return write_all(request.get(), payload) ? std::move(request) : nullptr;
 }
 
 outcome exchange(const std::string& service, const std::string& command, unique_io request, unsigned timeout_s,

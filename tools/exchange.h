@@ -20,7 +20,11 @@ struct outcome {
     unique_io reply;   ///< Null without a reply.
 };
 
-/// A new request that holds `payload`. @return Null and errno when the memory file does not take it.
+/// Writes all of `text` into the memory file. @return False and errno when it does not take it all: then it must not be
+/// sent, as half a text can be read as another one.
+[[nodiscard]] bool write_all(ks_io* io, std::string_view text);
+
+/// A new request that holds `payload`. @return Null and errno when the memory file does not take it all.
 unique_io make_request(std::string_view payload);
 
 /// Calls `service` and waits.

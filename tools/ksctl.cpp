@@ -69,8 +69,9 @@ int parse_and_run(int argc, char** argv) {
 } // namespace
 
 int run(int argc, char** argv) {
-    // A reader that leaves early is an error to report, not a signal to die of.
+    // A reader that leaves early, or a file that grows too large, is an error to report, not a signal to die of.
     (void)signal(SIGPIPE, SIG_IGN);
+    (void)signal(SIGXFSZ, SIG_IGN);
     try {
         return parse_and_run(argc, argv);
     } catch (const std::exception& error) {

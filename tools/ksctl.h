@@ -16,16 +16,16 @@ namespace ksctl {
 /// Exit statuses; scripts rely on them. From 11 on they are 10 + the library's result code, and one of our own.
 enum exit_status : int {
     kSuccess = 0,
-    kFailure = 1,       // a file or standard output, or anything else on this side
-    kUsage = 2,         // the command line
-    kTimeout = 11,      // nothing happened within the time allowed
-    kNoService = 12,    // nobody listens on the service's socket
-    kPaused = 13,       // the service is paused
-    kRefused = 14,      // the service refused the call
-    kDisconnected = 15, // the connection failed before the request was taken
-    kBusy = 16,         // the service's waiting list is full
-    kBadArgument = 17,  // the service name or the command is too long, or no name at all
-    kNoReply = 18,      // the request was taken, and the connection ended without a reply
+    kFailure = 1,       ///< a file or standard output, or anything else on this side
+    kUsage = 2,         ///< the command line
+    kTimeout = 11,      ///< nothing happened within the time allowed
+    kNoService = 12,    ///< nobody listens on the service's socket
+    kPaused = 13,       ///< the service is paused
+    kRefused = 14,      ///< the service refused the call
+    kDisconnected = 15, ///< the connection failed before the request was taken
+    kBusy = 16,         ///< the service's waiting list is full
+    kBadArgument = 17,  ///< the service name or the command is too long, or no name at all
+    kNoReply = 18,      ///< the request was taken, and the connection ended without a reply
 };
 
 /// One subcommand.

@@ -154,6 +154,15 @@ TEST_F(AbortDeathTest, MemoryFileCannotBeResized) {
         "[ABORT] @ks_io_realloc() ftruncate memory file fail: `ftruncate(io->memfd, size) == 0'\n");
     EXPECT_ABORT(ks_io_realloc(ks_io_create(), (size_t)-1),
                  "[ABORT] @ks_io_realloc() ftruncate memory file fail: `ftruncate(io->memfd, size) == 0'\n");
+    // The program's own file: a new one in its place would do, and would hide the misuse.
+    EXPECT_ABORT(
+        {
+            ks_io* io = ks_io_create();
+            io->memfd = memfd_create("sealed", MFD_ALLOW_SEALING);
+            (void)fcntl(io->memfd, F_ADD_SEALS, F_SEAL_GROW);
+            ks_io_realloc(io, 1);
+        },
+        "[ABORT] @ks_io_realloc() ftruncate memory file fail: `ftruncate(io->memfd, size) == 0'\n");
 }
 
 TEST_F(AbortDeathTest, MemoryFileCannotBeMapped) {

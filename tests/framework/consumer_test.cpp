@@ -1,21 +1,29 @@
 // The consumer: what it accepts from callers, what the callback gets, and whom it drops.
 #include "framework_support.h"
 #include "kservice.h"
+#include "silent_file.h"
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <filesystem>
+#include <fstream>
 #include <functional>
+#include <iterator>
+#include <linux/fuse.h>
 #include <memory>
 #include <spawn.h>
 #include <string>
 #include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <vector>
@@ -34,6 +42,24 @@ std::string contents(const descriptor& file) {
     char bytes[4096];
     const ssize_t got = pread(file.get(), bytes, sizeof(bytes), 0);
     return {bytes, got < 0 ? 0 : (size_t)got};
+}
+
+size_t lines_of(const std::string& path) {
+    std::ifstream file(path);
+    return (size_t)std::count(std::istreambuf_iterator<char>(file), {}, '\n');
+}
+
+size_t threads_that_block(int signum) {
+    size_t count = 0;
+    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+        std::ifstream status(task.path() / "status");
+        for (std::string line; std::getline(status, line);) {
+            if (line.rfind("SigBlk:", 0) == 0) {
+                count += std::stoull(line.substr(7), nullptr, 16) >> (signum - 1) & 1;
+            }
+        }
+    }
+    return count;
 }
 
 // A service of one consumer: whatever keeps that busy would be noticed by the next call.
@@ -196,21 +222,161 @@ TEST(ConsumerDescriptorTest, ReceivedDescriptorsAreCloseOnExec) {
     }
 }
 
+int report_numbers(const char*, ks_io* io, int fd) {
+    const bool above = io->memfd > 2 && io->sockfd > 2 && fd > 2;
+    close(fd);
+    support::answer(io, above ? "above" : "below");
+    return 0;
+}
+
+TEST(ConsumerDescriptorTest, ReceivedDescriptorsStandAboveTheStandardStreams) {
+    EXPECT_EXIT(
+        {
+            const descriptor extra = memory_file();
+            const service one(5, 1, report_numbers);
+            for (const int number : {0, 1, 2}) {
+                close(number);
+            }
+            std::string reply;
+            const bool above = support::call(one.name(), "c", "", &reply, extra.get()) == 0 && reply == "above";
+            const bool free = eventually(
+                [] { return fcntl(0, F_GETFD) == -1 && fcntl(1, F_GETFD) == -1 && fcntl(2, F_GETFD) == -1; });
+            _exit(above && free ? 0 : 1);
+        },
+        testing::ExitedWithCode(0), "");
+}
+
+int report_mask(const char*, ks_io* io, int) {
+    sigset_t mask;
+    pthread_sigmask(SIG_SETMASK, nullptr, &mask);
+    support::answer(io, sigismember(&mask, SIGTERM) == 0 ? "open" : "blocked");
+    return 0;
+}
+
+// What a caller leaves to be closed is closed even when no thread can be made for that, and the worker is as before.
+TEST(ConsumerDescriptorTest, RefusedDescriptorIsClosedWithoutAThreadToo) {
+    EXPECT_EXIT(
+        {
+            const service one(5, 1, report_mask);
+            std::string reply;
+            bool good = support::call(one.name(), "c", "", &reply) == 0;
+            const auto before = support::settled_descriptors();
+            support::fail_system_call(SYS_clone3, EAGAIN);
+            support::fail_system_call(SYS_clone, EAGAIN);
+            {
+                const raw_caller caller(one.path());
+                good = good && caller.invited() && caller.send(make_record(8, 0, "c")) && caller.send_fds({1}) &&
+                       caller.hung_up();
+            }
+            good = good && eventually([&] { return support::open_descriptors().size() == before; });
+            good = good && support::call(one.name(), "c", "", &reply) == 0 && reply == "open";
+            _exit(good ? 0 : 1);
+        },
+        testing::ExitedWithCode(0), "");
+}
+
 // ---- Memory files on which the service's own steps would fail
 
-TEST_F(ConsumerTest, PlainReadWriteFilesAreWelcome) {
-    const support::temp_dir dir;
-    for (const std::string& path : {dir.file("f"), std::string("/dev/shm/ks-test-file")}) {
-        const descriptor file(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
-        if (file.get() < 0) {
-            continue; // no /dev/shm here
-        }
-        unlink(path.c_str());
-        ASSERT_EQ(write(file.get(), "text", 4), 4);
-        const raw_caller caller = invited_caller();
-        EXPECT_TRUE(caller.request("c", file.get()));
-        EXPECT_EQ(contents(file), "c|text|none");
+TEST_F(ConsumerTest, FilesOfATmpfsAreWelcome) {
+    const std::string path = "/dev/shm/ks-test-file";
+    const descriptor file(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+    ASSERT_GE(file.get(), 0);
+    unlink(path.c_str());
+    ASSERT_EQ(write(file.get(), "text", 4), 4);
+    const raw_caller caller = invited_caller();
+    EXPECT_TRUE(caller.request("c", file.get()));
+    EXPECT_EQ(contents(file), "c|text|none");
+}
+
+TEST_F(ConsumerTest, ReadWriteFilesOfOtherFileSystemsAreRefused) {
+    char path[] = "/var/tmp/ks-XXXXXX";
+    const descriptor disk(mkostemp(path, O_CLOEXEC));
+    ASSERT_GE(disk.get(), 0);
+    unlink(path);
+    ASSERT_EQ(write(disk.get(), "text", 4), 4);
+    const descriptor process(open("/proc/self/comm", O_RDWR | O_CLOEXEC));
+    ASSERT_GE(process.get(), 0);
+    for (const descriptor* each : {&disk, &process}) {
+        ASSERT_EQ(fcntl(each->get(), F_GET_SEALS), -1);
+        EXPECT_TRUE(dropped_for({each->get()}));
     }
+    EXPECT_EQ(contents(disk), "text");
+    EXPECT_EQ(lseek(disk.get(), 0, SEEK_CUR), 4) << "not even its offset was moved";
+    expect_it_serves();
+}
+
+TEST_F(ConsumerTest, MemoryFileThatIsNotOpenForBothIsRefused) {
+    const descriptor file = memory_file("text");
+    const std::string path = "/proc/self/fd/" + std::to_string(file.get());
+    for (const int flags : {O_RDONLY, O_WRONLY, O_PATH}) {
+        const descriptor half(open(path.c_str(), flags | O_CLOEXEC));
+        ASSERT_GE(half.get(), 0);
+        EXPECT_TRUE(dropped_for({half.get()})) << flags;
+    }
+    EXPECT_EQ(contents(file), "text");
+    EXPECT_EQ(fcntl(file.get(), F_GET_SEALS), 0) << "refused before it was sealed";
+    expect_it_serves();
+}
+
+// Its file system is asked nothing that the service would wait for: closing it asks, but nobody waits for that.
+TEST_F(ConsumerTest, FileOfASilentFileSystemCostsItsCallerOnly) {
+    const support::silent_file silent;
+    if (silent.fd() < 0) {
+        GTEST_SKIP() << "no FUSE to be had here";
+    }
+    ASSERT_TRUE(dropped_for({silent.fd()}));
+    expect_it_serves();
+    {
+        const raw_caller caller = invited_caller();
+        ASSERT_TRUE(caller.send(make_record(8, 1, "c")) && caller.send_fds({silent.fd()}) &&
+                    caller.send_fds({silent.fd()}));
+        ASSERT_TRUE(caller.hung_up()) << "as the extra descriptor, too";
+    }
+    const descriptor file = memory_file("text");
+    {
+        const raw_caller caller = invited_caller();
+        ASSERT_TRUE(caller.send(make_record(8, 0, "c")) && caller.send_fds({file.get(), silent.fd()}));
+        ASSERT_EQ(caller.receive(), make_record(9)) << "as one too many";
+    }
+    expect_it_serves();
+    EXPECT_TRUE(eventually([&] { return silent.asked(FUSE_FLUSH) == 4; })) << silent.asked(FUSE_FLUSH);
+    EXPECT_EQ(silent.asked(), 4U) << "nothing else";
+    EXPECT_EQ(threads_that_block(SIGTERM), 4U) << "no signal of the process is left to those who wait";
+    one_.stop(); // returns
+}
+
+// Nor does the service wait for a lock of the file that somebody holds who waits for the file system.
+TEST_F(ConsumerTest, FileThatIsLockedByAWriteWithoutEndCostsItsCallerOnly) {
+    auto silent = std::make_unique<support::silent_file>();
+    if (silent->fd() < 0) {
+        GTEST_SKIP() << "no FUSE to be had here";
+    }
+    const pid_t writer = fork();
+    if (writer == 0) {
+        (void)!write(silent->fd(), "x", 1);
+        _exit(0);
+    }
+    EXPECT_TRUE(eventually([&] { return silent->asked() == 1; }));
+    EXPECT_TRUE(dropped_for({silent->fd()}));
+    silent.reset();
+    EXPECT_EQ(waitpid(writer, nullptr, 0), writer);
+    expect_it_serves();
+}
+
+// Nor do they leave threads, or what threads stand on.
+TEST_F(ConsumerTest, RefusedDescriptorsLeaveNothingBehind) {
+    expect_it_serves();
+    const descriptor pipe_or_so(open("/dev/null", O_RDWR | O_CLOEXEC));
+    const auto descriptors = support::settled_descriptors();
+    const auto threads = support::thread_count();
+    const auto mappings = lines_of("/proc/self/maps");
+    constexpr size_t kTimes = 300;
+    for (size_t i = 0; i < kTimes; ++i) {
+        ASSERT_TRUE(dropped_for({pipe_or_so.get()}));
+    }
+    EXPECT_TRUE(eventually([&] { return support::open_descriptors().size() == descriptors; }));
+    EXPECT_TRUE(eventually([&] { return support::thread_count() == threads; }));
+    EXPECT_LT(lines_of("/proc/self/maps"), mappings + kTimes);
 }
 
 TEST_F(ConsumerTest, SealsTheFileAgainstFurtherSeals) {

@@ -4,7 +4,9 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cerrno>
+#include <csignal>
 #include <cstring>
 #include <fcntl.h>
 #include <memory>
@@ -12,6 +14,7 @@
 #include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/time.h>
 #include <unistd.h>
 #include <utility>
 
@@ -151,17 +154,19 @@ TEST(IoTest, MemoryFileIsNamedCloseOnExecAndAboveStandardStreams) {
 }
 
 TEST(IoTest, MemoryFileNeverTakesANumberBelowThree) {
-    EXPECT_EXIT(
-        {
-            close(0);
-            close(1);
-            ks_io* io = ks_io_create();
-            const int fd = ks_io_fileno(io);
-            const bool good = fd >= 3 && (fcntl(fd, F_GETFD) & FD_CLOEXEC) != 0 && !is_open(0) && !is_open(1);
-            ks_io_free(io);
-            _exit(good ? 0 : 1);
-        },
-        testing::ExitedWithCode(0), "");
+    for (const int closed : {0, 1, 2}) {
+        EXPECT_EXIT(
+            {
+                close(closed);
+                ks_io* io = ks_io_create();
+                const int fd = ks_io_fileno(io);
+                const bool good = fd >= 3 && (fcntl(fd, F_GETFD) & FD_CLOEXEC) != 0 && !is_open(closed);
+                ks_io_free(io);
+                _exit(good ? 0 : 1);
+            },
+            testing::ExitedWithCode(0), "")
+            << closed;
+    }
 }
 
 TEST(IoTest, FreeClosesWhatItOwnsAndLeavesPassfd) {
@@ -224,6 +229,8 @@ TEST(IoTest, SizeFilenoDuplicatesAndStreamsDoNotCheckTheMagic) {
     const descriptor three(ks_io_dup3(&foreign, 911, 0));
     EXPECT_EQ(three.get(), 911);
     FILE* stream = ks_io_fopen(&foreign, "r");
+    ASSERT_NE(stream, nullptr);
+    stream = ks_io_freopen(&foreign, "w", stream);
     ASSERT_NE(stream, nullptr);
     fclose(stream);
 }
@@ -366,6 +373,55 @@ TEST(IoTest, CallersFileGrownBeyondTheAddressSpaceIsLetGo) {
     EXPECT_EQ(recv(caller.get(), &byte, 1, 0), 0);
 }
 
+// Each of these marks says that somebody else has, or had, a hand on the file: a caller that waits, one whose
+// credentials are known, a request that has been made.
+TEST(IoTest, FileThatSomebodyElseHadAHandOnIsLetGo) {
+    for (const char* mark : {"connection", "credentials", "request"}) {
+        const unique_io io = make();
+        ASSERT_EQ(ks_io_write(io.get(), "text", 4), 4);
+        ASSERT_EQ(ftruncate(io->memfd, (off_t)1 << 62), 0);
+        descriptor caller;
+        if (strcmp(mark, "connection") == 0) {
+            int pair[2];
+            ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, pair), 0);
+            io->sockfd = pair[0];
+            caller.reset(pair[1]);
+        } else if (strcmp(mark, "credentials") == 0) {
+            io->cred.pid = getpid();
+        } else {
+            io->command[0] = 'c';
+        }
+        EXPECT_EQ(ks_io_read(io.get(), nullptr), nullptr) << mark;
+        EXPECT_EQ(io->memfd, -1) << mark;
+        EXPECT_EQ(ks_io_printf(io.get(), "private"), 7);
+    }
+}
+
+std::atomic<unsigned> alarms{0};
+
+TEST(IoTest, AliveIsNotMistakenBySignals) {
+    struct sigaction action = {};
+    action.sa_handler = [](int) { ++alarms; };
+    struct sigaction before = {};
+    ASSERT_EQ(sigaction(SIGALRM, &action, &before), 0);
+    const itimerval often = {{0, 100}, {0, 100}};
+    ASSERT_EQ(setitimer(ITIMER_REAL, &often, nullptr), 0);
+    const unique_io io = make();
+    int pair[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, pair), 0);
+    const descriptor caller(pair[1]);
+    io->sockfd = pair[0];
+    io->cred.pid = getpid();
+    bool alive = true;
+    while (alive && alarms < 2000) {
+        alive = ks_io_alive(io.get()) == 1;
+    }
+    EXPECT_TRUE(alive) << "after " << alarms << " signals";
+    const itimerval never = {};
+    setitimer(ITIMER_REAL, &never, nullptr);
+    sigaction(SIGALRM, &before, nullptr);
+}
+
 TEST(IoTest, SetFdCloexecWritesStatusFlagsAndLeavesTheDescriptorFlag) {
     const descriptor file = support::memory_file();
     ASSERT_EQ(fcntl(file.get(), F_SETFD, 0), 0);
@@ -374,6 +430,8 @@ TEST(IoTest, SetFdCloexecWritesStatusFlagsAndLeavesTheDescriptorFlag) {
     EXPECT_EQ(fcntl(file.get(), F_GETFD), 0) << "KEPT: not the close-on-exec flag";
     EXPECT_EQ(fcntl(file.get(), F_GETFL), status);
     EXPECT_EQ(set_fd_cloexec(-1), 0U);
+    const descriptor name_only(open("/", O_PATH | O_CLOEXEC));
+    EXPECT_EQ(set_fd_cloexec(name_only.get()), 0U) << "its flags can be read, but not written";
 }
 
 } // namespace

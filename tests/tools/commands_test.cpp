@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <fstream>
 #include <memory>
+#include <set>
 #include <sstream>
 #include <string>
 #include <string_view>
@@ -17,9 +18,13 @@
 
 namespace {
 
+using testing::AllOf;
+using testing::Each;
+using testing::ElementsAre;
 using testing::ElementsAreArray;
 using testing::HasSubstr;
 using testing::IsEmpty;
+using testing::Not;
 using testing::StartsWith;
 
 constexpr const char* kMain = "VexHubServer-vexprod";
@@ -74,16 +79,18 @@ TEST(KsctlCommandsTest, PrintsTheDocumentsCommandsAndSummariesInItsOrder) {
     EXPECT_EQ(list.status, 0) << list.err;
     EXPECT_THAT(list.err, IsEmpty());
     EXPECT_THAT(printed_lines(list.out), ElementsAreArray(documented_lines()));
-    EXPECT_EQ(lines_of(list.out).size(), 50U);
 }
 
-TEST(KsctlCommandsTest, PrintsColumns) {
-    const std::vector<std::string> list = lines_of(ksctl({"commands"}).out);
-    ASSERT_EQ(list.size(), 50U);
-    EXPECT_EQ(list[0], "main  test                                   Tells that the main service answers.");
-    EXPECT_EQ(list[18], "main  system_call_cloud_analysis_unregister  Takes a provider out of the cloud analysis.");
-    EXPECT_EQ(list[49],
-              "mail  sendmail                               Gives a prepared mail to the host's mail program.");
+TEST(KsctlCommandsTest, PrintsColumnsTwoBlanksApart) {
+    constexpr size_t kName = 6; // behind "main  "
+    size_t widest = 0;
+    std::set<size_t> columns;
+    for (const std::string& line : lines_of(ksctl({"commands"}).out)) {
+        const size_t end_of_name = line.find(' ', kName);
+        widest = std::max(widest, end_of_name);
+        columns.insert(line.find_first_not_of(' ', end_of_name));
+    }
+    EXPECT_THAT(columns, ElementsAre(widest + 2)) << "all summaries begin there";
 }
 
 TEST(KsctlCommandsTest, PrintsOneServicesCommandsAsTheyStandInTheWholeList) {
@@ -91,8 +98,8 @@ TEST(KsctlCommandsTest, PrintsOneServicesCommandsAsTheyStandInTheWholeList) {
     const finished mail = ksctl({"commands", "--service", "mail"});
     EXPECT_EQ(main.status, 0);
     EXPECT_EQ(mail.status, 0);
-    EXPECT_EQ(lines_of(main.out).size(), 48U);
-    EXPECT_EQ(lines_of(mail.out).size(), 2U);
+    EXPECT_THAT(lines_of(main.out), AllOf(Not(IsEmpty()), Each(StartsWith("main  "))));
+    EXPECT_THAT(lines_of(mail.out), AllOf(Not(IsEmpty()), Each(StartsWith("mail  "))));
     EXPECT_EQ(main.out + mail.out, ksctl({"commands"}).out);
 }
 

@@ -330,6 +330,33 @@ TEST_F(KsctlTest, FilesThatCannotBeUsedAreStatus1) {
     EXPECT_EQ(unwritable.err, "ksctl: cannot write " + folder_ + "/no/where: No such file or directory\n");
 }
 
+// ksctl where no file may grow beyond 512 bytes, memory files included.
+std::vector<std::string> under_a_limit(const std::vector<std::string>& arguments) {
+    std::vector<std::string> argv = {"/bin/sh", "-c", R"(ulimit -f 1; exec "$0" "$@")", KSCTL_PROGRAM};
+    argv.insert(argv.end(), arguments.begin(), arguments.end());
+    return argv;
+}
+
+TEST_F(KsctlTest, RequestThatCannotBeStoredIsNotSentCutShort) {
+    start_service(name_);
+    const finished call = run_program(under_a_limit({"call", name_, "echo", std::string(2000, 'r')}));
+    EXPECT_EQ(call.status, 1);
+    EXPECT_THAT(call.out, IsEmpty());
+    EXPECT_EQ(call.err, "ksctl: cannot store the request: File too large\n");
+    EXPECT_EQ(run_program(under_a_limit({"call", name_, "echo", std::string(512, 'r')})).out, std::string(512, 'r'));
+}
+
+TEST_F(KsctlTest, ReplyThatListenCannotStoreIsNotSentCutShort) {
+    running_program listen(under_a_limit({"listen", name_, "--reply", std::string(2000, 'r')}));
+    ASSERT_EQ(ksctl({"wait", name_}).status, 0);
+    EXPECT_EQ(ksctl({"call", name_, "command"}).status, 18);
+    listen.kill(SIGTERM);
+    const finished ended = listen.wait();
+    EXPECT_EQ(ended.status, 0);
+    EXPECT_EQ(ended.out, "command\n");
+    EXPECT_EQ(ended.err, "ksctl: cannot store the reply: File too large\n");
+}
+
 TEST_F(KsctlTest, StandardOutputThatNobodyReadsIsStatus1) {
     start_service(name_);
     running_program call({KSCTL_PROGRAM, "call", name_, "echo", "-"});
