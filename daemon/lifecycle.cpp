@@ -265,8 +265,10 @@ void free_all_obj() {
 int run_daemon(int argc, char** argv) {
     // A starter that ignored SIGCHLD handed that down, and then no child could be waited for.
     (void)signal(SIGCHLD, SIG_DFL);
-    // The services ignore it as well, but the relays run before them, and may write to a pipe that nobody reads.
+    // The services ignore both as well, but the relays run before them, and may write to a pipe that nobody reads or to
+    // a file that has reached its limit.
     (void)signal(SIGPIPE, SIG_IGN);
+    (void)signal(SIGXFSZ, SIG_IGN);
     (void)raise_descriptor_limit(); // every waiting caller holds one; without it the daemon just serves fewer
     (void)environment_unset("LD_LIBRARY_PATH");
 

@@ -15,6 +15,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <fcntl.h>
 #include <poll.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
@@ -43,8 +44,7 @@ void hang_up(int fd) {
     close(fd);
 }
 
-// Waits until the caller has said something. False = it has gone, has been silent for too long, or the producer wants
-// us.
+// Waits until the caller has said something. False = it has gone, was silent for too long, or the producer wants us.
 bool wait_for_caller(const caller& who) {
     for (;;) {
         pollfd watched[2] = {{who.fd, POLLIN | POLLRDHUP, 0}, {who.link, POLLIN | POLLRDHUP, 0}};
@@ -82,38 +82,111 @@ int promised_descriptor(const caller& who) {
     }
 }
 
-// KEPT: a process worker runs its callback in the caller's environment. An unreadable one leaves ours as it was.
-void adopt_environment(pid_t pid) {
+// The environment of the process `pid`: texts, each ended by a NUL, and one NUL more. The caller frees it; nullptr = it
+// cannot be read.
+char* read_environment(pid_t pid, size_t* ret_size) {
     char path[64];
     (void)snprintf(path, sizeof(path), "/proc/%d/environ", (int)pid);
-    FILE* file = fopen(path, "ro");
-    if (file == nullptr) {
-        return;
+    const int fd = above_stdio(open(path, O_RDONLY | O_CLOEXEC));
+    if (fd < 0) {
+        return nullptr;
     }
-    char* entry = nullptr;
+    char* text = nullptr;
+    size_t size = 0;
     size_t capacity = 0;
-    bool cleared = false;
-    while (getdelim(&entry, &capacity, '\0', file) > 0) {
-        if (!cleared) {
-            clearenv();
-            cleared = true;
+    ssize_t got = 0;
+    do {
+        size += (size_t)got;
+        if (capacity - size < 2) {
+            capacity = 2 * capacity + 4096;
+            char* larger = static_cast<char*>(realloc(text, capacity));
+            if (larger == nullptr) {
+                got = -1;
+                break;
+            }
+            text = larger;
         }
-        char* equals = strchr(entry, '=');
-        if (equals != nullptr && equals != entry) {
-            *equals = '\0';
-            (void)setenv(entry, equals + 1, 1);
-        }
+        got = read(fd, text + size, capacity - size - 1);
+    } while (got > 0);
+    close(fd);
+    if (got < 0) {
+        free(text);
+        return nullptr;
     }
-    if (!cleared && ferror(file) == 0) {
-        clearenv(); // readable and empty
-    }
-    free(entry);
-    (void)fclose(file);
+    text[size] = '\0';
+    *ret_size = size;
+    return text;
 }
 
-// Runs the callback on a request that has arrived whole. Takes over the caller's connection and both descriptors; false
-// = the file cannot be mapped, and all of them are closed.
-bool execute(const ks_worker* worker, const directive& request, int connection, int memfd, int extra_fd) {
+// Notes the NAME=VALUE texts, in their order. Returns their number; `ret_entries` may be null.
+size_t list_entries(char* text, size_t size, char** ret_entries) {
+    size_t count = 0;
+    for (char* entry = text; entry < text + size; entry += strlen(entry) + 1) {
+        const char* equals = strchr(entry, '=');
+        if (equals != nullptr && equals != entry) {
+            if (ret_entries != nullptr) {
+                ret_entries[count] = entry;
+            }
+            ++count;
+        }
+    }
+    return count;
+}
+
+// For qsort(): by name, those of one name in the order of the text.
+int compare_entries(const void* left, const void* right) {
+    const char* const a = *static_cast<char* const*>(left);
+    const char* const b = *static_cast<char* const*>(right);
+    size_t i = 0;
+    while (a[i] == b[i] && a[i] != '=') {
+        ++i;
+    }
+    if (a[i] != b[i]) {
+        return a[i] < b[i] ? -1 : 1;
+    }
+    return a < b ? -1 : 1;
+}
+
+// KEPT: a process worker runs its callback in the caller's environment. An unreadable one leaves ours as it was.
+//
+// `environ` is assigned, because clearenv() and setenv() take a lock of the C library that another thread of the
+// program may have held at the fork, and then nobody here gives back.
+void adopt_environment(pid_t pid) {
+    static char* adopted_text = nullptr;
+    static char** adopted_entries = nullptr;
+    size_t size = 0;
+    char* text = read_environment(pid, &size);
+    if (text == nullptr) {
+        return;
+    }
+    size_t count = list_entries(text, size, nullptr);
+    auto** entries = static_cast<char**>(calloc(count + 1, sizeof(char*)));
+    if (entries == nullptr) {
+        free(text);
+        return;
+    }
+    // The last of one name counts: the others lose their name.
+    (void)list_entries(text, size, entries);
+    qsort(entries, count, sizeof(char*), compare_entries);
+    for (size_t i = 1; i < count; ++i) {
+        char* const before = entries[i - 1];
+        if (strncmp(before, entries[i], (size_t)(strchr(before, '=') - before) + 1) == 0) {
+            *before = '=';
+        }
+    }
+    count = list_entries(text, size, entries);
+    entries[count] = nullptr;
+    environ = entries;
+    // What the last request's callback made of `environ` since, by setenv() for example, is the C library's.
+    free(adopted_entries);
+    free(adopted_text);
+    adopted_entries = entries;
+    adopted_text = text;
+}
+
+// Runs the callback on a request that has arrived whole. Takes over the caller's connection and both descriptors; they
+// are closed when the file cannot be mapped.
+void execute(const ks_worker* worker, const directive& request, int connection, int memfd, int extra_fd) {
     ks_io* io = ks_io_create();
     io->memfd = memfd;
     io->sockfd = connection;
@@ -122,7 +195,7 @@ bool execute(const ks_worker* worker, const directive& request, int connection, 
         (void)shutdown(io->sockfd, SHUT_RDWR);
         ks_io_free(io);
         close_foreign(extra_fd);
-        return false;
+        return;
     }
     ucred peer = {};
     socklen_t size = sizeof(peer);
@@ -138,11 +211,9 @@ bool execute(const ks_worker* worker, const directive& request, int connection, 
     char command[sizeof(io->command)];
     memcpy(command, io->command, sizeof(command));
     (void)worker->exec(command, io, extra_fd);
-    return true;
 }
 
-// Hears one request of a caller that has been invited, and runs it. False = nothing was run, and `who.fd` is still
-// open.
+// Hears one request of a caller that has been invited, and runs it. False = there is none, and `who.fd` is still open.
 bool hear_request(const ks_worker* worker, const caller& who) {
     directive request = {};
     if (!wait_for_caller(who) || !receive_directive(who.fd, &request) || request.type != KS_DIRECTIVE_REQUEST) {
@@ -165,7 +236,7 @@ bool hear_request(const ks_worker* worker, const caller& who) {
         close_foreign(extra_fd);
         return false;
     }
-    (void)execute(worker, request, who.fd, memfd, extra_fd);
+    execute(worker, request, who.fd, memfd, extra_fd);
     return true;
 }
 

@@ -13,8 +13,8 @@
 #include <csignal>
 #include <ctime>
 
-// Aborts with the fixed line unless `condition` holds. `text` is the condition as the line shows it, given as a
-// literal: a stringised condition would change with the formatter, and some of the texts are not what compiles here.
+/// Aborts with the fixed line unless `condition` holds. `text` is the condition as the line shows it, given as a
+/// literal: a stringised condition would change with the formatter, and some of the texts are not what compiles here.
 #define KS_REQUIRE(condition, text, ...)                                                                               \
     do {                                                                                                               \
         if (__builtin_expect(!(condition), 0)) {                                                                       \
@@ -22,7 +22,7 @@
         }                                                                                                              \
     } while (0)
 
-// The same for a routine whose line carries another function's name.
+/// The same for a routine whose line carries another function's name.
 #define KS_REQUIRE_IN(function, condition, text, ...)                                                                  \
     do {                                                                                                               \
         if (__builtin_expect(!(condition), 0)) {                                                                       \
@@ -99,39 +99,47 @@ bool is_memory_file(int fd);
 
 // ---- service.cpp
 
-constexpr size_t kSocketPathSize = 64; // formatted into 64 bytes: at most 63 characters
+constexpr size_t kSocketPathSize = 64; ///< formatted into 64 bytes: at most 63 characters
 
-// The "/var/run/ks/%X.sock" path of an ordinary name, or false when the digest failed.
+/// The "/var/run/ks/%X.sock" path of an ordinary name, or false when the digest failed.
 bool hashed_socket_path(const char* name, char* ret_path, size_t size);
 
-// A handle with what the public record has no field for. ks_handle is its first member, so the two pointers convert.
+/// A handle with what the public record has no field for. ks_handle is its first member, so the two pointers convert.
 struct service {
-    enum class phase { idle, starting, serving };
+    enum class phase {
+        idle,     ///< not started, or the run is over; there is no table
+        starting, ///< inside ks_start()
+        serving,
+        elsewhere ///< a process worker's copy of the handle: the run is the parent's
+    };
+
+    /// What a consumer has beside its table entry.
+    struct consumer {
+        service* self; ///< with `worker`: what the consumer's thread is started with
+        ks_worker* worker;
+        int32_t in_transit; ///< the producer's alone: descriptor of the caller that it handed over and whose echo has
+                            ///< not come yet, or -1
+    };
 
     ks_handle handle;
 
-    // Guards the fields up to `users`. Held for a few instructions only, with all signals blocked: a handler on the
-    // starting thread may call ks_stop() itself.
+    /// Guards the fields up to `users`. Held for a few instructions only, with all signals blocked, and never around
+    /// malloc() or free(): a handler may call ks_stop() on whatever thread.
     pthread_mutex_t lock;
     pthread_cond_t changed;
     phase state;
-    uint64_t generation;     // counts starts, so that a waiting ks_stop() does not mistake the next run for its own
-    bool listening;          // the producer's listening socket is open and may be shut down
-    bool stop_requested;     // somebody has asked this run to stop
-    bool published;          // the socket's file is there and ours to remove
-    bool join_claimed;       // KS_STANDALONE: somebody joins the producer's thread and frees the table
-    sigset_t thread_mask;    // the signal mask of ks_start()'s caller, for the threads of the run
-    unsigned users;          // threads inside ks_start() and ks_stop(); ks_free() waits for them
-    uint8_t pause_requested; // what ks_pause() and ks_resume() last said; ks_stop() overwrites `paused` only
+    uint64_t generation; ///< counts starts, so that a waiting ks_stop() does not mistake the next run for its own
+    bool listening;      ///< the producer's listening socket is open and may be shut down
+    bool stop_requested; ///< somebody has asked this run to stop
+    bool published;      ///< the socket's file is there and ours to remove
+    bool joinable;       ///< KS_STANDALONE: nobody has joined the thread `producer` yet
+    pthread_t producer;
+    size_t running;       ///< consumer threads of the run that have not come to their end
+    sigset_t thread_mask; ///< the signal mask of ks_start()'s caller, for the threads of the run
+    unsigned users;       ///< threads inside ks_start() and ks_stop(); ks_free() waits for them
 
-    // The producer's alone. Descriptor of the caller that each consumer has been handed and has not echoed yet, or -1.
-    int32_t* in_transit;
-
-    // What each consumer thread is started with.
-    struct consumer_start {
-        service* self;
-        ks_worker* worker;
-    } * starts;
+    uint8_t pause_requested; ///< what ks_pause() and ks_resume() last said; ks_stop() overwrites `paused` only
+    consumer* consumers;     ///< one for each, made and freed with the table
 };
 
 inline service* service_of(ks_handle* handle) {
@@ -146,23 +154,99 @@ inline bool is_stopping(const ks_handle* handle) {
     return __atomic_load_n(&handle->stopping, __ATOMIC_ACQUIRE) != 0;
 }
 
-// Makes consumer `index`'s link and starts its thread or process (which does not return from here).
+/// Keeps all signals from the thread for as long as it lives.
+class signals_blocked {
+public:
+    signals_blocked() {
+        sigset_t all;
+        sigfillset(&all);
+        pthread_sigmask(SIG_SETMASK, &all, &before_);
+    }
+    ~signals_blocked() { pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
+    signals_blocked(const signals_blocked&) = delete;
+    signals_blocked& operator=(const signals_blocked&) = delete;
+
+    /// The thread's own mask.
+    [[nodiscard]] const sigset_t& before() const { return before_; }
+
+private:
+    sigset_t before_;
+};
+
+/// Holds a service's lock with all signals blocked, so that a handler on this thread never finds it taken.
+class locked {
+public:
+    explicit locked(service* self) : self_(self) { pthread_mutex_lock(&self_->lock); }
+    ~locked() { pthread_mutex_unlock(&self_->lock); }
+    locked(const locked&) = delete;
+    locked& operator=(const locked&) = delete;
+
+    /// The thread's own mask.
+    [[nodiscard]] const sigset_t& mask_before() const { return quiet_.before(); }
+
+    void wait() { pthread_cond_wait(&self_->changed, &self_->lock); }
+    void wake_all() { pthread_cond_broadcast(&self_->changed); }
+
+private:
+    signals_blocked quiet_; ///< from before the lock is taken until it has been given back
+    service* self_;
+};
+
+// ---- worker.cpp
+
+/// Says that the end of a service depends on a thread. A thread can carry several: a handler or a callback that runs
+/// inside one service may start or stop another.
+struct mark {
+    const service* self;
+    const mark* outer; ///< the one set before, or nullptr
+};
+
+/// Marks this thread with `self`; `here` is borrowed until disengage() takes the newest mark away. A mark that is never
+/// taken away must last as long as the thread.
+void engage(mark* here, const service* self);
+void disengage();
+
+/// Whether this thread carries a mark of `self`: ks_stop() must not wait on it.
+bool is_engaged(const service* self);
+
+class engagement {
+public:
+    explicit engagement(const service* self) { engage(&here_, self); }
+    ~engagement() { disengage(); }
+    engagement(const engagement&) = delete;
+    engagement& operator=(const engagement&) = delete;
+
+private:
+    mark here_;
+};
+
+/// Starts a thread of a service with all signals blocked, see engage_thread(). False = it cannot be made.
+bool start_thread(pthread_t* ret_thread, void* (*routine)(void*), void* argument);
+
+/// First thing in a thread of the service, so that no handler runs on it before it is marked. The mark stays until the
+/// thread is gone.
+void engage_thread(const service* self);
+
+/// Makes consumer `index`'s link and starts its thread or process (which does not return from here).
 void start_consumer(service* self, size_t index);
+
+/// Fills the table, and starts and watches every consumer.
+void start_all_consumers(service* self);
 
 // ---- producer.cpp
 
-// Publishes the socket and makes the producer's epoll.
+/// Publishes the socket and makes the producer's epoll.
 void open_producer(service* self);
 
-// Registers consumer `index`'s link in the producer's epoll.
+/// Registers consumer `index`'s link in the producer's epoll.
 void watch_consumer(service* self, size_t index);
 
-// The producer loop. Returns when the service stops or the loop's own sockets fail; nobody waits in the list then.
+/// The producer loop. Returns when the service stops or the loop's own sockets fail; nobody waits in the list then.
 void run_producer(service* self);
 
 // ---- consumer.cpp
 
-// The consumer loop. Returns when the worker was told to stop or lost its link.
+/// The consumer loop. Returns when the worker was told to stop or lost its link.
 void run_consumer(ks_worker* worker);
 
 } // namespace ks

@@ -277,17 +277,19 @@ KS_API void ks_worker_init(ks_handle* handle, ks_worker_callback callback, void*
 /** Sets what every consumer worker runs last. Before ks_start(). Aborts on a foreign handle. */
 KS_API void ks_worker_fini(ks_handle* handle, ks_worker_callback callback, void* argument);
 /** Publishes the service and serves. With KS_STANDALONE returns once it is up; otherwise serves in the calling thread
- *  and returns after ks_stop(). Ignores SIGPIPE for the process. Aborts when the service runs already, and when a
- *  socket, thread or process cannot be made. */
+ *  and returns after ks_stop(). Ignores SIGPIPE and SIGXFSZ for the process. Aborts when the service runs already,
+ *  and when a socket, thread or process cannot be made. */
 KS_API void ks_start(ks_handle* handle);
 /** Turns new callers away; those already waiting keep their place. Any thread. */
 KS_API void ks_pause(ks_handle* handle);
 /** Takes callers again. Any thread. */
 KS_API void ks_resume(ks_handle* handle);
 /** Withdraws the socket, ends the workers after their current request and waits for them. Does nothing on a service
- *  that is not started. Any thread but the service's own workers; also while ks_start() is still under way, and more
- *  than once. Does not touch the handle after ks_start() may have returned because of it. KEPT: also closes descriptor
- *  0, as the producer's table entry never had a first socket. */
+ *  that is not started, or in a process worker. Any thread but the service's own workers; also while ks_start() is
+ *  still under way, and more than once. Does not touch the handle after ks_start() may have returned because of it.
+ *  Also in a signal handler, whatever that interrupted; inside ks_start(), or in a thread of the service, it then only
+ *  asks for the stop. (It cannot help a request in hand that needs a lock which the interrupted code holds.)
+ *  KEPT: also closes descriptor 0, as the producer's table entry never had a first socket. */
 KS_API void ks_stop(ks_handle* handle);
 /** ks_stop(), then frees the handle. No other thread may use the handle any more; a ks_start() that still serves in
  *  another thread has returned, or is past its last use of the handle, before it is freed. */

@@ -126,7 +126,7 @@ void restart_consumer(producer* p, ks_worker* worker, int status) {
     (void)epoll_ctl(p->own->pollfd, EPOLL_CTL_DEL, worker->sockfd[1], nullptr);
     close_and_clear(&worker->sockfd[0]);
     close_and_clear(&worker->sockfd[1]);
-    close_and_clear(&p->self->in_transit[worker->index]);
+    close_and_clear(&p->self->consumers[worker->index].in_transit);
     start_consumer(p->self, worker->index);
     watch_consumer(p->self, worker->index);
 }
@@ -151,7 +151,7 @@ void hand_over(producer* p, ks_worker* worker, const ks_queue* spoke) {
         return;
     }
     worker->idle = 0;
-    p->self->in_transit[worker->index] = fd;
+    p->self->consumers[worker->index].in_transit = fd;
     if (spoke_itself) {
         (void)shutdown(fd, SHUT_RDWR);
         // The echo closes this number once more. The epoll's duplicate keeps it taken until then, so that no descriptor
@@ -246,8 +246,8 @@ void hear_consumer(producer* p, ks_queue* link) {
                       "producer-worker transfer client sockfd fail");
         const size_t index =
             (size_t)(reinterpret_cast<ks_worker*>((char*)link - offsetof(ks_worker, queue)) - p->handle->worker);
-        if (p->self->in_transit[index] == number) {
-            close_and_clear(&p->self->in_transit[index]);
+        if (p->self->consumers[index].in_transit == number) {
+            close_and_clear(&p->self->consumers[index].in_transit);
         }
         return;
     }

@@ -3,6 +3,7 @@
 #include "kservice.h"
 #include "silent_file.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -19,8 +20,11 @@
 #include <linux/fuse.h>
 #include <memory>
 #include <spawn.h>
+#include <sstream>
 #include <string>
+#include <sys/ioctl.h>
 #include <sys/mman.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -37,6 +41,7 @@ using support::make_record;
 using support::memory_file;
 using support::raw_caller;
 using support::service;
+using testing::UnorderedElementsAre;
 
 std::string contents(const descriptor& file) {
     char bytes[4096];
@@ -115,6 +120,18 @@ TEST_F(ConsumerTest, WaitsForDescriptorsThatComeLate) {
     EXPECT_EQ(contents(file), "name|text|extra");
 }
 
+TEST(ConsumerDescriptorTest, WithoutAnExtraDescriptorTheCallbackGetsMinusOne) {
+    for (const unsigned mode : {3U, 5U}) {
+        const service one(mode, 1, [](const char*, ks_io* io, int fd) {
+            support::answer(io, std::to_string(fd));
+            return 0;
+        });
+        std::string reply;
+        ASSERT_EQ(support::call(one.name(), "c", "", &reply), 0U);
+        EXPECT_EQ(reply, "-1") << mode;
+    }
+}
+
 TEST_F(ConsumerTest, OtherFlagBitsPromiseNothing) {
     const raw_caller caller = invited_caller();
     const descriptor file = memory_file();
@@ -151,6 +168,145 @@ TEST_F(ConsumerTest, CallerThatIsGoneWhenInvitedFreesTheConsumer) {
     }
     expect_it_serves();
 }
+
+// A worker that stands still, so that all that a caller does is there when it looks.
+class stopped_worker {
+public:
+    explicit stopped_worker(pid_t pid) : pid_(pid) {
+        kill(pid_, SIGSTOP);
+        siginfo_t info = {};
+        EXPECT_EQ(waitid(P_PID, (id_t)pid_, &info, WSTOPPED | WNOWAIT), 0);
+    }
+    ~stopped_worker() { kill(pid_, SIGCONT); }
+    stopped_worker(const stopped_worker&) = delete;
+    stopped_worker& operator=(const stopped_worker&) = delete;
+
+private:
+    pid_t pid_;
+};
+
+const support::shared<std::atomic<int>> runs;
+int count_runs(const char* command, ks_io* io, int fd) {
+    ++*runs;
+    return echo(command, io, fd);
+}
+
+TEST(ConsumerHangUpTest, CallerThatIsGoneAfterItsRequestIsNotServed) {
+    const service one(3, 1, count_runs);
+    const descriptor file = memory_file("text");
+    *runs = 0;
+    for (int i = 0; i < 5; ++i) {
+        raw_caller caller(one.path());
+        ASSERT_TRUE(caller.invited());
+        const stopped_worker worker(one.handle()->worker[0].id.pid);
+        ASSERT_TRUE(caller.send(make_record(8)) && caller.send_fds({file.get()}));
+        caller.close();
+    }
+    std::string reply;
+    EXPECT_EQ(support::call(one.name(), "c", "", &reply), 0U);
+    EXPECT_EQ(*runs, 1);
+    EXPECT_EQ(contents(file), "text");
+}
+
+// Half of the connection is enough for the reply; ks_io_alive() counts such a caller as gone.
+TEST(ConsumerHangUpTest, CallerThatOnlySaysNothingMoreIsServed) {
+    const service one(3, 1, [](const char*, ks_io* io, int) {
+        ks_reply(io);
+        ks_io_free(io);
+        return 0;
+    });
+    for (int i = 0; i < 5; ++i) {
+        const descriptor file = memory_file("text");
+        const raw_caller caller(one.path());
+        ASSERT_TRUE(caller.invited());
+        {
+            const stopped_worker worker(one.handle()->worker[0].id.pid);
+            ASSERT_TRUE(caller.send(make_record(8, 0, "c")) && caller.send_fds({file.get()}));
+            caller.shut_write();
+        }
+        EXPECT_EQ(caller.receive(), make_record(9));
+    }
+}
+
+void wait_at_the_gate(void* gate) {
+    static_cast<const support::gate*>(gate)->pass();
+}
+
+int bytes_in(int fd) {
+    int count = -1;
+    (void)ioctl(fd, FIONREAD, &count);
+    return count;
+}
+
+// A link that is down in both directions is not read any more, whatever the producer said on it.
+TEST(ConsumerHangUpTest, CallerOnALinkThatHungUpIsNotInvited) {
+    support::gate here;
+    const service one(5, 1, echo, [&](ks_handle* handle) { ks_worker_init(handle, wait_at_the_gate, &here); });
+    ASSERT_TRUE(here.await());
+    const raw_caller caller(one.path());
+    const int* link = one.handle()->worker[0].sockfd;
+    ASSERT_TRUE(eventually([&] { return bytes_in(link[0]) == 260; })) << "the transfer and the descriptor's byte";
+    ASSERT_EQ(shutdown(link[1], SHUT_RDWR), 0);
+    here.open();
+    EXPECT_EQ(caller.receive(), std::nullopt);
+}
+
+// ---- Signals that interrupt a consumer
+
+std::atomic<pid_t> consumer_tid = 0;
+std::atomic<int> interruptions = 0;
+
+TEST(ConsumerSignalTest, InterruptedConsumerGoesOnWaiting) {
+    struct sigaction action = {};
+    action.sa_handler = [](int) { ++interruptions; };
+    sigaction(SIGUSR1, &action, nullptr);
+    const service one(5, 1, echo, [](ks_handle* handle) {
+        ks_worker_init(
+            handle, [](void*) { consumer_tid = gettid(); }, nullptr);
+    });
+    ASSERT_TRUE(eventually([] { return consumer_tid != 0; }));
+    const auto interrupt = [&] {
+        const int before = interruptions;
+        EXPECT_TRUE(eventually([] { return support::is_asleep(consumer_tid); }));
+        pthread_kill(one.handle()->worker[0].id.tid, SIGUSR1);
+        EXPECT_TRUE(eventually([before] { return interruptions > before; }));
+    };
+    for (int i = 0; i < 5; ++i) {
+        interrupt(); // that waits for a caller
+        const descriptor file = memory_file("text");
+        const descriptor extra = memory_file("extra");
+        const raw_caller caller(one.path());
+        ASSERT_TRUE(caller.invited());
+        interrupt(); // that waits for its request
+        ASSERT_TRUE(caller.send(make_record(8, 1, "c")));
+        interrupt(); // that waits for the memory file
+        ASSERT_TRUE(caller.send_fds({file.get()}));
+        interrupt(); // that waits for the extra descriptor
+        ASSERT_TRUE(caller.send_fds({extra.get()}));
+        EXPECT_EQ(caller.receive(), make_record(9));
+        EXPECT_EQ(contents(file), "c|text|extra");
+    }
+    (void)signal(SIGUSR1, SIG_DFL);
+}
+
+TEST(ConsumerSignalTest, InterruptedReadOfTheLinkIsTriedAgain) {
+    EXPECT_EXIT(
+        {
+            support::end_within(std::chrono::seconds(60));
+            support::supervised_calls calls({SYS_recvfrom});
+            const service one(5, 1, echo);
+            int failures = 0;
+            for (int i = 0; i < 5; ++i) {
+                calls.fail_next(SYS_recvfrom, one.handle()->worker[0].sockfd[0], EINTR);
+                std::string reply;
+                failures += support::call(one.name(), "c", "t", &reply) != 0 || reply != "c|t|none" || !calls.done();
+            }
+            _exit(failures);
+        },
+        testing::ExitedWithCode(0), "");
+}
+
+// ---- What callers say instead of a request
 
 // Each type but 8, on the caller's connection: 6 and the stop are the producer's words only.
 TEST_F(ConsumerTest, EveryOtherDirectiveOfACallerDropsIt) {
@@ -494,6 +650,45 @@ TEST(ConsumerChangedFileTest, TruncatingOrGrowingCostsTheServiceNothing) {
     }
 }
 
+// The offset belongs to both. A write past the limit on file sizes raises SIGXFSZ, which ends a process by default.
+TEST(ConsumerChangedFileTest, OffsetPastTheFileSizeLimitCostsTheServiceNothing) {
+    static const support::shared<std::atomic<int>> error;
+    for (const unsigned mode : {3U, 5U}) {
+        EXPECT_EXIT(
+            {
+                support::end_within(std::chrono::seconds(60));
+                (void)signal(SIGXFSZ, SIG_DFL);
+                rlimit size = {};
+                getrlimit(RLIMIT_FSIZE, &size);
+                size.rlim_cur = 1 << 20;
+                setrlimit(RLIMIT_FSIZE, &size);
+                support::gate here;
+                in_hand = &here;
+                const service one(mode, 1, [](const char*, ks_io* io, int) {
+                    ks_io_realloc(io, 0);
+                    in_hand->pass();
+                    *error = ks_io_write(io, "reply", 5) == 5 ? 0 : errno;
+                    ks_reply(io);
+                    ks_io_free(io);
+                    return 0;
+                });
+                const auto serve = [&](off_t offset, const char* expected) {
+                    const raw_caller caller(one.path());
+                    const descriptor file = memory_file("text");
+                    bool good = caller.invited() && caller.send(make_record(8)) && caller.send_fds({file.get()}) &&
+                                here.await() && lseek(file.get(), offset, SEEK_SET) == offset;
+                    here.open();
+                    good = good && caller.receive() == make_record(9) && contents(file) == expected;
+                    return good;
+                };
+                const bool lost = serve((off_t)1 << 40, "") && *error == EFBIG;
+                _exit(lost && serve(0, "reply") && *error == 0 ? 0 : 1);
+            },
+            testing::ExitedWithCode(0), "")
+            << mode;
+    }
+}
+
 // ---- What the callback gets
 
 int who(const char* command, ks_io* io, int) {
@@ -528,7 +723,27 @@ TEST(ConsumerCallbackTest, CredentialsAreThoseOfTheConnection) {
     EXPECT_EQ(status, 0);
 }
 
+// The value of a variable; with "count" the number of all, with "all" all of them, which are changed afterwards, as a
+// callback may.
 int tell_environment(const char* command, ks_io* io, int) {
+    std::string text;
+    int count = 0;
+    for (char** each = environ; each != nullptr && *each != nullptr; ++each) {
+        text += std::string(*each) + "\n";
+        ++count;
+    }
+    if (strcmp(command, "count") == 0) {
+        support::answer(io, std::to_string(count));
+        return 0;
+    }
+    if (strcmp(command, "all") == 0) {
+        setenv("KS_SET", "by the callback", 1);
+        setenv("KS_THEIRS", "by the callback", 1);
+        static char put[] = "KS_PUT=by the callback";
+        putenv(put);
+        support::answer(io, text);
+        return 0;
+    }
     const char* value = getenv(command);
     support::answer(io, value == nullptr ? "(unset)" : value);
     return 0;
@@ -574,6 +789,75 @@ TEST(ConsumerEnvironmentTest, ProcessConsumerAdoptsTheCallersEnvironment) {
     EXPECT_EQ(reply_to_a_caller_with({"KS_OTHER=1"}, one.name(), "KS_THEIRS"), "(unset)");
     EXPECT_EQ(reply_to_a_caller_with({}, one.name(), "KS_OTHER"), "(unset)");
     EXPECT_STREQ(getenv("KS_OURS"), "ours");
+}
+
+TEST(ConsumerEnvironmentTest, AdoptedWithEachNameOnceAndNothingElse) {
+    const service one(3, 1, tell_environment);
+    const auto all = [&one](const std::vector<std::string>& environment) {
+        std::istringstream text(reply_to_a_caller_with(environment, one.name(), "all"));
+        std::vector<std::string> lines;
+        for (std::string line; std::getline(text, line);) {
+            lines.push_back(line);
+        }
+        return lines;
+    };
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_THAT(all({"KS_THEIRS=1", "KS_B=2", "KS_THEIRS=3", "=nameless", "==", "junk", "", "KS_THEIR=4",
+                         "KS_B==", "KS_EMPTY=", "KS_THEIRSX=5"}),
+                    UnorderedElementsAre("KS_THEIRS=3", "KS_THEIR=4", "KS_B==", "KS_EMPTY=", "KS_THEIRSX=5"));
+        EXPECT_THAT(all({"KS_SAME=1", "KS_SAME=2", "KS_SAME=3"}), UnorderedElementsAre("KS_SAME=3"));
+        EXPECT_THAT(all({"junk"}), UnorderedElementsAre());
+        EXPECT_THAT(all({}), UnorderedElementsAre());
+    }
+}
+
+// Each name twice, and more than one read of the file brings.
+TEST(ConsumerEnvironmentTest, LargeOnesAreAdoptedWhole) {
+    const service one(3, 1, tell_environment);
+    std::vector<std::string> many;
+    for (int i = 0; i < 20000; ++i) {
+        many.push_back("KS_" + std::to_string(i % 10000) + "=" + std::to_string(i));
+    }
+    EXPECT_EQ(reply_to_a_caller_with(many, one.name(), "count"), "10000");
+    EXPECT_EQ(reply_to_a_caller_with(many, one.name(), "KS_0"), "10000");
+    EXPECT_EQ(reply_to_a_caller_with(many, one.name(), "KS_4321"), "14321");
+    EXPECT_EQ(reply_to_a_caller_with(many, one.name(), "KS_9999"), "19999");
+}
+
+// Where a thread of the program is inside setenv(), which keeps a lock of the C library while it looks through the
+// environment: one entry lies in a page that cannot be read.
+char* unreadable_page = nullptr;
+support::gate* inside_setenv = nullptr;
+void wait_inside_setenv(int) {
+    inside_setenv->pass();
+    mprotect(unreadable_page, 4096, PROT_READ | PROT_WRITE);
+}
+
+TEST(ConsumerEnvironmentTest, AdoptedByAWorkerThatStartedWhileSetenvWasUnderWay) {
+    EXPECT_EXIT(
+        {
+            support::end_within(std::chrono::seconds(60));
+            support::gate here;
+            inside_setenv = &here;
+            void* page = mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+            unreadable_page = static_cast<char*>(page);
+            strcpy(unreadable_page, "KS_PAGE=1");
+            putenv(unreadable_page);
+            const service one(3, 1, tell_environment);
+            mprotect(page, 4096, PROT_NONE);
+            (void)signal(SIGSEGV, wait_inside_setenv);
+            std::thread setter([] { setenv("KS_NOT_THERE_YET", "1", 1); }); // looks at every entry
+            bool good = here.await();
+            const pid_t worker = one.handle()->worker[0].id.pid;
+            siginfo_t info = {};
+            good = good && kill(worker, SIGKILL) == 0 &&
+                   waitid(P_PID, (id_t)worker, &info, WEXITED | WNOWAIT) == 0; // leaves the status to the producer
+            const std::string reply = reply_to_a_caller_with({"KS_THEIRS=1"}, one.name(), "KS_THEIRS");
+            here.open();
+            setter.join();
+            _exit(good && reply == "1" ? 0 : 1);
+        },
+        testing::ExitedWithCode(0), "");
 }
 
 TEST(ConsumerEnvironmentTest, ThreadConsumerKeepsItsOwn) {

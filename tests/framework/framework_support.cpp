@@ -8,10 +8,12 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <filesystem>
+#include <fstream>
 #include <linux/filter.h>
 #include <linux/seccomp.h>
 #include <poll.h>
 #include <stdexcept>
+#include <sys/ioctl.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
@@ -20,12 +22,12 @@
 #include <sys/syscall.h>
 #include <sys/un.h>
 #include <unistd.h>
+#include <utility>
 
-// Process workers are forked from threads. And services are stopped by signal handlers, which with KS_STANDALONE frees
-// the worker table there: the tests see to it that no allocation is interrupted.
+// Process workers are forked from threads.
 extern "C" const char* __tsan_default_options(); // NOLINT(bugprone-reserved-identifier): the sanitizer's name for it
 extern "C" const char* __tsan_default_options() {
-    return "die_after_fork=0:report_signal_unsafe=0";
+    return "die_after_fork=0";
 }
 
 namespace support {
@@ -347,6 +349,41 @@ void gate::open(size_t n) const {
     }
 }
 
+void end_within(std::chrono::seconds limit) {
+    std::thread([limit] {
+        std::this_thread::sleep_for(limit);
+        _exit(99);
+    }).detach();
+}
+
+namespace {
+
+// Installs the filter; returns what seccomp(2) does. Without the thread synchronisation flag it holds for this thread
+// and for what it starts.
+long install(std::vector<sock_filter> filter, unsigned flags) {
+    sock_fprog program = {(unsigned short)filter.size(), filter.data()};
+    long result = -1;
+    if (prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0) {
+        result = syscall(SYS_seccomp, SECCOMP_SET_MODE_FILTER, flags, &program);
+    }
+    if (result < 0) {
+        throw std::runtime_error("seccomp");
+    }
+    return result;
+}
+
+std::vector<sock_filter> filter_of(const std::vector<long>& numbers, unsigned action) {
+    std::vector<sock_filter> filter = {BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr))};
+    for (const long number : numbers) {
+        filter.push_back(BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, (unsigned)number, 0, 1));
+        filter.push_back(BPF_STMT(BPF_RET | BPF_K, action));
+    }
+    filter.push_back(BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW));
+    return filter;
+}
+
+} // namespace
+
 void fail_system_call(long number, int error, long argument) {
     const auto code = (unsigned)number;
     const unsigned low_word = offsetof(seccomp_data, args) + sizeof(uint64_t);
@@ -360,11 +397,49 @@ void fail_system_call(long number, int error, long argument) {
     }
     filter.push_back(BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | ((unsigned)error & SECCOMP_RET_DATA)));
     filter.push_back(BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW));
-    sock_fprog program = {(unsigned short)filter.size(), filter.data()};
-    if (prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0 ||
-        syscall(SYS_seccomp, SECCOMP_SET_MODE_FILTER, SECCOMP_FILTER_FLAG_TSYNC, &program) != 0) {
-        throw std::runtime_error("seccomp");
+    (void)install(std::move(filter), SECCOMP_FILTER_FLAG_TSYNC);
+}
+
+supervised_calls::supervised_calls(const std::vector<long>& numbers)
+    : listener_((int)install(filter_of(numbers, SECCOMP_RET_USER_NOTIF), SECCOMP_FILTER_FLAG_NEW_LISTENER)) {
+    std::thread([this] { supervise(); }).detach();
+}
+
+void supervised_calls::fail_next(long number, int fd, int error) {
+    number_ = number;
+    fd_ = fd;
+    error_ = error;
+}
+
+// Makes none of the supervised calls itself.
+void supervised_calls::supervise() {
+    for (;;) {
+        seccomp_notif call = {};
+        if (ioctl(listener_, SECCOMP_IOCTL_NOTIF_RECV, &call) != 0) {
+            continue; // the caller was interrupted meanwhile
+        }
+        seccomp_notif_resp answer = {};
+        answer.id = call.id;
+        answer.flags = SECCOMP_USER_NOTIF_FLAG_CONTINUE;
+        if (error_ != 0 && call.data.nr == number_ && (int)call.data.args[0] == fd_) {
+            answer.flags = 0;
+            answer.error = -error_;
+            error_ = 0;
+        }
+        (void)ioctl(listener_, SECCOMP_IOCTL_NOTIF_SEND, &answer);
     }
+}
+
+void trap_system_call(long number) {
+    (void)install(filter_of({number}, SECCOMP_RET_TRAP), 0);
+}
+
+bool is_asleep(pid_t tid) {
+    std::ifstream file("/proc/self/task/" + std::to_string(tid) + "/stat");
+    std::string text;
+    std::getline(file, text);
+    const size_t name_end = text.rfind(')');
+    return name_end != std::string::npos && text.compare(name_end, 3, ") S") == 0;
 }
 
 } // namespace support

@@ -8,6 +8,7 @@
 #include "kservice.h"
 
 #include <array>
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <functional>
@@ -172,8 +173,40 @@ private:
     shared<semaphores> both_;
 };
 
+/// Ends the process with status 99 if it still lives after that time, whatever its threads wait for and whatever
+/// signals they block. For death tests.
+void end_within(std::chrono::seconds limit);
+
 /// From here on system call `number` fails with `error` in all threads. With `argument` >= 0 only
 /// calls whose second argument equals it. Not to be undone: for death tests.
 void fail_system_call(long number, int error, long argument = -1);
+
+/// Decides about the system calls that this thread, and the threads and processes it starts from here on, make: all go
+/// on but those that shall fail. Not to be undone: for death tests.
+class supervised_calls {
+public:
+    explicit supervised_calls(const std::vector<long>& numbers);
+    supervised_calls(const supervised_calls&) = delete;
+    supervised_calls& operator=(const supervised_calls&) = delete;
+
+    /// The next call of `number` with `fd` as its first argument fails with `error`.
+    void fail_next(long number, int fd, int error);
+    /// Whether that has happened.
+    bool done() const { return error_ == 0; }
+
+private:
+    void supervise();
+
+    int listener_;
+    std::atomic<long> number_ = 0;
+    std::atomic<int> fd_ = 0;
+    std::atomic<int> error_ = 0;
+};
+
+/// From here on this thread's system call `number` raises SIGSYS where it would be made. Not to be undone.
+void trap_system_call(long number);
+
+/// Whether thread `tid` of this process is asleep in the kernel.
+bool is_asleep(pid_t tid);
 
 } // namespace support

@@ -14,7 +14,9 @@
 #include <string>
 #include <sys/prctl.h>
 #include <sys/resource.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
@@ -324,12 +326,14 @@ TEST(ServiceTest, PausedByThePauseAndNotByAnEarlierStop) {
     support::restore_stdin();
 }
 
-TEST(ServiceTest, StartIgnoresBrokenPipes) {
-    (void)signal(SIGPIPE, SIG_DFL);
-    const service one(5, 1, echo);
-    struct sigaction action = {};
-    sigaction(SIGPIPE, nullptr, &action);
-    EXPECT_EQ(action.sa_handler, SIG_IGN);
+TEST(ServiceTest, StartIgnoresBrokenPipesAndFileSizeLimits) {
+    for (const int signum : {SIGPIPE, SIGXFSZ}) {
+        (void)signal(signum, SIG_DFL);
+        const service one(5, 1, echo);
+        struct sigaction action = {};
+        sigaction(signum, nullptr, &action);
+        EXPECT_EQ(action.sa_handler, SIG_IGN) << signum;
+    }
 }
 
 struct marks {
@@ -447,6 +451,7 @@ TEST(ServiceStopTest, StopDoesNotWaitForASilentInvitedCaller) {
 }
 
 volatile sig_atomic_t inside_start = 0;
+volatile sig_atomic_t stops_returned = 0;
 void stop_it(int) {
     if (inside_start != 0) {
         ks_stop(signalled);
@@ -525,6 +530,127 @@ TEST(ServiceStopTest, StopFromASignalToTheProcessWhicheverThreadTakesIt) {
         }
     }
     (void)signal(SIGUSR1, SIG_DFL);
+}
+
+void stop_signalled(int) {
+    ks_stop(signalled);
+    stops_returned = stops_returned + 1;
+}
+
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__) // with allocators of their own
+// The allocator asks the kernel for more (brk(2)) with its lock held, and just there the signal comes: neither the
+// handler nor what it waits for may need that lock. The workers are so many that their table and stacks are not kept
+// in the small stores of a thread, which need none.
+TEST(ServiceStopTest, StopFromASignalHandlerInsideTheAllocator) {
+    for (const unsigned mode : {3U, 5U}) {
+        const support::temp_dir dir;
+        const std::string name = "@" + dir.file("s");
+        EXPECT_EXIT(
+            {
+                support::end_within(std::chrono::seconds(60));
+                signalled = ks_create(name.c_str(), mode, 40, echo);
+                ks_start(signalled);
+                (void)signal(SIGSYS, stop_signalled);
+                support::trap_system_call(SYS_brk);
+                for (int i = 0; stops_returned == 0 && i < 10000; ++i) {
+                    void* volatile more = malloc(60000); // or the compiler does without it
+                    (void)more;
+                }
+                const bool stopped = __atomic_load_n(&signalled->worker, __ATOMIC_ACQUIRE) == nullptr;
+                ks_free(signalled);
+                _exit(stops_returned == 1 && stopped && !exists(dir.file("s")) ? 0 : 1);
+            },
+            testing::ExitedWithCode(0), "")
+            << mode;
+    }
+}
+#endif
+
+ks_handle* inner = nullptr;
+void start_inner(int) {
+    ks_start(inner);
+}
+
+// A thread can serve one service while a handler on it serves another. Stopping the outer one there cannot wait for it.
+TEST(ServiceStopTest, StopOfTheOuterServiceOnAThreadThatServesTwo) {
+    const support::temp_dir dir;
+    const std::string outer_name = "@" + dir.file("outer");
+    const std::string inner_name = "@" + dir.file("inner");
+    EXPECT_EXIT(
+        {
+            support::end_within(std::chrono::seconds(60));
+            signalled = ks_create(outer_name.c_str(), 4, 1, echo);
+            inner = ks_create(inner_name.c_str(), 4, 1, echo);
+            (void)signal(SIGUSR1, start_inner);
+            (void)signal(SIGUSR2, stop_signalled);
+            std::atomic<pid_t> tid = 0;
+            std::thread runner([&tid] {
+                tid = gettid();
+                ks_start(signalled);
+            });
+            const auto serves = [&tid](const std::string& name) {
+                return eventually([&] {
+                    std::string reply;
+                    return support::call(name.c_str(), "c", "", &reply) == 0 && support::is_asleep(tid);
+                });
+            };
+            bool good = serves(outer_name);
+            pthread_kill(runner.native_handle(), SIGUSR1);
+            good = good && serves(inner_name);
+            pthread_kill(runner.native_handle(), SIGUSR2);
+            good = good && eventually([] { return stops_returned == 1; });
+            ks_stop(inner);
+            runner.join();
+            good = good && signalled->worker == nullptr && !exists(dir.file("outer"));
+            ks_free(signalled);
+            ks_free(inner);
+            _exit(good ? 0 : 1);
+        },
+        testing::ExitedWithCode(0), "");
+}
+
+// The producer's loop ends when a link does. What is left of such a run is the next ks_stop()'s.
+TEST(ServiceStopTest, StopOfARunThatEndedByItself) {
+    const support::temp_dir dir;
+    const std::string path = dir.file("s");
+    const std::string name = "@" + path;
+    ks_handle* handle = ks_create(name.c_str(), 5, 2, echo);
+    for (int round = 0; round < 2; ++round) {
+        const auto before = support::open_descriptors();
+        ks_start(handle);
+        ASSERT_EQ(shutdown(handle->worker[0].sockfd[0], SHUT_RDWR), 0);
+        EXPECT_TRUE(eventually([&] { return support::open_descriptors() == before; })) << "all is closed";
+        EXPECT_FALSE(support::raw_caller(path).connected());
+        EXPECT_NE(__atomic_load_n(&handle->worker, __ATOMIC_ACQUIRE), nullptr);
+        EXPECT_EQ(handle->stopping, 0);
+        EXPECT_TRUE(exists(path));
+        ks_stop(handle);
+        EXPECT_EQ(handle->worker, nullptr);
+        EXPECT_EQ(handle->stopping, 1);
+        EXPECT_EQ(handle->paused, 1);
+        EXPECT_FALSE(exists(path));
+        EXPECT_FALSE(is_open(0)) << "KEPT";
+        support::restore_stdin();
+    }
+    ks_free(handle);
+    EXPECT_TRUE(is_open(0));
+}
+
+TEST(ServiceStopTest, LinkThatHangsUpLetsStartReturn) {
+    const support::temp_dir dir;
+    const std::string path = dir.file("s");
+    const std::string name = "@" + path;
+    ks_handle* handle = ks_create(name.c_str(), 4, 2, echo);
+    std::thread runner([handle] { ks_start(handle); });
+    ASSERT_TRUE(eventually([&] {
+        std::string reply;
+        return support::call(name.c_str(), "c", "", &reply) == 0;
+    }));
+    ASSERT_EQ(shutdown(handle->worker[1].sockfd[0], SHUT_RDWR), 0);
+    runner.join();
+    EXPECT_EQ(handle->worker, nullptr);
+    EXPECT_EQ(handle->stopping, 0) << "nobody has stopped it";
+    ks_free(handle);
 }
 
 pid_t only_worker(const ks_handle* handle) {
@@ -607,6 +733,73 @@ TEST(ServiceProcessTest, WorkersInheritOnlyTheStandardStreamsAndTheLink) {
     std::string reply;
     ASSERT_EQ(support::call(one.name(), "c", "", &reply), 0U);
     EXPECT_EQ(reply, "0 1 2 3 4 link");
+}
+
+int tell_descriptors(const char*, ks_io* io, int) {
+    rlimit room = {};
+    getrlimit(RLIMIT_NOFILE, &room);
+    room.rlim_cur = room.rlim_max;
+    setrlimit(RLIMIT_NOFILE, &room); // for the look itself
+    std::string text;
+    for (const int fd : support::open_descriptors()) {
+        text += fd == io->sockfd || fd == io->memfd ? "" : std::to_string(fd) + " ";
+    }
+    support::answer(io, text);
+    return 0;
+}
+
+// As on a kernel before 5.9. The limit is lower than one of the descriptors, and all numbers below it are taken.
+TEST(ServiceProcessTest, WorkersInheritNothingMoreWithoutCloseRange) {
+    const support::temp_dir dir;
+    const std::string name = "@" + dir.file("s");
+    EXPECT_EXIT(
+        {
+            const support::descriptor high(fcntl(0, F_DUPFD, 200));
+            support::fail_system_call(SYS_close_range, ENOSYS);
+            ks_handle* handle = ks_create(name.c_str(), 3, 1, tell_descriptors);
+            rlimit before = {};
+            getrlimit(RLIMIT_NOFILE, &before);
+            std::vector<support::descriptor> taken; // as many as the listening socket, the epoll and the link will be
+            for (int i = 0; i < 4; ++i) {
+                taken.emplace_back(dup(0));
+            }
+            rlimit tight = before;
+            tight.rlim_cur = (rlim_t)taken.back().get() + 1;
+            taken.clear();
+            setrlimit(RLIMIT_NOFILE, &tight);
+            ks_start(handle);
+            setrlimit(RLIMIT_NOFILE, &before);
+            std::string reply;
+            const unsigned code = support::call(name.c_str(), "c", "", &reply);
+            fprintf(stderr, "%u, descriptors %s", code, reply.c_str());
+            ks_free(handle);
+            _exit(0);
+        },
+        testing::ExitedWithCode(0), testing::Eq("0, descriptors 0 1 2 3 4 "));
+}
+
+// A routed signal can reach a worker too, and any thread that its callback has made.
+TEST(ServiceProcessTest, StopInAWorkerLeavesTheServiceAlone) {
+    (void)signal(SIGUSR1, stop_signalled);
+    for (const unsigned mode : {2U, 3U}) {
+        const service one(
+            mode, 1,
+            [](const char*, ks_io* io, int) {
+                const sig_atomic_t before = stops_returned;
+                raise(SIGUSR1);
+                std::thread([] { raise(SIGUSR1); }).join();
+                support::answer(io, std::to_string(stops_returned - before) + (is_open(0) ? " open" : " closed"));
+                return 0;
+            },
+            [](ks_handle* handle) { signalled = handle; });
+        for (int i = 0; i < 3; ++i) {
+            std::string reply;
+            EXPECT_EQ(support::call(one.name(), "c", "", &reply), 0U) << mode;
+            EXPECT_EQ(reply, "2 open") << mode;
+            EXPECT_TRUE(exists(one.path())) << mode;
+        }
+    }
+    (void)signal(SIGUSR1, SIG_DFL);
 }
 
 } // namespace
