@@ -35,7 +35,7 @@ program run(const std::string& command) {
 }
 
 TEST(SharedLibraryTest, CProgramServesAndCallsThroughIt) {
-    const program client = run(C_CLIENT " 2>&1");
+    const program client = run("'" C_CLIENT "' 2>&1");
     EXPECT_EQ(client.status, 0) << client.output;
     EXPECT_EQ(client.output, "served\n");
 }
@@ -55,7 +55,7 @@ std::set<std::string> names_in_the_header() {
 }
 
 TEST(SharedLibraryTest, ExportsExactlyTheNamesOfTheHeader) {
-    const program nm = run(NM " -D --defined-only " SHARED_LIBRARY);
+    const program nm = run("'" NM "' -D --defined-only '" SHARED_LIBRARY "'");
     ASSERT_EQ(nm.status, 0);
     std::set<std::string> exported;
     std::istringstream lines(nm.output);
@@ -72,7 +72,7 @@ TEST(SharedLibraryTest, ExportsExactlyTheNamesOfTheHeader) {
 
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
 TEST(SharedLibraryTest, NeedsNothingOfTheCxxLibrary) {
-    const program nm = run(NM " -D --undefined-only " SHARED_LIBRARY);
+    const program nm = run("'" NM "' -D --undefined-only '" SHARED_LIBRARY "'");
     ASSERT_EQ(nm.status, 0);
     EXPECT_EQ(nm.output.find("_Z"), std::string::npos) << nm.output;
     EXPECT_EQ(nm.output.find("GLIBCXX"), std::string::npos) << nm.output;
