@@ -17,9 +17,14 @@
 
 namespace {
 
+using testing::AllOf;
+using testing::Contains;
+using testing::Each;
 using testing::ElementsAreArray;
 using testing::HasSubstr;
 using testing::IsEmpty;
+using testing::MatchesRegex;
+using testing::Not;
 using testing::StartsWith;
 
 constexpr const char* kMain = "VexHubServer-vexprod";
@@ -39,10 +44,15 @@ std::vector<std::string> lines_of(const std::string& text) {
     return lines;
 }
 
-// What the document says, as the list prints it: "main NAME SUMMARY", less the blanks that make columns.
-std::vector<std::string> documented_lines() {
+struct documented_command {
+    std::string section;
+    std::string name;
+    std::string summary;
+};
+
+std::vector<documented_command> documented_commands() {
     std::ifstream document(COMMANDS_DOCUMENT);
-    std::vector<std::string> found;
+    std::vector<documented_command> found;
     std::string section;
     for (std::string line; std::getline(document, line);) {
         if (line == "## Main service: `VexHubServer-vexprod`") {
@@ -53,37 +63,28 @@ std::vector<std::string> documented_lines() {
             std::string summary;
             std::getline(document, summary); // the empty line
             std::getline(document, summary);
-            const std::string name = line.substr(5, line.size() - 6);
-            found.push_back(std::string(section).append(" ").append(name).append(" ").append(summary));
+            found.push_back({section, line.substr(5, line.size() - 6), summary});
         }
     }
     return found;
 }
 
-std::vector<std::string> printed_lines(const std::string& text) {
-    std::vector<std::string> lines = lines_of(text);
-    for (std::string& line : lines) {
-        const auto both_blank = [](char left, char right) { return left == ' ' && right == ' '; };
-        line.erase(std::unique(line.begin(), line.end(), both_blank), line.end());
+TEST(KsctlCommandsTest, PrintsTheDocumentsCommandsAndSummariesInItsOrderAndInColumns) {
+    const std::vector<documented_command> documented = documented_commands();
+    std::size_t width = 0;
+    for (const documented_command& each : documented) {
+        width = std::max(width, each.name.size());
     }
-    return lines;
-}
-
-TEST(KsctlCommandsTest, PrintsTheDocumentsCommandsAndSummariesInItsOrder) {
+    std::vector<std::string> expected;
+    for (documented_command each : documented) {
+        each.name.resize(width, ' ');
+        expected.push_back(each.section.append("  ").append(each.name).append("  ").append(each.summary));
+    }
     const finished list = ksctl({"commands"});
     EXPECT_EQ(list.status, 0) << list.err;
     EXPECT_THAT(list.err, IsEmpty());
-    EXPECT_THAT(printed_lines(list.out), ElementsAreArray(documented_lines()));
-    EXPECT_EQ(lines_of(list.out).size(), 50U);
-}
-
-TEST(KsctlCommandsTest, PrintsColumns) {
-    const std::vector<std::string> list = lines_of(ksctl({"commands"}).out);
-    ASSERT_EQ(list.size(), 50U);
-    EXPECT_EQ(list[0], "main  test                                   Tells that the main service answers.");
-    EXPECT_EQ(list[18], "main  system_call_cloud_analysis_unregister  Takes a provider out of the cloud analysis.");
-    EXPECT_EQ(list[49],
-              "mail  sendmail                               Gives a prepared mail to the host's mail program.");
+    EXPECT_THAT(lines_of(list.out), ElementsAreArray(expected));
+    EXPECT_THAT(lines_of(list.out), Contains(MatchesRegex("main  test +Tells that the main service answers\\.")));
 }
 
 TEST(KsctlCommandsTest, PrintsOneServicesCommandsAsTheyStandInTheWholeList) {
@@ -91,8 +92,8 @@ TEST(KsctlCommandsTest, PrintsOneServicesCommandsAsTheyStandInTheWholeList) {
     const finished mail = ksctl({"commands", "--service", "mail"});
     EXPECT_EQ(main.status, 0);
     EXPECT_EQ(mail.status, 0);
-    EXPECT_EQ(lines_of(main.out).size(), 48U);
-    EXPECT_EQ(lines_of(mail.out).size(), 2U);
+    EXPECT_THAT(lines_of(main.out), AllOf(Not(IsEmpty()), Each(StartsWith("main  "))));
+    EXPECT_THAT(lines_of(mail.out), AllOf(Not(IsEmpty()), Each(StartsWith("mail  "))));
     EXPECT_EQ(main.out + mail.out, ksctl({"commands"}).out);
 }
 
