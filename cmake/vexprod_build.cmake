@@ -7,6 +7,7 @@ include(GoogleTest)
 option(VEXPROD_WERROR "Treat warnings as errors" ON)
 option(VEXPROD_BENCH "Build the benchmarks" ON)
 option(VEXPROD_COVERAGE "Instrument for gcov" OFF)
+set(VEXPROD_DEBUG_SOURCES "${PROJECT_SOURCE_DIR}" CACHE PATH "Where debuggers shall look for the sources")
 set(VEXPROD_SANITIZE "" CACHE STRING "Sanitizers, as for -fsanitize= (address,undefined or thread)")
 
 set(CMAKE_C_STANDARD 11)
@@ -21,10 +22,13 @@ set(CMAKE_ARCHIVE_OUTPUT_DIRECTORY "${CMAKE_BINARY_DIR}/lib")
 
 find_program(VEXPROD_CCACHE ccache)
 if(VEXPROD_CCACHE)
-    set(CMAKE_C_COMPILER_LAUNCHER "${VEXPROD_CCACHE}")
-    set(CMAKE_CXX_COMPILER_LAUNCHER "${VEXPROD_CCACHE}")
+    # Relative paths below the project, but not in messages: what one clone has compiled serves another, if both name the
+    # same VEXPROD_DEBUG_SOURCES.
+    set(CMAKE_C_COMPILER_LAUNCHER env "CCACHE_BASEDIR=${PROJECT_SOURCE_DIR}" CCACHE_ABSSTDERR=1 "${VEXPROD_CCACHE}")
+    set(CMAKE_CXX_COMPILER_LAUNCHER ${CMAKE_C_COMPILER_LAUNCHER})
 endif()
 
+add_compile_options("-fdebug-prefix-map=${PROJECT_SOURCE_DIR}=${VEXPROD_DEBUG_SOURCES}")
 add_compile_options(-Wall -Wextra -Wpedantic -Wshadow -Wconversion -fno-omit-frame-pointer)
 if(VEXPROD_WERROR)
     add_compile_options(-Werror)

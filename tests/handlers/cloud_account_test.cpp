@@ -103,9 +103,9 @@ TEST_F(CloudAccountTest, AToolThatIsNotThereIsAFailureOfTheHandler) {
 TEST_F(CloudAccountTest, AFileThatCannotBeRemovedIsTraced) {
     for (const encoded_case& each : encoded_cases()) {
         forget_log();
-        programs.replace_by_script(each.tool, "/bin/rm -f /tmp/vexprod-*");
+        programs.replace_by_script(each.tool, kRemoveKeptFiles);
         EXPECT_EQ(ask(each.handler, each.request), "{\"cli_ret\":0,\"result\":0,\"result_out\":\"\"}\n") << each.name;
-        programs.replace_by_script(each.tool, "/bin/rm -f /tmp/vexprod-*; exit 3");
+        programs.replace_by_script(each.tool, std::string(kRemoveKeptFiles) + "; exit 3");
         EXPECT_EQ(ask(each.handler, each.request), failure(each.name));
         const std::string trace =
             std::string("\\[") + each.name + "\\]\\[N\\] remove tmpfile:\\[/tmp/vexprod-[A-Za-z0-9]+\\] fail\\.";
@@ -167,7 +167,7 @@ TEST_F(CloudAccountTest, NoSecretReachesTheLog) {
     const char* request = R"({"client_id":"id-7","client_secret":"hush-7","access_token":"tok-7"})";
     auth_tool.exits(1);
     (void)ask(hos_system_call_cloud_get_access_token_handler, request);
-    programs.replace_by_script("/usr/local/bin/nimbo_auth_tool", "/bin/rm -f /tmp/vexprod-*");
+    programs.replace_by_script("/usr/local/bin/nimbo_auth_tool", kRemoveKeptFiles);
     (void)ask(hos_system_call_cloud_get_access_token_handler, request);
     (void)ask(hos_system_call_cloud_get_access_token_handler, R"({"client_secret":"hush-7","access_token":"tok-7")");
     EXPECT_THAT(log(), testing::HasSubstr("remove tmpfile"));

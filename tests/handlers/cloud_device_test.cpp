@@ -23,8 +23,8 @@ protected:
 };
 
 TEST_F(CloudDeviceTest, TheDeviceHandlersRemoveTheirFileWithoutATrace) {
-    programs.replace_by_script("/usr/local/bin/nimbo_device_tool", "/bin/rm -f /tmp/vexprod-*");
-    programs.replace_by_script("/sbin/board_serial", "/bin/rm -f /tmp/vexprod-*");
+    programs.replace_by_script("/usr/local/bin/nimbo_device_tool", kRemoveKeptFiles);
+    programs.replace_by_script("/sbin/board_serial", kRemoveKeptFiles);
     EXPECT_EQ(ask(hos_system_call_cloud_get_device_list_handler), "{\"device_list\":\"\",\"result\":0}\n");
     EXPECT_EQ(ask(hos_system_call_cloud_get_device_info_handler), "{\"device_info\":\"\",\"result\":0}\n");
     EXPECT_EQ(ask(hos_system_call_cloud_get_device_status_handler), "{\"device_status\":\"\",\"result\":0}\n");

@@ -96,10 +96,10 @@ TEST_F(CloudTunnelTest, AToolThatFailsIsAFailureOfTheHandler) {
 }
 
 TEST_F(CloudTunnelTest, AFileThatCannotBeRemovedIsTraced) {
-    programs.replace_by_script(tool.path(), "/bin/rm -f /tmp/vexprod-*");
+    programs.replace_by_script(tool.path(), kRemoveKeptFiles);
     EXPECT_EQ(ask(hos_system_call_cloud_ncm_tunnel_agent_handler, request("get_url")),
               "{\"cli_ret\":0,\"result\":0,\"result_out\":\"\"}\n");
-    programs.replace_by_script(tool.path(), "/bin/rm -f /tmp/vexprod-*; exit 3");
+    programs.replace_by_script(tool.path(), std::string(kRemoveKeptFiles) + "; exit 3");
     EXPECT_EQ(ask(hos_system_call_cloud_ncm_tunnel_agent_handler, request("get_url")),
               failure("hos_system_call_cloud_ncm_tunnel_agent_handler"));
     EXPECT_THAT(logged(), testing::AllOf(testing::SizeIs(2),

@@ -55,6 +55,9 @@ protected:
         return messages.empty() ? "" : messages.back();
     }
 
+    /// A tool's script that removes the temporary files, and files only: the project may be a folder of such a name.
+    static constexpr const char* kRemoveKeptFiles = "/usr/bin/find /tmp -maxdepth 1 -type f -name 'vexprod-*' -delete";
+
     /// The temporary files that are there.
     static strings kept_files() {
         strings found;

@@ -98,12 +98,12 @@ TEST_F(EventsSystemTest, TheHostsProgramForPostingIsUnderstood) {
     ASSERT_TRUE(daemon.serves());
     const notify_listener listener;
     const char* command_lines[] = {
-        POST_EVENT
-        " log --time 5 --level -2 --user alice --source-ip 192.0.2.7 --source-name desk --content 'door open'",
-        POST_EVENT
-        " conn --time 5 --level 1 --user bob --source-ip ::1 --source-name gate --content login --serv 3 --action 4",
-        POST_EVENT " notify --type 7 --action -8 --flag 1 --extra 'volume 1'",
-        POST_EVENT " log --time 6 --count 30 --wait",
+        "'" POST_EVENT
+        "' log --time 5 --level -2 --user alice --source-ip 192.0.2.7 --source-name desk --content 'door open'",
+        "'" POST_EVENT
+        "' conn --time 5 --level 1 --user bob --source-ip ::1 --source-name gate --content login --serv 3 --action 4",
+        "'" POST_EVENT "' notify --type 7 --action -8 --flag 1 --extra 'volume 1'",
+        "'" POST_EVENT "' log --time 6 --count 30 --wait",
     };
     size_t expected = 0;
     for (const char* line : command_lines) {
@@ -122,7 +122,7 @@ TEST_F(EventsSystemTest, TheHostsProgramForPostingIsUnderstood) {
     EXPECT_THAT(requests[2].second, testing::StartsWith(R"({"evbus_action":-8,"evbus_extra_info":"volume 1",)"));
     EXPECT_THAT(requests.back().second, HasSubstr(R"("time":"6029")"));
     stops_within(&daemon, seconds(5));
-    EXPECT_NE(std::system(POST_EVENT " log 2>/dev/null"), 0) << "without the queue";
+    EXPECT_NE(std::system("'" POST_EVENT "' log 2>/dev/null"), 0) << "without the queue";
 }
 
 // What producer `who` posts as its record `number`: a bit of everything.
