@@ -112,6 +112,8 @@ void end_run(service* self) {
     service::consumer* const consumers = self->consumers;
     const size_t count = handle->service_size;
     const bool threads = (handle->mode & KS_PTHREAD_MODE) != 0;
+    close_and_clear(&table[count].sockfd[1]); // first: whoever calls from now on is refused, and does not wait in vain
+    close_and_clear(&table[count].pollfd);
     for (size_t i = 0; i < count; ++i) {
         (void)send_directive(table[i].sockfd[1], make_directive(KS_DIRECTIVE_STOP)); // fails when it is gone already
     }
@@ -132,8 +134,6 @@ void end_run(service* self) {
         close_and_clear(&table[i].pollfd);
         close_and_clear(&consumers[i].in_transit);
     }
-    close_and_clear(&table[count].sockfd[1]);
-    close_and_clear(&table[count].pollfd);
     {
         locked guard(self);
         // One that ended by itself in a thread of its own keeps its table until it is stopped.

@@ -538,6 +538,18 @@ TEST_F(AbortDeathTest, ShortDirectiveOfAConsumer) {
                  "`read(event_queue->sockfd, &directive, sizeof(directive)) == sizeof(directive)'\n");
 }
 
+// Not a hang-up: the producer could still speak.
+TEST_F(AbortDeathTest, EndOfAConsumersSpeech) {
+    EXPECT_ABORT(
+        {
+            const support::service one(name_, 5, 1, echo);
+            (void)shutdown(one.handle()->worker[0].sockfd[0], SHUT_WR);
+            pause();
+        },
+        "[ABORT] @ks_producer_worker() producer-worker receive consumer_worker directive fail: "
+        "`read(event_queue->sockfd, &directive, sizeof(directive)) == sizeof(directive)'\n");
+}
+
 TEST_F(AbortDeathTest, NegativeNumberInAnEcho) {
     EXPECT_ABORT(serve_one(name_, 3, say_negative),
                  "[ABORT] @ks_producer_worker() producer-worker transfer client sockfd fail: "
