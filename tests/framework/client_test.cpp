@@ -751,16 +751,6 @@ TEST(ClientTimeoutTest, SignalsMakeAWaitNeitherShorterNorLonger) {
     sigaction(SIGALRM, &before, nullptr);
 }
 
-// More milliseconds than 32 bits hold: what is left of them after a cut would be 704.
-TEST(ClientTimeoutTest, FiftyDaysAreNotCutShort) {
-    const service one(5, 1, [](const char*, ks_io* io, int) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(1500)); // slowness itself
-        support::answer(io, "");
-        return 0;
-    });
-    EXPECT_EQ(timed_call(one.name(), 4294968).code, 0U);
-}
-
 TEST(ClientTimeoutTest, PatientCallOutlastsASlowService) {
     const service one(5, 1, [](const char*, ks_io* io, int) {
         std::this_thread::sleep_for(std::chrono::milliseconds(300)); // slowness itself

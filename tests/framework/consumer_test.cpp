@@ -24,6 +24,7 @@
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -379,20 +380,20 @@ int report_numbers(const char*, ks_io* io, int fd) {
 }
 
 TEST(ConsumerDescriptorTest, ReceivedDescriptorsStandAboveTheStandardStreams) {
-    EXPECT_EXIT(
-        {
-            const descriptor extra = memory_file();
-            const service one(5, 1, report_numbers);
-            for (const int number : {0, 1, 2}) {
+    for (const int number : {0, 1, 2}) {
+        EXPECT_EXIT(
+            {
+                const descriptor extra = memory_file();
+                const service one(5, 1, report_numbers);
                 close(number);
-            }
-            std::string reply;
-            const bool above = support::call(one.name(), "c", "", &reply, extra.get()) == 0 && reply == "above";
-            const bool free = eventually(
-                [] { return fcntl(0, F_GETFD) == -1 && fcntl(1, F_GETFD) == -1 && fcntl(2, F_GETFD) == -1; });
-            _exit(above && free ? 0 : 1);
-        },
-        testing::ExitedWithCode(0), "");
+                std::string reply;
+                const bool above = support::call(one.name(), "c", "", &reply, extra.get()) == 0 && reply == "above";
+                const bool free = eventually([&] { return fcntl(number, F_GETFD) == -1; });
+                _exit(above && free ? 0 : 1);
+            },
+            testing::ExitedWithCode(0), "")
+            << number;
+    }
 }
 
 int report_mask(const char*, ks_io* io, int) {
@@ -515,15 +516,26 @@ TEST_F(ConsumerTest, FileThatIsLockedByAWriteWithoutEndCostsItsCallerOnly) {
 // Nor do they leave threads, or what threads stand on.
 TEST_F(ConsumerTest, RefusedDescriptorsLeaveNothingBehind) {
     expect_it_serves();
-    const descriptor pipe_or_so(open("/dev/null", O_RDWR | O_CLOEXEC));
+    const descriptor no_file(open("/dev/null", O_RDWR | O_CLOEXEC));
     const auto descriptors = support::settled_descriptors();
     const auto threads = support::thread_count();
     const auto mappings = lines_of("/proc/self/maps");
     constexpr size_t kTimes = 300;
     for (size_t i = 0; i < kTimes; ++i) {
-        ASSERT_TRUE(dropped_for({pipe_or_so.get()}));
+        ASSERT_TRUE(dropped_for({no_file.get()}));
     }
-    EXPECT_TRUE(eventually([&] { return support::open_descriptors().size() == descriptors; }));
+    // Together with what is in order.
+    const descriptor file = memory_file("text");
+    const descriptor huge = memory_file("text");
+    ASSERT_EQ(ftruncate(huge.get(), (off_t)1 << 62), 0);
+    const std::pair<std::vector<int>, std::vector<int>> both[] = {
+        {{no_file.get()}, {file.get()}}, {{huge.get()}, {file.get()}}, {{file.get()}, {}}};
+    for (const auto& [memory, extra] : both) {
+        const raw_caller caller = invited_caller();
+        ASSERT_TRUE(caller.send(make_record(8, 1, "c")) && caller.send_fds(memory) && caller.send_fds(extra));
+        ASSERT_TRUE(caller.hung_up());
+    }
+    EXPECT_TRUE(eventually([&] { return support::open_descriptors().size() == descriptors + 2; }));
     EXPECT_TRUE(eventually([&] { return support::thread_count() == threads; }));
     EXPECT_LT(lines_of("/proc/self/maps"), mappings + kTimes);
 }
