@@ -15,6 +15,7 @@
 #include <cstddef>
 #include <cstring>
 #include <fcntl.h>
+#include <initializer_list>
 #include <linux/filter.h>
 #include <linux/seccomp.h>
 #include <map>
@@ -23,6 +24,7 @@
 #include <sstream>
 #include <sys/prctl.h>
 #include <sys/syscall.h>
+#include <vector>
 
 namespace {
 
@@ -347,6 +349,9 @@ std::map<std::string, unsigned long> blocked_signals() {
 
 TEST_F(QueueListenerTest, TheReceivingThreadDoesNotTakeTheStopSignals) {
     std::thread([] {}).join(); // the first thread brings the thread sanitizer's own with it
+    sigset_t none;
+    sigemptyset(&none);
+    ASSERT_EQ(pthread_sigmask(SIG_SETMASK, &none, nullptr), 0); // whatever an earlier test left
     const auto before = blocked_signals();
     T_MSGQ_service listener(kKey, keep, kBody);
     listener.server_start();
@@ -403,24 +408,34 @@ TEST_F(QueueListenerTest, ARecordThatCannotBeSentGives102) {
     listener.remove_msgq();
 }
 
-// A look-up with no permissions asked for hardly fails on its own; a filter in front of the kernel makes it.
-void forbid_msgget() {
-    sock_filter program[] = {
-        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
-        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_msgget, 0, 1),
-        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | EACCES),
-        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
-    };
-    const sock_fprog filter = {sizeof(program) / sizeof(program[0]), program};
+// Puts a filter in front of the kernel for what hardly fails on its own: these system calls end with `error`.
+void forbid(std::initializer_list<unsigned> system_calls, unsigned error) {
+    std::vector<sock_filter> program = {BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr))};
+    for (const unsigned number : system_calls) {
+        program.push_back(BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, number, 0, 1));
+        program.push_back(BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | error));
+    }
+    program.push_back(BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW));
+    const sock_fprog filter = {static_cast<unsigned short>(program.size()), program.data()};
     ASSERT_EQ(prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0), 0);
     ASSERT_EQ(prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter), 0);
 }
 
 TEST_F(QueueListenerTest, ALookUpThatFailsOtherwiseGives100) {
     EXPECT_TRUE(passes_in_own_process([] {
-        forbid_msgget();
+        forbid({SYS_msgget}, EACCES);
         const host_record record = record_of(1, "x");
         EXPECT_EQ(T_MSGQ_service::send_msg(kKey, record.data(), record.body_size()), 100);
+    }));
+}
+
+TEST_F(QueueListenerTest, OneThatGetsNoThreadStopsAllTheSame) {
+    EXPECT_TRUE(passes_in_own_process([] {
+        T_MSGQ_service listener(kKey, keep, kBody);
+        forbid({SYS_clone, SYS_clone3}, EAGAIN);
+        EXPECT_EQ(listener.server_start(), 0);
+        EXPECT_EQ(listener.server_stop(), 0);
+        EXPECT_FALSE(queue_exists(kKey));
     }));
 }
 

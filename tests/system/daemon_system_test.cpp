@@ -143,7 +143,8 @@ TEST_F(DaemonSystemTest, InTheBackgroundItLeavesTheTerminalAndTheFolder) {
     EXPECT_EQ(std::filesystem::read_symlink(proc + "/cwd"), "/");
     EXPECT_EQ(std::filesystem::read_symlink(proc + "/fd/0"), "/dev/null");
     kill(pid, SIGTERM);
-    EXPECT_TRUE(wait_until([&] { return read_file(kDaemonLog).find("] is_terminate") != std::string::npos; }));
+    EXPECT_TRUE(wait_until([&] { return !file_exists(proc + "/cwd"); }));
+    EXPECT_THAT(read_file(kDaemonLog), HasSubstr("] is_terminate"));
 }
 
 TEST_F(DaemonSystemTest, AnyLocalUserMayCall) {

@@ -61,6 +61,30 @@ TEST_F(StopOrderTest, WhileARequestRunsBothRelaysGoOnAndNothingIsTakenDown) {
     EXPECT_FALSE(queue_exists(kNotifyQueue));
 }
 
+TEST_F(StopOrderTest, AnEarlyStopWaitsUntilBothServicesAreUp) {
+    for (const char* late : {"1", "2"}) {
+        (void)unlink(kDaemonLog);
+        fifo_gate gate;
+        setenv("BROKEN_START_GATE", gate.path().c_str(), 1);
+        const preloaded broken(BROKEN_START, "BROKEN_START", late);
+        daemon_process daemon({"-t"});
+        ASSERT_TRUE(gate.is_reached());
+        int polls = 0; // in which the main thread was seen to wait, without a break
+        EXPECT_TRUE(wait_until([&] {
+            polls = waits_in(daemon.pid(), daemon.pid()) == SYS_futex ? polls + 1 : 0;
+            return polls == 50;
+        })) << "the main thread did not wait for service "
+            << late;
+        EXPECT_THAT(read_file(kDaemonLog), Not(HasSubstr("is_terminate")));
+        gate.let_go();
+        EXPECT_EQ(daemon.wait(), 0);
+        const std::string log = read_file(kDaemonLog);
+        for (const char* line : {"] ks_start.\n", "] ks_send_mail_start.\n"}) {
+            EXPECT_LT(log.find(line), log.find("] is_terminate\n")) << log;
+        }
+    }
+}
+
 // The mail service is left to the end of the process: nothing waits for its requests or their tools.
 TEST_F(StopOrderTest, AMailUnderWayDoesNotHoldUpTheStopAndItsToolGoesOn) {
     daemon_process daemon;

@@ -78,6 +78,32 @@ inline size_t count_of(const std::string& text, const std::string& part) {
     return count;
 }
 
+/// A library, and a variable for it, that a daemon started meanwhile finds in its environment.
+class preloaded {
+public:
+    preloaded(const char* library, const char* variable, const std::string& value) : variable_(variable) {
+        // A sanitizer's library wants to be the first one, unless told otherwise.
+        setenv("ASAN_OPTIONS", (asan_options_ + ":verify_asan_link_order=0").c_str(), 1);
+        setenv("LD_PRELOAD", library, 1);
+        setenv(variable, value.c_str(), 1);
+    }
+    preloaded(const preloaded&) = delete;
+    preloaded& operator=(const preloaded&) = delete;
+    ~preloaded() {
+        unsetenv(variable_);
+        unsetenv("LD_PRELOAD");
+        setenv("ASAN_OPTIONS", asan_options_.c_str(), 1);
+    }
+
+private:
+    static std::string given(const char* variable) {
+        const char* value = getenv(variable);
+        return value != nullptr ? value : "";
+    }
+    const std::string asan_options_ = given("ASAN_OPTIONS");
+    const char* variable_;
+};
+
 /// A fifo at which a child of the daemon, or a part of the daemon, waits: it opens the fifo and reads to its end.
 class fifo_gate {
 public:
