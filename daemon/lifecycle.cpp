@@ -249,7 +249,7 @@ int run_daemon(int argc, char** argv) {
     (void)signal(SIGCHLD, SIG_DFL);
     // The services ignore it as well, but the relays run before them, and may write to a pipe that nobody reads.
     (void)signal(SIGPIPE, SIG_IGN);
-    (void)raise_descriptor_limit(); // every waiting caller holds one; without it the daemon just serves fewer
+    raise_descriptor_limit(); // every waiting caller holds one; without it the daemon just serves fewer
     (void)environment_unset("LD_LIBRARY_PATH");
 
     std::string install_path;
