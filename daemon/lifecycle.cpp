@@ -269,7 +269,7 @@ int run_daemon(int argc, char** argv) {
     // a file that has reached its limit.
     (void)signal(SIGPIPE, SIG_IGN);
     (void)signal(SIGXFSZ, SIG_IGN);
-    (void)raise_descriptor_limit(); // every waiting caller holds one; without it the daemon just serves fewer
+    raise_descriptor_limit(); // every waiting caller holds one; without it the daemon just serves fewer
     (void)environment_unset("LD_LIBRARY_PATH");
 
     std::string install_path;

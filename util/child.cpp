@@ -57,7 +57,6 @@ void close_listed_descriptors(int spare_fd) noexcept {
             offset += entry->d_reclen;
         }
     }
-    (void)::close(directory_fd);
 }
 
 // A handler of the daemon must not run in the child, which shares its memory, and an ignored signal (SIGPIPE) would
@@ -121,9 +120,7 @@ become_program(const child_orders& orders) noexcept {
     if (pid == 0) {
         become_program(orders); // NOLINT(clang-analyzer-unix.Vfork): it does nothing but system calls
     }
-    const int vfork_errno = errno; // a successful child leaves its own errno here
-    (void)::pthread_sigmask(SIG_SETMASK, &old_mask, nullptr);
-    errno = vfork_errno;
+    (void)::pthread_sigmask(SIG_SETMASK, &old_mask, nullptr); // leaves errno to vfork()
     return pid;
 }
 

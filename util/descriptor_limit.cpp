@@ -10,21 +10,20 @@ std::atomic<bool> limit_was_raised{false};
 
 } // namespace
 
-int raise_descriptor_limit() {
+void raise_descriptor_limit() {
     struct rlimit limit = {};
     if (::getrlimit(RLIMIT_NOFILE, &limit) != 0) {
-        return -1;
+        return;
     }
     const rlim_t soft_limit = limit.rlim_cur;
     limit.rlim_cur = limit.rlim_max;
     if (::setrlimit(RLIMIT_NOFILE, &limit) != 0) {
-        return -1;
+        return;
     }
     if (!limit_was_raised.load(std::memory_order_acquire)) {
         original_soft_limit.store(soft_limit, std::memory_order_relaxed);
         limit_was_raised.store(true, std::memory_order_release);
     }
-    return 0;
 }
 
 bool original_descriptor_limit(struct rlimit* ret_limit) {

@@ -8,8 +8,8 @@
 #include <sys/resource.h>
 
 /// Raises the soft limit to the hard limit and remembers what it was. Called once, at start-up; a later call raises
-/// again but keeps the first memory. @return 0, or -1 and errno, with the limit as it was.
-int raise_descriptor_limit();
+/// again but keeps the first memory. A limit that cannot be raised stays as it was.
+void raise_descriptor_limit();
 
 /// @param ret_limit  Receives the limit that a child gets: the remembered soft limit under the present hard limit.
 ///                   Untouched when there is nothing to give back.

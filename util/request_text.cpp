@@ -1,21 +1,11 @@
 #include "json_helpers.h"
 
 #include <algorithm>
-#include <cerrno>
-#include <cstring>
 #include <unistd.h>
 
 namespace {
 
 constexpr std::size_t kChunkBytes = std::size_t{64} * 1024;
-
-ssize_t pread_some(int fd, void* buffer, std::size_t size_bytes, std::size_t offset) {
-    ssize_t count = 0;
-    do {
-        count = ::pread(fd, buffer, size_bytes, static_cast<off_t>(offset));
-    } while (count < 0 && errno == EINTR);
-    return count;
-}
 
 } // namespace
 
@@ -26,7 +16,8 @@ std::string request_text(const ks_io* io) {
     while (text.size() < wanted) {
         const std::size_t used = text.size();
         text.resize(std::min(used + kChunkBytes, wanted));
-        const ssize_t count = pread_some(io->memfd, text.data() + used, text.size() - used, used);
+        // No signal interrupts the reading of a memory file.
+        const ssize_t count = ::pread(io->memfd, text.data() + used, text.size() - used, static_cast<off_t>(used));
         if (count < 0) {
             return {};
         }

@@ -52,10 +52,14 @@ protected:
         return read_file(out);
     }
 
-    // Opens many descriptors that a careless child would inherit.
+    // Opens many descriptors that a careless child would inherit, and leaves some lower numbers free.
     static void open_inheritable_descriptors() {
+        const int lowest = ::dup(0);
         for (int i = 0; i < 300; ++i) {
             ASSERT_GE(::open("/dev/null", O_RDONLY), 0);
+        }
+        for (int i = 0; i < 3; ++i) {
+            ::close(lowest + i);
         }
     }
 };
@@ -88,6 +92,29 @@ TEST_F(ChildTest, HasNoOtherDescriptorsOnAnOldKernelEither) {
         limit.rlim_cur = limit.rlim_max;
         ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &limit), 0);
         EXPECT_EQ(line_of(read_file(out), "fds"), "0 1 2 ");
+    }));
+}
+
+TEST_F(ChildTest, HasNoneOfTheRunnersDescriptorsWhereNothingClosesThem) {
+    write_file(folder / "in", "");
+    EXPECT_TRUE(passes_in_own_process([&] {
+        for (int fd = 3; fd < 1024; ++fd) {
+            ::close(fd); // the test's own
+        }
+        forbid_system_call(SYS_close_range);
+        forbid_system_call(SYS_getdents64);
+        const unique_pipe other(
+            lyn_vexprod_corvo_popen_v2(nullptr, nullptr, nullptr, "w", CHILD_PROBE, "drain", nullptr));
+        ASSERT_TRUE(other);
+        EXPECT_EQ(lyn_vexprod_corvo_exec_v2((folder / "in").c_str(), out.c_str(), (folder / "err").c_str(),
+                                            (folder / "trace").c_str(), CHILD_PROBE, "report", nullptr),
+                  0);
+        EXPECT_EQ(line_of(read_file(out), "fds"), "0 1 2 ");
+        EXPECT_EQ(lyn_vexprod_corvo_exec(out.c_str(), out.c_str(), nullptr, CHILD_PROBE, "report", nullptr), 0);
+        EXPECT_EQ(line_of(read_file(out), "fds"), "0 1 2 ");
+        const unique_pipe reader(
+            lyn_vexprod_corvo_popen_v2(nullptr, nullptr, nullptr, "r", CHILD_PROBE, "report", nullptr));
+        EXPECT_EQ(line_of(read_stream(reader.get()), "fds"), "0 1 2 ");
     }));
 }
 
@@ -140,6 +167,7 @@ TEST_F(ChildTest, HasNoSignalIgnoredOrBlocked) {
         ::signal(SIGPIPE, SIG_IGN);
         ::signal(SIGHUP, SIG_IGN);
         ::signal(SIGRTMIN + 3, SIG_IGN);
+        ::signal(SIGRTMAX, SIG_IGN);
         sigset_t blocked;
         sigemptyset(&blocked);
         sigaddset(&blocked, SIGTERM);
@@ -159,6 +187,33 @@ TEST_F(ChildTest, HasNoSignalIgnoredOrBlocked) {
     }));
 }
 
+TEST_F(ChildTest, RunsNoHandlerOfItsParent) {
+    EXPECT_TRUE(passes_in_own_process([] {
+        static const pid_t parent = ::getpid();
+        static std::atomic<bool> ran_in_a_child{false}; // which shares the memory
+        struct sigaction action = {};
+        action.sa_handler = [](int) {
+            if (::syscall(SYS_getpid) != parent) {
+                ran_in_a_child = true;
+            }
+        };
+        ASSERT_EQ(::sigaction(SIGUSR1, &action, nullptr), 0);
+        ASSERT_EQ(::setpgid(0, 0), 0); // a group of its own, with its children
+        std::atomic<bool> finished{false};
+        std::thread sender([&] {
+            while (!finished) {
+                ::kill(0, SIGUSR1);
+            }
+        });
+        for (int i = 0; i < 200; ++i) {
+            (void)lyn_vexprod_corvo_exec(nullptr, nullptr, nullptr, "/bin/true", nullptr);
+        }
+        finished = true;
+        sender.join();
+        EXPECT_FALSE(ran_in_a_child);
+    }));
+}
+
 TEST_F(ChildTest, HasTheLimitThatTheDaemonWasStartedWith) {
     EXPECT_TRUE(passes_in_own_process([&] {
         const struct rlimit start = {200, 700};
@@ -168,14 +223,28 @@ TEST_F(ChildTest, HasTheLimitThatTheDaemonWasStartedWith) {
         EXPECT_FALSE(original_descriptor_limit(&limit));
         EXPECT_EQ(limit.rlim_cur, 1U) << "untouched";
 
-        ASSERT_EQ(raise_descriptor_limit(), 0);
-        ASSERT_EQ(raise_descriptor_limit(), 0);
+        raise_descriptor_limit();
+        raise_descriptor_limit();
         ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &limit), 0);
         EXPECT_EQ(limit.rlim_cur, 700U);
         ASSERT_TRUE(original_descriptor_limit(&limit));
         EXPECT_EQ(limit.rlim_cur, 200U);
         EXPECT_EQ(limit.rlim_max, 700U);
         EXPECT_EQ(line_of(run_report(), "nofile"), "200");
+
+        const struct rlimit lowered = {100, 100};
+        ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &lowered), 0);
+        ASSERT_TRUE(original_descriptor_limit(&limit));
+        EXPECT_EQ(limit.rlim_cur, 100U) << "never above the hard limit";
+    }));
+}
+
+TEST_F(ChildTest, KeepsTheDaemonsLimitWhenItCouldNotBeRaised) {
+    EXPECT_TRUE(passes_in_own_process([] {
+        forbid_system_call(SYS_prlimit64);
+        raise_descriptor_limit();
+        struct rlimit limit = {};
+        EXPECT_FALSE(original_descriptor_limit(&limit));
     }));
 }
 

@@ -45,6 +45,8 @@ TEST_F(ErrorOutputTest, WritesWhatItIsTold) {
     print_error("msgid:%d, %s\n", 7, "text");
     EXPECT_EQ(errno, ENOENT);
     EXPECT_EQ(held(), "msgid:7, text\n");
+    print_error("%s", "");
+    EXPECT_EQ(held(), "");
 }
 
 TEST_F(ErrorOutputTest, CutsALongText) {
@@ -72,7 +74,9 @@ TEST_F(ErrorOutputTest, APipeThatNobodyEmptiesCostsLinesAndNotTime) {
 TEST_F(ErrorOutputTest, WithoutAReaderOrWithoutAnOutputTheTextIsLost) {
     const auto before_action = ::signal(SIGPIPE, SIG_IGN);
     reader.reset();
+    errno = ENOENT;
     print_error("%s", "lost");
+    EXPECT_EQ(errno, ENOENT);
     (void)::signal(SIGPIPE, before_action);
     ASSERT_EQ(::close(STDERR_FILENO), 0);
     print_error("%s", "lost as well");

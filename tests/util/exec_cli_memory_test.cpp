@@ -81,10 +81,13 @@ TEST(OutOfMemoryTest, VectorCallsStartNothingWithoutMemoryForTheEnvironment) {
     char* argv[] = {name, nullptr};
     refused_bytes = sizeof(std::size_t); // the first entry of the own environment
     const int second = lyn_vexprod_corvo_exec_v_v2(nullptr, nullptr, nullptr, nullptr, "/bin/true", argv);
+    errno = 0;
     FILE* stream = lyn_vexprod_corvo_popen_v_v2(nullptr, nullptr, nullptr, "r", "/bin/true", argv);
+    const int popen_errno = errno;
     refused_bytes = 0;
     EXPECT_EQ(second, -1);
     EXPECT_EQ(stream, nullptr);
+    EXPECT_EQ(popen_errno, ENOMEM);
 }
 
 TEST(OutOfMemoryTest, TheFirstGenerationsVectorCallNeedsNone) {

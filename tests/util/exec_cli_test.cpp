@@ -57,6 +57,16 @@ TEST(ExecCliTest, ArgumentsAreCutTo255Characters) {
     EXPECT_EQ(output, std::string(255, 'b'));
 }
 
+TEST(ExecCliTest, ThePathIsNotCut) {
+    const test_folder folder;
+    const std::string deep = folder / (std::string(200, 'd') + "/" + std::string(200, 'd'));
+    std::filesystem::create_directories(deep);
+    std::filesystem::create_symlink("/bin/echo", deep + "/echo");
+    std::string output;
+    EXPECT_EQ(exec_cli(R"({"command":[")" + deep + R"(/echo","hi"]})", output), 0);
+    EXPECT_EQ(output, "hi\n");
+}
+
 TEST(ExecCliTest, OutputBeyond5120BytesIsLost) {
     std::string output;
     EXPECT_EQ(exec_cli(probe(R"(,"fill","5120")"), output), 0);

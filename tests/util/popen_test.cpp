@@ -1,5 +1,6 @@
 // The run-with-a-pipe calls, with real children.
 #include "forbid_system_call.h"
+#include "interruptions.h"
 #include "runner.h"
 #include "scoped.h"
 #include "test_files.h"
@@ -178,7 +179,18 @@ TEST_F(PopenTest, FilesThatTheCallDidNotOpenAreLeftAlone) {
     ASSERT_EQ(::mkdir(impossible.substr(0, impossible.rfind('/')).c_str(), 0700), 0);
     ASSERT_EQ(::symlink("/dev/full/x", impossible.c_str()), 0);
     EXPECT_EQ(lyn_vexprod_corvo_popen_v2(nullptr, nullptr, impossible.c_str(), "r", CHILD_PROBE, nullptr), nullptr);
+    EXPECT_EQ(lyn_vexprod_corvo_popen_v2(nullptr, impossible.c_str(), nullptr, "w", CHILD_PROBE, nullptr), nullptr);
     EXPECT_EQ(std::filesystem::read_symlink(impossible), "/dev/full/x");
+}
+
+TEST_F(PopenTest, AnOutputThatCannotBeRemovedDoesNotHideTheFailure) {
+    write_file(out, "");
+    const unique_fd file(::open(out.c_str(), O_RDWR | O_CLOEXEC));
+    const std::string other_name = "/proc/self/fd/" + std::to_string(file.get());
+    const std::string impossible = folder / "missing/file";
+    EXPECT_EQ(lyn_vexprod_corvo_popen_v2(nullptr, other_name.c_str(), impossible.c_str(), "w", CHILD_PROBE, nullptr),
+              nullptr);
+    EXPECT_EQ(errno, ENOENT);
 }
 
 TEST_F(PopenTest, AFailedForkGivesNull) {
@@ -208,12 +220,10 @@ TEST_F(PopenTest, NoPipeToBeHadGivesNull) {
 }
 
 TEST_F(PopenTest, CloseWaitsOnWhenASignalArrives) {
-    EXPECT_TRUE(passes_in_own_process([] {
-        struct sigaction action = {};
-        action.sa_handler = [](int) {}; // no SA_RESTART: the wait is interrupted
-        ASSERT_EQ(::sigaction(SIGUSR1, &action, nullptr), 0);
-        FILE* stream = lyn_vexprod_corvo_popen_v2(nullptr, nullptr, nullptr, "w", "/bin/sh", "-c",
-                                                  "cat; kill -USR1 $PPID; kill -USR1 $PPID; exit 9", nullptr);
+    EXPECT_TRUE(passes_in_own_process([&] {
+        const std::string script = "cat; " + interruptions(folder / "answers").script() + "exit 9";
+        FILE* stream =
+            lyn_vexprod_corvo_popen_v2(nullptr, nullptr, nullptr, "w", "/bin/sh", "-c", script.c_str(), nullptr);
         ASSERT_NE(stream, nullptr);
         EXPECT_EQ(lyn_vexprod_corvo_pclose(stream), 0x900);
     }));
@@ -263,15 +273,18 @@ TEST_P(ReadOutputTest, AToolThatPausesIsWaitedFor) {
     EXPECT_TRUE(passes([] { EXPECT_EQ(read_output(shell("echo a; sleep 0.3; echo b").get()), "a\nb\n"); }));
 }
 
-TEST_P(ReadOutputTest, AToolThatClosesItsOutputAndRunsOnIsNotWaitedFor) {
+TEST_P(ReadOutputTest, AToolThatRunsOnWhenThereIsNothingToBeReadIsNotWaitedFor) {
     EXPECT_TRUE(passes([&] {
         ASSERT_EQ(::mkfifo(input.c_str(), 0600), 0);
         const unique_fd gate(::open(input.c_str(), O_RDWR | O_CLOEXEC));
-        const std::string script = "echo a; exec >/dev/null; read word <" + input + "; exit 3";
-        unique_pipe tool = shell(script.c_str());
+        const std::string waits = "read word <" + input + "; exit 3";
+        unique_pipe tool = shell(("echo a; exec >/dev/null; " + waits).c_str());
         EXPECT_EQ(read_output(tool.get()), "a\n");
         ASSERT_EQ(::write(gate.get(), "go\n", 3), 3);
         EXPECT_EQ(lyn_vexprod_corvo_pclose(tool.release()), 0x300);
+        tool = shell(("echo a; " + waits).c_str());
+        EXPECT_EQ(read_output(tool.get(), 2), "a\n") << "nor one that has reached the limit";
+        ASSERT_EQ(::write(gate.get(), "go\n", 3), 3);
     }));
 }
 
@@ -299,6 +312,14 @@ TEST_P(ReadOutputTest, AProcessLeftBehindThatHoldsTheOutputIsNotWaitedFor) {
     }));
 }
 
+TEST_P(ReadOutputTest, NorWhenTheToolItselfPrintedNothing) {
+    EXPECT_TRUE(passes([&] {
+        const unique_pipe tool = shell(("sleep 300 & echo $! >" + out).c_str());
+        EXPECT_EQ(read_output(tool.get()), "");
+        EXPECT_EQ(::kill(std::stoi("0" + read_file(out)), SIGKILL), 0);
+    }));
+}
+
 TEST_P(ReadOutputTest, AProcessLeftBehindThatPrintsOnAndOnIsNotReadOnAndOn) {
     EXPECT_TRUE(passes([] { // it ends when nobody reads what it prints
         unique_pipe tool = shell("echo first; (while echo more; do :; done) &");
@@ -308,11 +329,9 @@ TEST_P(ReadOutputTest, AProcessLeftBehindThatPrintsOnAndOnIsNotReadOnAndOn) {
 }
 
 TEST_P(ReadOutputTest, ASignalDoesNotEndTheReading) {
-    EXPECT_TRUE(passes([] {
-        struct sigaction action = {};
-        action.sa_handler = [](int) {}; // no SA_RESTART: the wait is interrupted
-        ASSERT_EQ(::sigaction(SIGUSR1, &action, nullptr), 0);
-        EXPECT_EQ(read_output(shell("kill -USR1 $PPID; kill -USR1 $PPID; echo late").get()), "late\n");
+    EXPECT_TRUE(passes([&] {
+        const std::string script = interruptions(folder / "answers").script() + "echo late";
+        EXPECT_EQ(read_output(shell(script.c_str()).get()), "late\n");
     }));
 }
 

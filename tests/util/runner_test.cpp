@@ -1,4 +1,5 @@
 // The run-and-wait calls, with real children.
+#include "interruptions.h"
 #include "runner.h"
 #include "test_files.h"
 
@@ -129,6 +130,12 @@ TEST_F(RunnerTest, UnnamedOutputsGoToTheNullDevice) {
               0);
 }
 
+TEST_F(RunnerTest, NamedOutputsCanBeReadAndTheNullDeviceCannot) {
+    const char* read_output = "cat <&1 >/dev/null";
+    EXPECT_EQ(lyn_vexprod_corvo_exec(out.c_str(), nullptr, nullptr, "/bin/sh", "-c", read_output, nullptr), 0);
+    EXPECT_NE(lyn_vexprod_corvo_exec(nullptr, nullptr, nullptr, "/bin/sh", "-c", read_output, nullptr), 0);
+}
+
 TEST_F(RunnerTest, InputComesFromTheNamedFile) {
     write_file(input, "given\n");
     ASSERT_EQ(lyn_vexprod_corvo_exec_v2(input.c_str(), out.c_str(), err.c_str(), nullptr, CHILD_PROBE, "copy", nullptr),
@@ -196,6 +203,17 @@ TEST_F(RunnerTest, TraceOfTheSecondGenerationNamesTheInputAndIsAppendedTo) {
     EXPECT_EQ(read_file(folder / "t"), "cmd=(null)\nstdout_file=(null)\nstderr_file=(null)\n");
 }
 
+TEST_F(RunnerTest, TheTraceIsWholeBeforeTheChildStarts) {
+    ASSERT_EQ(lyn_vexprod_corvo_exec(out.c_str(), out.c_str(), trace.c_str(), "/bin/cat", trace.c_str(), nullptr), 0);
+    EXPECT_EQ(read_file(out), "cmd=/bin/cat\nstdout_file=" + out + "\nstderr_file=" + out +
+                                  "\npipe stdout and stderr to the same file " + out + "\n");
+}
+
+TEST_F(RunnerTest, ATraceInTheOutputFileIsReplacedByTheOutput) {
+    ASSERT_EQ(lyn_vexprod_corvo_exec(out.c_str(), nullptr, out.c_str(), CHILD_PROBE, "print", "done", nullptr), 0);
+    EXPECT_EQ(read_file(out), "done");
+}
+
 TEST_F(RunnerTest, ATraceThatCannotBeOpenedIsDoneWithout) {
     EXPECT_EQ(lyn_vexprod_corvo_exec(out.c_str(), nullptr, (folder / "missing/trace").c_str(), CHILD_PROBE, "print",
                                      "done", nullptr),
@@ -228,12 +246,8 @@ TEST_F(RunnerTest, AChildThatCannotBeWaitedForGivesMinusOne) {
 
 TEST_F(RunnerTest, ASignalDoesNotEndTheWait) {
     EXPECT_TRUE(passes_in_own_process([&] {
-        struct sigaction action = {};
-        action.sa_handler = [](int) {}; // no SA_RESTART: the wait is interrupted
-        ASSERT_EQ(::sigaction(SIGUSR1, &action, nullptr), 0);
-        EXPECT_EQ(lyn_vexprod_corvo_exec(nullptr, nullptr, nullptr, "/bin/sh", "-c",
-                                         "kill -USR1 $PPID; kill -USR1 $PPID; exit 5", nullptr),
-                  0x500);
+        const std::string script = interruptions(folder / "answers").script() + "exit 5";
+        EXPECT_EQ(lyn_vexprod_corvo_exec(nullptr, nullptr, nullptr, "/bin/sh", "-c", script.c_str(), nullptr), 0x500);
     }));
 }
 

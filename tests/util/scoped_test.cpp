@@ -1,5 +1,7 @@
 // The owners: descriptors, streams, temporary files; and the process environment.
+#include "argument_vector.h"
 #include "environment.h"
+#include "interruptions.h"
 #include "read_fd.h"
 #include "scoped.h"
 #include "temp_file.h"
@@ -69,9 +71,10 @@ TEST(UniqueFdTest, KeepsErrno) {
 
 TEST(UniqueFdTest, LowNumbersAreMovedAboveTheStandardStreams) {
     EXPECT_TRUE(passes_in_own_process([] {
+        ASSERT_EQ(::close_range(3, ~0U, 0), 0);
         ::close(0);
         const unique_fd moved = above_standard_streams(unique_fd(open_null()));
-        EXPECT_GE(moved.get(), 3);
+        EXPECT_EQ(moved.get(), 3);
         EXPECT_EQ(::fcntl(moved.get(), F_GETFD), FD_CLOEXEC);
         EXPECT_FALSE(is_open(0));
         const int number = moved.get();
@@ -82,6 +85,13 @@ TEST(UniqueFdTest, LowNumbersAreMovedAboveTheStandardStreams) {
         EXPECT_FALSE(above_standard_streams(unique_fd(open_null())).ok());
         EXPECT_FALSE(is_open(0));
     }));
+}
+
+TEST(ArgumentVectorTest, BaseNamesFollowTheLastSlash) {
+    EXPECT_EQ(base_name("/usr/bin/tool"), "tool");
+    EXPECT_EQ(base_name("tool"), "tool");
+    EXPECT_EQ(base_name("folder/"), "");
+    EXPECT_EQ(base_name(nullptr), "");
 }
 
 TEST(ScopedTest, EachOwnerEndsWhatItHolds) {
@@ -105,14 +115,13 @@ TEST(ScopedTest, EachOwnerEndsWhatItHolds) {
 
 TEST(ReadFdTest, ReadsOnAfterASignal) {
     EXPECT_TRUE(passes_in_own_process([] {
-        struct sigaction action = {};
-        action.sa_handler = [](int) {}; // no SA_RESTART: the read is interrupted
-        ASSERT_EQ(::sigaction(SIGALRM, &action, nullptr), 0);
+        const test_folder folder;
+        const std::string script = interruptions(folder / "answers").script() + "echo late";
         std::array<int, 2> ends = {};
         ASSERT_EQ(::pipe(ends.data()), 0);
-        const unique_pipe writer(
-            lyn_vexprod_corvo_popen_v2(nullptr, ("/proc/self/fd/" + std::to_string(ends[1])).c_str(), nullptr, "w",
-                                       "/bin/sh", "-c", "kill -ALRM $PPID; kill -ALRM $PPID; echo late", nullptr));
+        const unique_pipe writer(lyn_vexprod_corvo_popen_v2(nullptr,
+                                                            ("/proc/self/fd/" + std::to_string(ends[1])).c_str(),
+                                                            nullptr, "w", "/bin/sh", "-c", script.c_str(), nullptr));
         ::close(ends[1]);
         EXPECT_EQ(read_to_end(ends[0], 100), "late\n");
         EXPECT_EQ(read_to_end(-1, 100), "") << "an error ends the text";
@@ -167,12 +176,20 @@ TEST(TempFileTest, RemovesWithAStatus) {
     EXPECT_EQ(errno, ENOENT);
 }
 
-TEST(TempFileTest, ReleasedFilesStay) {
+TEST(TempFileTest, FilesThatItDoesNotOwnStay) {
     std::string path;
     {
         temp_file file;
         path = file.release();
         EXPECT_EQ(path, file.path());
+    }
+    EXPECT_TRUE(file_exists(path));
+    EXPECT_EQ(::unlink(path.c_str()), 0);
+    {
+        temp_file file;
+        path = file.path();
+        EXPECT_EQ(file.remove(), 0);
+        write_file(path, "another's");
     }
     EXPECT_TRUE(file_exists(path));
     EXPECT_EQ(::unlink(path.c_str()), 0);
@@ -189,6 +206,9 @@ TEST(TempFileTest, MovesItsOwnership) {
     EXPECT_FALSE(file_exists(replaced));
     EXPECT_TRUE(file_exists(path));
     EXPECT_EQ(path, third.path());
+    temp_file& itself = third;
+    third = std::move(itself);
+    EXPECT_TRUE(file_exists(path));
 }
 
 TEST(TempFileTest, WithoutAFileNothingCanBeOpened) {
@@ -229,6 +249,14 @@ TEST(EnvironmentTest, SetsUnsetsAndCopies) {
     EXPECT_EQ(::getenv("VEXPROD_ONE"), nullptr);
     EXPECT_THAT(entries(with), testing::Contains("VEXPROD_ONE=2")) << "a copy does not change";
     EXPECT_THAT(entries(environment_snapshot::own_without("X")), testing::Not(testing::Contains("VEXPROD_ONE=2")));
+}
+
+TEST(EnvironmentTest, MayBeGone) {
+    EXPECT_TRUE(passes_in_own_process([] {
+        ASSERT_EQ(::clearenv(), 0);
+        ASSERT_EQ(::environ, nullptr);
+        EXPECT_EQ(*environment_snapshot::own_without("X").envp(), nullptr);
+    }));
 }
 
 TEST(EnvironmentTest, TheLockIsNeverWaitedFor) {
