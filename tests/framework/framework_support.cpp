@@ -23,7 +23,7 @@
 
 // Process workers are forked from threads. And services are stopped by signal handlers, which with KS_STANDALONE frees
 // the worker table there: the tests see to it that no allocation is interrupted.
-extern "C" const char* __tsan_default_options(); // NOLINT(bugprone-reserved-identifier): the sanitizer's name for it
+extern "C" const char* __tsan_default_options(); // NOLINT(clang-diagnostic-reserved-identifier): the sanitizer's name
 extern "C" const char* __tsan_default_options() {
     return "die_after_fork=0:report_signal_unsafe=0";
 }
