@@ -22,8 +22,8 @@ set(CMAKE_ARCHIVE_OUTPUT_DIRECTORY "${CMAKE_BINARY_DIR}/lib")
 
 find_program(VEXPROD_CCACHE ccache)
 if(VEXPROD_CCACHE)
-    # Relative paths below the project, but not in messages: what one clone has compiled serves another, if both name the
-    # same VEXPROD_DEBUG_SOURCES.
+    # Relative paths below the project, but not in messages: what one clone has compiled serves another, if both name
+    # the same VEXPROD_DEBUG_SOURCES.
     set(CMAKE_C_COMPILER_LAUNCHER env "CCACHE_BASEDIR=${PROJECT_SOURCE_DIR}" CCACHE_ABSSTDERR=1 "${VEXPROD_CCACHE}")
     set(CMAKE_CXX_COMPILER_LAUNCHER ${CMAKE_C_COMPILER_LAUNCHER})
 endif()

@@ -182,7 +182,7 @@ void ks_backtrace(void) {
     }
 }
 
-// NOLINTNEXTLINE(bugprone-reserved-identifier): the callers' name for it
+// NOLINTNEXTLINE(clang-diagnostic-reserved-identifier): the callers' name for it
 __attribute__((noinline)) void _ks_backtrace(int sig) {
     line_buffer line;
     line.size = 0;

@@ -25,7 +25,7 @@
 #include <utility>
 
 // Process workers are forked from threads.
-extern "C" const char* __tsan_default_options(); // NOLINT(bugprone-reserved-identifier): the sanitizer's name for it
+extern "C" const char* __tsan_default_options(); // NOLINT(clang-diagnostic-reserved-identifier): the sanitizer's name
 extern "C" const char* __tsan_default_options() {
     return "die_after_fork=0";
 }
