@@ -8,6 +8,7 @@ option(VEXPROD_WERROR "Treat warnings as errors" ON)
 option(VEXPROD_BENCH "Build the benchmarks" ON)
 option(VEXPROD_COVERAGE "Instrument for gcov" OFF)
 set(VEXPROD_DEBUG_SOURCES "${PROJECT_SOURCE_DIR}" CACHE PATH "Where debuggers shall look for the sources")
+set(VEXPROD_TEST_TIMEOUT 120 CACHE STRING "Seconds that a test may take that does not ask for more")
 set(VEXPROD_SANITIZE "" CACHE STRING "Sanitizers, as for -fsanitize= (address,undefined or thread)")
 
 set(CMAKE_C_STANDARD 11)
@@ -74,11 +75,12 @@ endfunction()
 
 # vexprod_add_test(NAME SOURCES a_test.cpp ... [DEPS targets ...] [TIMEOUT seconds])
 # One GoogleTest program. Each of its tests runs as a ctest entry of its own in a fresh simulated host (hostsim/enter),
-# so that tests use the daemon's fixed paths, cannot disturb one another and never touch the machine.
+# so that tests use the daemon's fixed paths, cannot disturb one another and never touch the machine. Its label is its
+# folder's name (ctest -L framework).
 function(vexprod_add_test name)
     cmake_parse_arguments(ARG "" "TIMEOUT" "SOURCES;DEPS" ${ARGN})
     if(NOT ARG_TIMEOUT)
-        set(ARG_TIMEOUT 120)
+        set(ARG_TIMEOUT ${VEXPROD_TEST_TIMEOUT})
     endif()
     add_executable(${name} ${ARG_SOURCES})
     target_link_libraries(${name} PRIVATE ${ARG_DEPS} GTest::gmock GTest::gtest_main)
@@ -89,5 +91,6 @@ function(vexprod_add_test name)
         CROSSCOMPILING_EMULATOR "${PROJECT_SOURCE_DIR}/hostsim/enter;--build;${CMAKE_BINARY_DIR}"
         RUNTIME_OUTPUT_DIRECTORY "${CMAKE_BINARY_DIR}/tests")
     add_dependencies(${name} hostsim)
-    gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST PROPERTIES TIMEOUT ${ARG_TIMEOUT})
+    get_filename_component(folder "${CMAKE_CURRENT_SOURCE_DIR}" NAME)
+    gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST PROPERTIES TIMEOUT ${ARG_TIMEOUT} LABELS ${folder})
 endfunction()
