@@ -543,7 +543,7 @@ TEST_F(AbortDeathTest, EndOfAConsumersSpeech) {
     EXPECT_ABORT(
         {
             const support::service one(name_, 5, 1, echo);
-            (void)shutdown(one.handle()->worker[0].sockfd[0], SHUT_WR);
+            (void)shutdown(support::entry_of(one.handle(), 0).sockfd[0], SHUT_WR);
             pause();
         },
         "[ABORT] @ks_producer_worker() producer-worker receive consumer_worker directive fail: "

@@ -160,7 +160,7 @@ TEST(ConsumerEnvironmentTest, AdoptedByAWorkerThatStartedWhileSetenvWasUnderWay)
             (void)signal(SIGSEGV, wait_inside_setenv);
             std::thread setter([] { setenv("KS_NOT_THERE_YET", "1", 1); }); // looks at every entry
             bool good = here.await();
-            const pid_t worker = one.handle()->worker[0].id.pid;
+            const pid_t worker = support::entry_of(one.handle(), 0).id.pid;
             siginfo_t info = {};
             good = good && kill(worker, SIGKILL) == 0 &&
                    waitid(P_PID, (id_t)worker, &info, WEXITED | WNOWAIT) == 0; // leaves the status to the producer

@@ -192,7 +192,7 @@ TEST(ConsumerHangUpTest, CallerThatIsGoneAfterItsRequestIsNotServed) {
     for (int i = 0; i < 5; ++i) {
         raw_caller caller(one.path());
         ASSERT_TRUE(caller.invited());
-        const stopped_worker worker(one.handle()->worker[0].id.pid);
+        const stopped_worker worker(support::entry_of(one.handle(), 0).id.pid);
         ASSERT_TRUE(caller.send(make_record(8)) && caller.send_fds({file.get()}));
         caller.close();
     }
@@ -214,7 +214,7 @@ TEST(ConsumerHangUpTest, CallerThatOnlySaysNothingMoreIsServed) {
         const raw_caller caller(one.path());
         ASSERT_TRUE(caller.invited());
         {
-            const stopped_worker worker(one.handle()->worker[0].id.pid);
+            const stopped_worker worker(support::entry_of(one.handle(), 0).id.pid);
             ASSERT_TRUE(caller.send(make_record(8, 0, "c")) && caller.send_fds({file.get()}));
             caller.shut_write();
         }
@@ -238,11 +238,11 @@ TEST(ConsumerHangUpTest, CallerOnALinkThatHungUpIsNotInvited) {
     const service one(5, 1, echo, [&](ks_handle* handle) { ks_worker_init(handle, wait_at_the_gate, &here); });
     ASSERT_TRUE(here.await());
     const raw_caller caller(one.path());
-    const int* link = one.handle()->worker[0].sockfd;
-    ASSERT_TRUE(eventually([&] { return bytes_in(link[0]) == 260; })) << "the transfer and the descriptor's byte";
-    ASSERT_EQ(shutdown(link[1], SHUT_RDWR), 0);
+    const ks_worker entry = support::entry_of(one.handle(), 0);
+    ASSERT_TRUE(eventually([&] { return bytes_in(entry.sockfd[0]) == 260; })) << "transfer and the descriptor's byte";
+    ASSERT_EQ(shutdown(entry.sockfd[1], SHUT_RDWR), 0);
     here.open();
-    EXPECT_EQ(caller.receive(), std::nullopt);
+    EXPECT_TRUE(caller.hung_up());
 }
 
 // ---- Signals that interrupt a consumer
@@ -262,7 +262,7 @@ TEST(ConsumerSignalTest, InterruptedConsumerGoesOnWaiting) {
     const auto interrupt = [&] {
         const int before = interruptions;
         EXPECT_TRUE(eventually([] { return support::is_asleep(consumer_tid); }));
-        pthread_kill(one.handle()->worker[0].id.tid, SIGUSR1);
+        pthread_kill(support::entry_of(one.handle(), 0).id.tid, SIGUSR1);
         EXPECT_TRUE(eventually([before] { return interruptions > before; }));
     };
     for (int i = 0; i < 5; ++i) {
@@ -291,11 +291,33 @@ TEST(ConsumerSignalTest, InterruptedReadOfTheLinkIsTriedAgain) {
             const service one(5, 1, echo);
             int failures = 0;
             for (int i = 0; i < 5; ++i) {
-                calls.fail_next(SYS_recvfrom, one.handle()->worker[0].sockfd[0], EINTR);
+                calls.fail_next(SYS_recvfrom, support::entry_of(one.handle(), 0).sockfd[0], EINTR);
                 std::string reply;
                 failures += support::call(one.name(), "c", "t", &reply) != 0 || reply != "c|t|none" || !calls.done();
             }
             _exit(failures);
+        },
+        testing::ExitedWithCode(0), "");
+}
+
+// One that said that it is ready, while it has a caller, would get a second one, who would wait for the first.
+TEST(ConsumerSignalTest, InterruptedReadOfTheLinkIsNoReport) {
+    EXPECT_EXIT(
+        {
+            support::end_within(std::chrono::seconds(60));
+            support::supervised_calls calls({SYS_recvfrom});
+            const service one(5, 1, echo);
+            const ks_worker entry = support::entry_of(one.handle(), 0);
+            const size_t sockets = support::open_sockets();
+            calls.fail_next(SYS_recvfrom, entry.sockfd[0], EINTR);
+            const raw_caller first(one.path());
+            bool good = first.invited() && calls.done();
+            good = good && eventually([&] { return support::open_sockets() == sockets + 2; }); // echoed
+            const raw_caller second(one.path());
+            good = good && eventually([&] { return support::open_sockets() == sockets + 4; });
+            const raw_caller third(one.path()); // accepted after the second one has been dealt with
+            good = good && eventually([&] { return support::open_sockets() == sockets + 6; });
+            _exit(good && bytes_in(entry.sockfd[0]) == 0 ? 0 : 1);
         },
         testing::ExitedWithCode(0), "");
 }

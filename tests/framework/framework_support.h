@@ -104,6 +104,10 @@ private:
     std::thread runner_;
 };
 
+/// Entry `index` of a running service's table. It is the producer's alone, so the kernel reads it for us, and the
+/// thread sanitizer need not know.
+ks_worker entry_of(const ks_handle* handle, size_t index);
+
 /// One blocking call with `text`; the code, and the reply in `ret_reply`.
 unsigned call(const char* name, const char* command, std::string_view text, std::string* ret_reply, int passfd = -1);
 
@@ -193,6 +197,8 @@ public:
     void fail_next(long number, int fd, int error);
     /// Whether that has happened.
     bool done() const { return error_ == 0; }
+    /// The next supervised call passes `where` first, and all others wait behind it.
+    void hold_next(const gate& where) { where_ = &where; }
 
 private:
     void supervise();
@@ -201,6 +207,7 @@ private:
     std::atomic<long> number_ = 0;
     std::atomic<int> fd_ = 0;
     std::atomic<int> error_ = 0;
+    std::atomic<const gate*> where_ = nullptr;
 };
 
 /// From here on this thread's system call `number` raises SIGSYS where it would be made. Not to be undone.

@@ -302,7 +302,7 @@ TEST(ServiceTest, CallersAreServedWhenTheStandardStreamsAreClosed) {
                     failures += handle->worker[i].sockfd[0] < 3 || handle->worker[i].sockfd[1] < 3;
                 }
                 failures += handle->worker[2].pollfd < 3 || handle->worker[2].sockfd[1] < 3;
-                ks_stop(handle);
+                ks_free(handle);
                 _exit(failures == 0 ? 0 : 1);
             },
             testing::ExitedWithCode(0), "")
@@ -490,34 +490,104 @@ TEST(ServiceProcessTest, WorkersInheritNothingMoreWithoutCloseRange) {
         testing::ExitedWithCode(0), testing::Eq("0, descriptors 0 1 2 3 4 "));
 }
 
-volatile sig_atomic_t stops_returned = 0;
+std::atomic<int> stops_returned = 0;
 void stop_signalled(int) {
     ks_stop(signalled);
-    stops_returned = stops_returned + 1;
+    ++stops_returned;
 }
 
-// A routed signal can reach a worker too, and any thread that its callback has made.
+// A routed signal can reach a worker too, on its own thread or on one that its callback has made.
 TEST(ServiceProcessTest, StopInAWorkerLeavesTheServiceAlone) {
-    (void)signal(SIGUSR1, stop_signalled);
+    ks_signal(SIGUSR1, stop_signalled);
     for (const unsigned mode : {2U, 3U}) {
         const service one(
             mode, 1,
             [](const char*, ks_io* io, int) {
-                const sig_atomic_t before = stops_returned;
+                const int before = stops_returned;
                 raise(SIGUSR1);
-                std::thread([] { raise(SIGUSR1); }).join();
-                support::answer(io, std::to_string(stops_returned - before) + (is_open(0) ? " open" : " closed"));
+                std::thread([] { ks_stop(signalled); }).join();
+                support::answer(io, (stops_returned == before + 1 ? "returned, " : "lost, ") +
+                                        std::string(is_open(0) ? "open" : "closed"));
                 return 0;
             },
             [](ks_handle* handle) { signalled = handle; });
         for (int i = 0; i < 3; ++i) {
             std::string reply;
             EXPECT_EQ(support::call(one.name(), "c", "", &reply), 0U) << mode;
-            EXPECT_EQ(reply, "2 open") << mode;
+            EXPECT_EQ(reply, "returned, open") << mode;
             EXPECT_TRUE(exists(one.path())) << mode;
         }
     }
     (void)signal(SIGUSR1, SIG_DFL);
+}
+
+// The handler runs when the child knows that the service is the parent's.
+TEST(ServiceProcessTest, SignalRightAfterTheForkOfAWorkerLeavesTheServiceAlone) {
+    const support::temp_dir dir;
+    const std::string name = "@" + dir.file("s");
+    EXPECT_EXIT(
+        {
+            support::end_within(std::chrono::seconds(60));
+            ks_signal(SIGUSR1, stop_signalled);
+            pthread_atfork(nullptr, nullptr, [] { (void)raise(SIGUSR1); });
+            signalled = ks_create(name.c_str(), 3, 2, echo);
+            ks_start(signalled);
+            std::string reply;
+            const bool good = support::call(name.c_str(), "c", "", &reply) == 0 && exists(dir.file("s"));
+            ks_free(signalled);
+            _exit(good ? 0 : 1);
+        },
+        testing::ExitedWithCode(0), "");
+}
+
+const support::gate* before_fork = nullptr; // where the producer waits, unless NULL
+std::atomic<int> forks = 0;
+
+#ifdef SYS_unlink // newer architectures have only the other one
+const std::vector<long> kUnlinks = {SYS_unlink, SYS_unlinkat};
+#else
+const std::vector<long> kUnlinks = {SYS_unlinkat};
+#endif
+
+// A thread of the program is inside ks_stop(), with the service's lock, while the producer restarts a worker. The new
+// worker has a lock of its own.
+TEST(ServiceProcessTest, WorkerForkedWhileTheServiceIsLockedCanStillCallStop) {
+    const support::temp_dir dir;
+    const std::string name = "@" + dir.file("s");
+    EXPECT_EXIT(
+        {
+            support::end_within(std::chrono::seconds(60));
+            const auto wait = [] {
+                if (before_fork != nullptr) {
+                    before_fork->pass();
+                }
+            };
+            pthread_atfork(
+                wait, [] { ++forks; }, nullptr);
+            support::supervised_calls calls(kUnlinks);
+            signalled = ks_create(name.c_str(), 3, 1, echo);
+            ks_worker_init(
+                signalled, [](void*) { ks_stop(signalled); }, nullptr);
+            ks_start(signalled);
+            const pid_t worker = only_worker(signalled);
+            siginfo_t info = {};
+            bool good = kill(worker, SIGKILL) == 0 && waitid(P_PID, (id_t)worker, &info, WEXITED | WNOWAIT) == 0;
+            const support::gate fork_gate;
+            const support::gate unlink_gate;
+            before_fork = &fork_gate;
+            const support::raw_caller caller(dir.file("s")); // the producer finds nobody to hand it to
+            good = good && fork_gate.await();
+            calls.hold_next(unlink_gate);
+            std::thread stopper([] { ks_stop(signalled); });
+            good = good && unlink_gate.await();
+            fork_gate.open();
+            good = good && eventually([] { return forks == 2; });
+            unlink_gate.open();
+            stopper.join();
+            ks_free(signalled);
+            _exit(good ? 0 : 1);
+        },
+        testing::ExitedWithCode(0), "");
 }
 
 } // namespace

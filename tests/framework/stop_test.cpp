@@ -4,11 +4,14 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <fcntl.h>
+#include <fstream>
+#include <iterator>
 #include <string>
 #include <sys/socket.h>
 #include <sys/syscall.h>
@@ -19,6 +22,7 @@
 namespace {
 
 using support::echo;
+using support::entry_of;
 using support::eventually;
 using support::service;
 
@@ -117,7 +121,7 @@ TEST(ServiceStopTest, StopDoesNotWaitForASilentInvitedCaller) {
 }
 
 volatile sig_atomic_t inside_start = 0;
-volatile sig_atomic_t stops_returned = 0;
+std::atomic<int> stops_returned = 0;
 void stop_it(int) {
     if (inside_start != 0) {
         ks_stop(signalled);
@@ -200,7 +204,7 @@ TEST(ServiceStopTest, StopFromASignalToTheProcessWhicheverThreadTakesIt) {
 
 void stop_signalled(int) {
     ks_stop(signalled);
-    stops_returned = stops_returned + 1;
+    ++stops_returned;
 }
 
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__) // with allocators of their own
@@ -216,7 +220,7 @@ TEST(ServiceStopTest, StopFromASignalHandlerInsideTheAllocator) {
                 support::end_within(std::chrono::seconds(60));
                 signalled = ks_create(name.c_str(), mode, 40, echo);
                 ks_start(signalled);
-                (void)signal(SIGSYS, stop_signalled);
+                ks_signal(SIGSYS, stop_signalled);
                 support::trap_system_call(SYS_brk);
                 for (int i = 0; stops_returned == 0 && i < 10000; ++i) {
                     void* volatile more = malloc(60000); // or the compiler does without it
@@ -233,11 +237,15 @@ TEST(ServiceStopTest, StopFromASignalHandlerInsideTheAllocator) {
 #endif
 
 ks_handle* inner = nullptr;
-void start_inner(int) {
+std::atomic<pthread_t> serves_both = {};
+int serve_inner(const char*, ks_io* io, int) {
+    ks_io_free(io);
+    serves_both = pthread_self();
     ks_start(inner);
+    return 0;
 }
 
-// A thread can serve one service while a handler on it serves another. Stopping the outer one there cannot wait for it.
+// A worker of one service can serve another in its callback. Stopping the outer one there cannot wait for it.
 TEST(ServiceStopTest, StopOfTheOuterServiceOnAThreadThatServesTwo) {
     const support::temp_dir dir;
     const std::string outer_name = "@" + dir.file("outer");
@@ -245,31 +253,17 @@ TEST(ServiceStopTest, StopOfTheOuterServiceOnAThreadThatServesTwo) {
     EXPECT_EXIT(
         {
             support::end_within(std::chrono::seconds(60));
-            signalled = ks_create(outer_name.c_str(), 4, 1, echo);
+            signalled = ks_create(outer_name.c_str(), 5, 1, serve_inner);
             inner = ks_create(inner_name.c_str(), 4, 1, echo);
-            (void)signal(SIGUSR1, start_inner);
-            (void)signal(SIGUSR2, stop_signalled);
-            std::atomic<pid_t> tid = 0;
-            std::thread runner([&tid] {
-                tid = gettid();
-                ks_start(signalled);
-            });
-            const auto serves = [&tid](const std::string& name) {
-                return eventually([&] {
-                    std::string reply;
-                    return support::call(name.c_str(), "c", "", &reply) == 0 && support::is_asleep(tid);
-                });
-            };
-            bool good = serves(outer_name);
-            pthread_kill(runner.native_handle(), SIGUSR1);
-            good = good && serves(inner_name);
-            pthread_kill(runner.native_handle(), SIGUSR2);
-            good = good && eventually([] { return stops_returned == 1; });
-            ks_stop(inner);
-            runner.join();
-            good = good && signalled->worker == nullptr && !exists(dir.file("outer"));
-            ks_free(signalled);
+            ks_signal(SIGUSR1, stop_signalled);
+            ks_start(signalled);
+            std::string reply;
+            bool good = support::call(outer_name.c_str(), "c", "", &reply) == 5; // hung up on
+            good = good && eventually([&] { return support::call(inner_name.c_str(), "c", "", &reply) == 0; });
+            pthread_kill(serves_both, SIGUSR1);
+            good = good && eventually([] { return stops_returned == 1; }) && !exists(dir.file("outer"));
             ks_free(inner);
+            ks_free(signalled); // waits for the callback
             _exit(good ? 0 : 1);
         },
         testing::ExitedWithCode(0), "");
@@ -284,7 +278,7 @@ TEST(ServiceStopTest, StopOfARunThatEndedByItself) {
     for (int round = 0; round < 2; ++round) {
         const auto before = support::open_descriptors();
         ks_start(handle);
-        ASSERT_EQ(shutdown(handle->worker[0].sockfd[0], SHUT_RDWR), 0);
+        ASSERT_EQ(shutdown(entry_of(handle, 0).sockfd[0], SHUT_RDWR), 0);
         EXPECT_TRUE(eventually([&] { return support::open_descriptors() == before; })) << "all is closed";
         EXPECT_FALSE(support::raw_caller(path).connected());
         EXPECT_NE(__atomic_load_n(&handle->worker, __ATOMIC_ACQUIRE), nullptr);
@@ -302,6 +296,29 @@ TEST(ServiceStopTest, StopOfARunThatEndedByItself) {
     EXPECT_TRUE(is_open(0));
 }
 
+// Each thread that nobody joins keeps its stack.
+TEST(ServiceStopTest, ThreadsAreJoinedByTheNextStartOrByFree) {
+    const auto mappings = [] {
+        std::ifstream maps("/proc/self/maps");
+        return std::count(std::istreambuf_iterator<char>(maps), std::istreambuf_iterator<char>(), '\n');
+    };
+    const support::temp_dir dir;
+    const std::string name = "@" + dir.file("s");
+    for (const int starts : {1, 100}) { // of each handle
+        const auto before = mappings();
+        for (int i = 0; i < 100; i += starts) {
+            ks_handle* handle = ks_create(name.c_str(), 5, 1, echo);
+            for (int n = 0; n < starts; ++n) {
+                ks_start(handle);
+                ks_stop(handle);
+            }
+            ks_free(handle);
+        }
+        EXPECT_LT(mappings() - before, 100) << "two each";
+    }
+    support::restore_stdin();
+}
+
 TEST(ServiceStopTest, LinkThatHangsUpLetsStartReturn) {
     const support::temp_dir dir;
     const std::string path = dir.file("s");
@@ -312,7 +329,7 @@ TEST(ServiceStopTest, LinkThatHangsUpLetsStartReturn) {
         std::string reply;
         return support::call(name.c_str(), "c", "", &reply) == 0;
     }));
-    ASSERT_EQ(shutdown(handle->worker[1].sockfd[0], SHUT_RDWR), 0);
+    ASSERT_EQ(shutdown(entry_of(handle, 1).sockfd[0], SHUT_RDWR), 0);
     runner.join();
     EXPECT_EQ(handle->worker, nullptr);
     EXPECT_EQ(handle->stopping, 0) << "nobody has stopped it";
