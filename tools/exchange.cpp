@@ -90,7 +90,6 @@ outcome exchange(const std::string& service, const std::string& command, unique_
     bool taken = false;
     while (ks_epoll_perform(epoll.get(), milliseconds_until(deadline), &code) == nullptr) {
         if (code == KS_TIMEOUT) {
-            ks_epoll_cancel(epoll.get(), request.get());
             break;
         }
         taken = true; // no request ended and no time-out: this pass sent ours
@@ -108,11 +107,10 @@ std::string read_all(ks_io* reply) {
     while (filled < text.size()) {
         const ssize_t count =
             pread(ks_io_fileno(reply), text.data() + filled, text.size() - filled, static_cast<off_t>(filled));
-        if (count > 0) {
-            filled += static_cast<size_t>(count);
-        } else if (count == 0 || errno != EINTR) {
+        if (count <= 0) {
             break;
         }
+        filled += static_cast<size_t>(count);
     }
     text.resize(filled);
     return text;

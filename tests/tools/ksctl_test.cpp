@@ -5,15 +5,18 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cerrno>
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <numeric>
 #include <sstream>
 #include <string>
 #include <sys/resource.h>
@@ -26,6 +29,7 @@
 
 namespace {
 
+using testing::ContainsRegex;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::MatchesRegex;
@@ -52,6 +56,8 @@ int serve(const char* command, ks_io* io, int fd) {
     } else if (what == "print") {
         (void)!write(fd, "printed", 7);
         reply = "done";
+    } else if (what == "test") {
+        reply = "tested";
     } else if (what == "has_fd") {
         reply = fd >= 0 ? "yes" : "no";
     }
@@ -136,6 +142,19 @@ int connect_to(const std::string& path) {
     return fd;
 }
 
+// -1 = the service has too many connections to accept already.
+int try_to_connect(const std::string& path) {
+    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    path.copy(address.sun_path, sizeof(address.sun_path) - 1);
+    if (connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0) {
+        return fd;
+    }
+    close(fd);
+    return -1;
+}
+
 std::string content_of(const std::string& path) {
     std::ifstream file(path, std::ios::binary);
     std::ostringstream text;
@@ -192,6 +211,7 @@ TEST_F(KsctlTest, PrettyIndentsJsonAndKeepsOrderAndNumbers) {
 )");
     EXPECT_EQ(ksctl({"call", name_, "echo", R"( {"a" : [ ] , "b":"\\"} )", "--pretty"}).out,
               "{\n  \"a\": [],\n  \"b\": \"\\\\\"\n}\n");
+    EXPECT_EQ(ksctl({"call", name_, "echo", " 1.50", "--pretty"}).out, "1.50\n") << "a bare number is JSON, too";
 }
 
 TEST_F(KsctlTest, PrettyLeavesWhatIsNotJsonAlone) {
@@ -290,6 +310,7 @@ TEST_F(KsctlTest, ArgumentsTooLongForTheProtocolAreStatus17) {
     EXPECT_THAT(command.err, StartsWith("ksctl: bad argument: "));
     EXPECT_EQ(ksctl({"call", name_, std::string(256, 'c')}).status, 12);
     EXPECT_EQ(ksctl({"path", ""}).status, 17);
+    EXPECT_EQ(ksctl({"path", "@"}).status, 17);
 }
 
 TEST_F(KsctlTest, RequestThatWasTakenButNotAnsweredIsStatus18) {
@@ -398,6 +419,33 @@ TEST_F(KsctlTest, WaitReturnsOnceTheServiceIsThere) {
     EXPECT_EQ(wait.wait().status, 0);
 }
 
+// Somebody listens, but takes no more connections.
+TEST_F(KsctlTest, FullServiceIsListedAndNotTakenForAccepting) {
+    std::filesystem::create_directories("/var/run/ks");
+    raw_service full("/var/run/ks/A9993E36.sock");
+    std::vector<int> callers;
+    do {
+        callers.push_back(try_to_connect("/var/run/ks/A9993E36.sock"));
+    } while (callers.back() >= 0);
+    callers.pop_back();
+    EXPECT_EQ(ksctl({"list"}).out, "/var/run/ks/A9993E36.sock   full  -\n");
+    EXPECT_EQ(ksctl({"wait", "abc", "--timeout", "0.1"}).status, 11);
+    EXPECT_EQ(ksctl({"listen", "abc"}).status, 1);
+    for (const int caller : callers) {
+        close(caller);
+    }
+    std::filesystem::remove("/var/run/ks/A9993E36.sock");
+}
+
+TEST_F(KsctlTest, ListTellsWhenThereIsNoFolderToRead) {
+    std::filesystem::remove_all("/var/run/ks");
+    std::ofstream("/var/run/ks") << "not a folder";
+    const finished list = ksctl({"list"});
+    EXPECT_EQ(list.status, 1);
+    EXPECT_EQ(list.err, "ksctl: cannot read /var/run/ks: Not a directory\n");
+    std::filesystem::remove("/var/run/ks");
+}
+
 TEST_F(KsctlTest, WaitGivesUpAtItsTimeout) {
     const finished wait = ksctl({"wait", name_, "--timeout", "0.1"});
     EXPECT_EQ(wait.status, 11);
@@ -413,6 +461,8 @@ TEST_F(KsctlTest, ListenPrintsEachRequestAsItComesAndAnswers) {
     EXPECT_EQ(listen.read_line(), R"(notify_event {"a":1})");
     EXPECT_EQ(ksctl({"call", name_, "two", "a\nb\tc\x01"}).status, 0);
     EXPECT_EQ(listen.read_line(), R"(two a\nb\tc\x01)");
+    EXPECT_EQ(ksctl({"call", name_, "edges", "\rd\x1F ~\x7F\xC3\xA9\r\n\r"}).status, 0);
+    EXPECT_EQ(listen.read_line(), "edges \\rd\\x1F ~\\x7F\xC3\xA9");
     EXPECT_EQ(ksctl({"call", name_, "empty"}).status, 0);
     EXPECT_EQ(listen.read_line(), "empty");
     listen.kill(SIGTERM);
@@ -431,6 +481,35 @@ TEST_F(KsctlTest, ListenEndsAfterItsCountAndAnswersBracesByDefault) {
     const finished ended = listen.wait();
     EXPECT_EQ(ended.status, 0);
     EXPECT_EQ(ended.out, "first\nsecond\n");
+}
+
+TEST_F(KsctlTest, ListenServesNoMoreThanItsCount) {
+    running_program listen({KSCTL_PROGRAM, "listen", name_, "--count", "1"});
+    ASSERT_EQ(ksctl({"wait", name_}).status, 0);
+    std::atomic<int> answered = 0;
+    std::vector<std::thread> callers;
+    for (int i = 0; i < 20; ++i) {
+        callers.emplace_back(
+            [&] { answered += ks_ez_call(name_.c_str(), "c", nullptr, 0, nullptr, nullptr, 60, -1) == KS_OK; });
+    }
+    for (std::thread& each : callers) {
+        each.join();
+    }
+    EXPECT_EQ(answered, 1);
+    EXPECT_EQ(listen.wait().out, "c\n");
+}
+
+TEST_F(KsctlTest, ListenMakesOneFolderForItsSocket) {
+    const std::string name = "@" + folder_ + "/new/s";
+    running_program listen({KSCTL_PROGRAM, "listen", name});
+    EXPECT_EQ(ksctl({"wait", name}).status, 0);
+    EXPECT_EQ(ksctl({"call", name, "c"}).out, "{}");
+}
+
+TEST_F(KsctlTest, ListenSaysWhereItCannotPublish) {
+    const finished read_only = ksctl({"listen", "@/sys/s"});
+    EXPECT_EQ(read_only.status, 1);
+    EXPECT_EQ(read_only.err, "ksctl: cannot publish /sys/s: /sys: Read-only file system\n");
 }
 
 TEST_F(KsctlTest, ListenEndsOnInterrupt) {
@@ -475,6 +554,36 @@ TEST_F(KsctlTest, PingPrintsALineForEachCallAndStatistics) {
                              "p50/p90/p99 [0-9.]+/[0-9.]+/[0-9.]+ ms\n"));
 }
 
+TEST_F(KsctlTest, PingCallsTestFourTimesIfNotToldOtherwise) {
+    start_service(name_);
+    EXPECT_THAT(ksctl({"ping", name_}).out, MatchesRegex("(.: 6 bytes in [0-9.]+ ms\n){4}4 calls, 4 answered.*\n"));
+}
+
+// The statistics are those of the times that were printed; the percentiles are some of them.
+TEST_F(KsctlTest, PingReckonsByTheNearestRank) {
+    start_service(name_);
+    for (const size_t count : {1, 10}) {
+        std::istringstream lines(ksctl({"ping", name_, "-c", std::to_string(count)}).out);
+        std::vector<double> times;
+        std::string line;
+        for (size_t i = 0; i < count && std::getline(lines, line); ++i) {
+            times.push_back(std::stod(line.substr(line.find(" in ") + 4)));
+        }
+        ASSERT_EQ(times.size(), count);
+        std::sort(times.begin(), times.end());
+        std::getline(lines, line);
+        double average = 0;
+        std::array<char, 512> expected{};
+        ASSERT_EQ(sscanf(line.c_str(), "%*u calls, %*u answered, min/avg/max %*f/%lf/", &average), 1) << line;
+        EXPECT_NEAR(average, std::accumulate(times.begin(), times.end(), 0.0) / static_cast<double>(count), 0.002);
+        (void)snprintf(expected.data(), expected.size(),
+                       "%zu calls, %zu answered, min/avg/max %.3f/%.3f/%.3f ms, p50/p90/p99 %.3f/%.3f/%.3f ms", count,
+                       count, times.front(), average, times.back(), times[count == 1 ? 0 : 4],
+                       times[count == 1 ? 0 : 8], times.back());
+        EXPECT_EQ(line, expected.data());
+    }
+}
+
 TEST_F(KsctlTest, PingOfAPausedServiceHasNoTimes) {
     start_service(name_);
     ks_pause(service_);
@@ -508,6 +617,15 @@ TEST_F(KsctlTest, HelpOfEachCommandEndsWithAnExample) {
         EXPECT_EQ(help.status, 0);
         EXPECT_THAT(help.out, HasSubstr(std::string("\nExample:\n  ksctl ") + command));
     }
+    EXPECT_THAT(ksctl({"call", "--help"}).out, ContainsRegex("--timeout S[^ ]*=30 "));
+    EXPECT_THAT(ksctl({"wait", "--help"}).out, ContainsRegex("--timeout S[^ ]*=30 "));
+    EXPECT_THAT(ksctl({"ping", "--help"}).out, ContainsRegex("--timeout S[^ ]*=5 "));
+}
+
+TEST_F(KsctlTest, HelpThatCannotBeWrittenIsStatus1) {
+    const finished help = run_program({"/bin/sh", "-c", R"(exec "$0" --help > /dev/full)", KSCTL_PROGRAM});
+    EXPECT_EQ(help.status, 1);
+    EXPECT_EQ(help.err, "ksctl: cannot write to standard output: No space left on device\n");
 }
 
 TEST_F(KsctlTest, VersionIsPrinted) {

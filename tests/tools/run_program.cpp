@@ -46,7 +46,15 @@ running_program::running_program(const std::vector<std::string>& argv) {
         arguments.push_back(const_cast<char*>(each.c_str()));
     }
     arguments.push_back(nullptr);
-    EXPECT_EQ(posix_spawn(&pid_, arguments[0], &actions, nullptr, arguments.data(), environ), 0) << argv[0];
+    // A service in this process ignores signals, which programs would inherit.
+    posix_spawnattr_t attributes;
+    posix_spawnattr_init(&attributes);
+    sigset_t all;
+    sigfillset(&all);
+    posix_spawnattr_setsigdefault(&attributes, &all);
+    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGDEF);
+    EXPECT_EQ(posix_spawn(&pid_, arguments[0], &actions, &attributes, arguments.data(), environ), 0) << argv[0];
+    posix_spawnattr_destroy(&attributes);
     posix_spawn_file_actions_destroy(&actions);
     ::close(pipes[0][0]);
     ::close(pipes[1][1]);
