@@ -62,7 +62,10 @@ TEST(InstanceTest, NobodyElseRunsUnderAFreshName) {
     EXPECT_FALSE(ks_reentried("/opt/no-such-prog"));
 }
 
-TEST(InstanceTest, ANameIsNeeded) {
+TEST(InstanceTest, ANameIsNeededAndOneLetterIsEnough) {
+    const named_process nameless("");
+    const named_process letter("~");
+    EXPECT_TRUE(ks_reentried("~"));
     EXPECT_FALSE(ks_reentried(nullptr));
     EXPECT_FALSE(ks_reentried(""));
 }

@@ -128,17 +128,17 @@ TEST_F(RelaysTest, OnlyAReturnFlagOf1MeansTrue) {
     }
 }
 
-// Year to minute of `json`'s time.
-std::string minute_of(const std::string& json) {
-    return json.substr(json.find(R"("evbus_time":")") + 14, 14);
+// Year to second of `json`'s time.
+std::string second_of(const std::string& json) {
+    return json.substr(json.find(R"("evbus_time":")") + 14, 17);
 }
 
-std::string minute_in(int hours_east) {
+std::string second_in(int hours_east) {
     const time_t now = time(nullptr) + time_t{hours_east} * 3600;
     tm parts = {};
     gmtime_r(&now, &parts);
     char text[32];
-    (void)strftime(text, sizeof(text), "%y/%m/%d %H:%M", &parts);
+    (void)strftime(text, sizeof(text), "%y/%m/%d %H:%M:%S", &parts);
     return text;
 }
 
@@ -150,11 +150,11 @@ TEST_F(RelaysTest, ANotificationCarriesTheLocalTimeAlsoAfterTheZoneChanged) {
         std::string after;
         std::string sent;
         size_t count = notify_listener::wait_for(0).size();
-        do { // a minute may end in between
-            before = minute_in(hours_east);
+        do { // a second may end in between
+            before = second_in(hours_east);
             notify_handler(host_record::notification(1, 1, 1, "").data());
-            sent = minute_of(notify_listener::wait_for(++count).back().second);
-            after = minute_in(hours_east);
+            sent = second_of(notify_listener::wait_for(++count).back().second);
+            after = second_in(hours_east);
         } while (before != after);
         EXPECT_EQ(sent, before) << hours_east;
     }
