@@ -112,6 +112,10 @@ TEST_F(ChildTest, HasNoneOfTheRunnersDescriptorsWhereNothingClosesThem) {
         EXPECT_EQ(line_of(read_file(out), "fds"), "0 1 2 ");
         EXPECT_EQ(lyn_vexprod_corvo_exec(out.c_str(), out.c_str(), nullptr, CHILD_PROBE, "report", nullptr), 0);
         EXPECT_EQ(line_of(read_file(out), "fds"), "0 1 2 ");
+        EXPECT_EQ(lyn_vexprod_corvo_exec(nullptr, out.c_str(), nullptr, "/bin/sh", "-c", "exec \"$0\" report >&2",
+                                         CHILD_PROBE, nullptr),
+                  0);
+        EXPECT_EQ(line_of(read_file(out), "fds"), "0 1 2 ");
         const unique_pipe reader(
             lyn_vexprod_corvo_popen_v2(nullptr, nullptr, nullptr, "r", CHILD_PROBE, "report", nullptr));
         EXPECT_EQ(line_of(read_stream(reader.get()), "fds"), "0 1 2 ");
