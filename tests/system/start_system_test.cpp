@@ -233,11 +233,11 @@ TEST_F(StartSystemTest, WithoutItsStandardStreamsItServesAndLeavesTheirNumbersAl
         }));
         for (int fd = first_closed; fd <= STDERR_FILENO; ++fd) {
             const std::string name = "/proc/" + std::to_string(daemon.pid()) + "/fd/" + std::to_string(fd);
-            if (fd == STDOUT_FILENO) { // the null device from the first request's end on
-                EXPECT_TRUE(wait_until([&] { return std::filesystem::is_symlink(name); })) << first_closed;
-            } else {
-                EXPECT_FALSE(std::filesystem::is_symlink(name)) << fd << " of " << first_closed;
-            }
+            // The null device is standard output from the first request's end on. The other two are taken only for the
+            // moment in which a new descriptor is moved up, which the end of a request may still see.
+            const bool is_taken = fd == STDOUT_FILENO;
+            EXPECT_TRUE(wait_until([&] { return std::filesystem::is_symlink(name) == is_taken; }))
+                << fd << " of " << first_closed;
         }
     }
 }
