@@ -163,6 +163,7 @@ TEST(ProducerTest, PausedTurnsNewCallersAwayAndKeepsTheWaiting) {
     const size_t sockets = support::open_sockets();
     held_request busy(one.path());
     const auto waiting = accepted_caller(one.path(), sockets + 4); // both ends of both connections
+    (void)accepted_caller(one.path(), sockets + 6);                // once this one is accepted, that one has its place
     ks_pause(one.handle());
     for (int i = 0; i < 3; ++i) {
         const raw_caller refused(one.path());

@@ -69,6 +69,16 @@ private:
     pid_t pid_;
 };
 
+/// How many sockets a process has open.
+inline size_t sockets_of(pid_t pid) {
+    size_t count = 0;
+    for (const auto& fd : std::filesystem::directory_iterator("/proc/" + std::to_string(pid) + "/fd")) {
+        std::error_code closed; // meanwhile
+        count += std::filesystem::read_symlink(fd, closed).string().starts_with("socket:") ? 1 : 0;
+    }
+    return count;
+}
+
 /// How often `part` stands in `text`.
 inline size_t count_of(const std::string& text, const std::string& part) {
     size_t count = 0;
