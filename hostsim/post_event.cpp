@@ -30,19 +30,19 @@ constexpr int kBadArguments = 2;
 
 enum class form { number32, number64, text };
 
-/// One field of a record. Offsets count from the record's first byte, which belongs to the type word.
+// One field of a record. Offsets count from the record's first byte, which belongs to the type word.
 struct field {
     std::string_view option;
     form as;
     size_t offset;
-    size_t size; ///< With the NUL that ends a text.
+    size_t size; // With the NUL that ends a text.
 };
 
 struct kind {
     std::string_view name;
     int queue;
-    int64_t type; ///< The type word, 8 bytes at offset 0.
-    size_t size;  ///< Of the whole record.
+    int64_t type; // The type word, 8 bytes at offset 0.
+    size_t size;  // Of the whole record.
     std::vector<field> fields;
 };
 

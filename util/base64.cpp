@@ -24,7 +24,6 @@ constexpr auto kDigitValues = digit_values();
 
 void base64_encode(const std::string& in, std::string& out) {
     std::string encoded;
-    encoded.reserve((in.size() + 2) / 3 * 4);
     for (std::size_t i = 0; i < in.size(); i += 3) {
         const std::size_t count = std::min<std::size_t>(3, in.size() - i);
         std::uint32_t bits = 0;
@@ -46,7 +45,6 @@ std::string base64_text(const std::string& text) {
 
 void base64_decode(const std::string& in, std::string& out) {
     std::string decoded;
-    decoded.reserve(in.size() / 4 * 3 + 2);
     std::uint32_t bits = 0;
     unsigned bit_count = 0; // of `bits`, those not written yet
     for (const char c : in) {

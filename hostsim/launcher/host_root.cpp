@@ -28,7 +28,7 @@ const std::string kBase = "/run";
 const std::string kRoot = kBase + "/root";
 const std::string kLayer = kBase + "/layer";
 
-/// A file or directory of the machine that is to appear at the same path inside.
+// A file or directory of the machine that is to appear at the same path inside.
 struct held_path {
     std::string path;
     unique_fd fd;
@@ -49,7 +49,7 @@ void make_directory(const std::string& path, mode_t mode) {
     check(chmod(path.c_str(), mode) == 0, "chmod " + path);
 }
 
-/// Makes an empty file, the mount point of a file or a stand-in for a device.
+// Makes an empty file, the mount point of a file or a stand-in for a device.
 void make_file(const std::string& path, mode_t mode) {
     const unique_fd file(open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, mode));
     check(file.ok(), "create " + path);
@@ -62,7 +62,7 @@ void set_read_only(const std::string& path) {
           "make read-only " + path);
 }
 
-/// Binds what is held, with all that is mounted below it, at the same path of the new root.
+// Binds what is held, with all that is mounted below it, at the same path of the new root.
 void bind_held(const held_path& held) {
     const std::string target = kRoot + held.path;
     struct stat status {};
@@ -76,12 +76,12 @@ void bind_held(const held_path& held) {
     check(mount(source.c_str(), target.c_str(), nullptr, MS_BIND | MS_REC, nullptr) == 0, "bind " + held.path);
 }
 
-/// True when `path` is `folder` or lies below it.
+// True when `path` is `folder` or lies below it.
 bool is_within(const std::string& path, const std::string& folder) {
     return path == folder || path.compare(0, folder.size() + 1, folder + "/") == 0;
 }
 
-/// A copy-on-write view of the machine's `folder` at the same path of the new root, with the layer over it.
+// A copy-on-write view of the machine's `folder` at the same path of the new root, with the layer over it.
 bool overlay(const std::string& folder, const host_view& view, int number) {
     const std::string upper = kBase + "/upper" + std::to_string(number);
     const std::string work = kBase + "/work" + std::to_string(number);
@@ -94,7 +94,7 @@ bool overlay(const std::string& folder, const host_view& view, int number) {
     return mount("hostsim", (kRoot + folder).c_str(), "overlay", 0, options.c_str()) == 0;
 }
 
-/// The machine's further disk mounts: an overlay shows one file system, so each needs a view of its own.
+// The machine's further disk mounts: an overlay shows one file system, so each needs a view of its own.
 std::vector<std::string> further_mounts(const host_view& view) {
     static const std::set<std::string> kNoFiles = {"autofs", "nsfs", "cgroup", "cgroup2", "proc", "sysfs", "devpts"};
     std::vector<std::string> found;
@@ -132,8 +132,8 @@ void mount_machine_root(const host_view& view, const std::vector<std::string>& f
     }
 }
 
-/// The same for an ordinary user. A user namespace may not look below the mounts it was given, so "/" with its mounts
-/// cannot be overlaid as a whole; each of its folders is, and those that hold mounts are shown read-only.
+// The same for an ordinary user. A user namespace may not look below the mounts it was given, so "/" with its mounts
+// cannot be overlaid as a whole; each of its folders is, and those that hold mounts are shown read-only.
 void mount_machine_folders(const host_view& view) {
     static const std::set<std::string> kMadeLater = {"/proc", "/sys", "/dev", "/run", "/tmp"};
     do_mount("hostsim", kRoot, "tmpfs", MS_NOSUID | MS_NODEV, "mode=0755"); // pivot_root wants a mount
@@ -161,8 +161,8 @@ void mount_machine_folders(const host_view& view) {
     }
 }
 
-/// A private /dev: the machine's harmless devices, and an ordinary file for the kernel log so that crash reports can be
-/// read by tests and never reach the machine's log.
+// A private /dev: the machine's harmless devices, and an ordinary file for the kernel log so that crash reports can be
+// read by tests and never reach the machine's log.
 void mount_devices(const std::vector<held_path>& devices) {
     const std::string dev = kRoot + "/dev";
     do_mount("hostsim", dev, "tmpfs", MS_NOSUID, "mode=0755");

@@ -14,12 +14,12 @@ namespace fs = std::filesystem;
 
 namespace {
 
-/// Where the machine really keeps `path`: its parent with links resolved as far as it exists.
+// Where the machine really keeps `path`: its parent with links resolved as far as it exists.
 fs::path machine_path(const fs::path& path) {
     return fs::weakly_canonical(path.parent_path()) / path.filename();
 }
 
-/// Makes the parents of `path` inside the layer, owned by root and open to all readers.
+// Makes the parents of `path` inside the layer, owned by root and open to all readers.
 void make_parents(const fs::path& path) {
     fs::create_directories(path.parent_path());
 }

@@ -27,13 +27,13 @@ namespace {
 constexpr int kCannotEnter = 125;
 constexpr std::array kForwarded = {SIGHUP, SIGINT, SIGQUIT, SIGTERM, SIGUSR1, SIGUSR2};
 
-/// How signals stood when we were started; the command gets them back like that.
+// How signals stood when we were started; the command gets them back like that.
 struct signal_state {
     sigset_t mask;
     struct sigaction on_child;
 };
 
-/// Blocks the signals that wait_and_forward() takes, and makes children collectable.
+// Blocks the signals that wait_and_forward() takes, and makes children collectable.
 signal_state take_signals() {
     signal_state before{};
     sigset_t taken;
@@ -49,8 +49,8 @@ signal_state take_signals() {
     return before;
 }
 
-/// Waits for `child`, collecting any other child on the way and passing signals on to it.
-/// @return the child's exit status, 128+n when signal n ended it.
+// Waits for `child`, collecting any other child on the way and passing signals on to it.
+// @return the child's exit status, 128+n when signal n ended it.
 int wait_and_forward(pid_t child) {
     sigset_t taken;
     sigemptyset(&taken);
@@ -81,7 +81,7 @@ void write_file(const char* path, const std::string& text) {
           std::string("write ") + path);
 }
 
-/// Inside a fresh user namespace: be root here, the caller outside.
+// Inside a fresh user namespace: be root here, the caller outside.
 void map_root(uid_t uid, gid_t gid) {
     write_file("/proc/self/setgroups", "deny");
     write_file("/proc/self/uid_map", "0 " + std::to_string(uid) + " 1");
@@ -97,7 +97,7 @@ void map_root(uid_t uid, gid_t gid) {
     _exit(status);
 }
 
-/// Process 1 of the host. Its return value is the command's status.
+// Process 1 of the host. Its return value is the command's status.
 int inner(const host_view& view, char** command, const signal_state& before, int outer_alive_fd) {
     // Dies with the outer process. The pipe tells whether that one was gone before the request was made.
     prctl(PR_SET_PDEATHSIG, SIGKILL);
@@ -120,7 +120,7 @@ int inner(const host_view& view, char** command, const signal_state& before, int
     return wait_and_forward(child);
 }
 
-/// A fork into new namespaces. Root needs no user namespace; anyone else, and a root without the right to mount, does.
+// A fork into new namespaces. Root needs no user namespace; anyone else, and a root without the right to mount, does.
 pid_t fork_into_namespaces(bool* ret_user_namespace) {
     constexpr long kNamespaces = CLONE_NEWNS | CLONE_NEWPID | CLONE_NEWIPC | SIGCHLD;
     *ret_user_namespace = false;

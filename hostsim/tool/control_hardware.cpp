@@ -12,7 +12,7 @@ namespace {
 
 constexpr const char* kProductData = "/etc/vpd.conf";
 
-/// The value of `name` in a selector such as "offset=0,length=8", or "".
+// The value of `name` in a selector such as "offset=0,length=8", or "".
 std::string selected(const std::string& selector, const std::string& name) {
     const std::string padded = "," + selector + ",";
     const auto start = padded.find("," + name + "=");

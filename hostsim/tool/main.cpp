@@ -20,7 +20,7 @@ long number(const std::string& text) {
     return std::strtol(text.c_str(), nullptr, 10);
 }
 
-/// Ends the process by `signal`, even one that it was started with ignored or blocked.
+// Ends the process by `signal`, even one that it was started with ignored or blocked.
 void end_by(int signal) {
     sigset_t one;
     sigemptyset(&one);
@@ -30,7 +30,7 @@ void end_by(int signal) {
     (void)raise(signal);
 }
 
-/// Answers as the knobs say, or does the job. @return the exit status.
+// Answers as the knobs say, or does the job. @return the exit status.
 int answer(const tool& self, const tool_files& files, const arguments& args) {
     if (const auto delay = files.knob("delay_ms")) {
         std::this_thread::sleep_for(std::chrono::milliseconds(number(*delay)));

@@ -7,7 +7,7 @@
 
 namespace {
 
-/// Becomes `program`. @return the exit status of one that is not installed.
+// Becomes `program`. @return the exit status of one that is not installed.
 int become(const char* program, const arguments& args) {
     std::vector<char*> argv = {const_cast<char*>(program)};
     for (const std::string& argument : args) {

@@ -39,7 +39,7 @@ void write_file(const std::string& path, const std::string& bytes) {
     }
 }
 
-/// Like the kernel's own lists of words: each is followed by a NUL.
+// Like the kernel's own lists of words: each is followed by a NUL.
 std::string nul_separated(char* const* words) {
     std::string joined;
     for (; *words != nullptr; ++words) {
@@ -48,7 +48,7 @@ std::string nul_separated(char* const* words) {
     return joined;
 }
 
-/// All of standard input when it has an end: a file or a pipe.
+// All of standard input when it has an end: a file or a pipe.
 std::string read_standard_input() {
     struct stat status {};
     if (fstat(STDIN_FILENO, &status) != 0 || !(S_ISREG(status.st_mode) || S_ISFIFO(status.st_mode))) {
@@ -62,7 +62,7 @@ std::string read_standard_input() {
     return all;
 }
 
-/// The lines of our status that tell which signals were blocked and ignored at the start.
+// The lines of our status that tell which signals were blocked and ignored at the start.
 std::string signal_lines() {
     std::istringstream status(read_file("/proc/self/status").value_or(""));
     std::string lines;
@@ -74,7 +74,7 @@ std::string signal_lines() {
     return lines;
 }
 
-/// One line "number target" for each open descriptor.
+// One line "number target" for each open descriptor.
 std::string open_descriptors() {
     std::string lines;
     const std::unique_ptr<DIR, close_dir> listing(opendir("/proc/self/fd"));

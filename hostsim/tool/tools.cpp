@@ -49,7 +49,7 @@ constexpr std::array kTools = std::to_array<tool>({
 });
 // clang-format on
 
-/// The path with the links in its folder resolved: on many systems /sbin leads to /usr/sbin.
+// The path with the links in its folder resolved: on many systems /sbin leads to /usr/sbin.
 fs::path real_path(const fs::path& path) {
     std::error_code missing;
     const fs::path folder = fs::canonical(path.parent_path(), missing);
@@ -78,7 +78,7 @@ const tool* running_tool() {
     return &cover;
 }
 
-/// Succeeds quietly.
+// Succeeds quietly.
 int succeed(const arguments& /*args*/) {
     return 0;
 }

@@ -6,6 +6,8 @@
 #include "scoped.h"
 #include "unique_fd.h"
 
+#include <gtest/gtest.h>
+
 #include <cstddef>
 #include <cstdlib>
 #include <exception>
@@ -25,7 +27,7 @@ inline std::string escaped_error;
 
 inline int run_asked_handler(const char* /*command*/, ks_io* io, int fd) {
     try {
-        asked_handler(io, fd);
+        EXPECT_EQ(asked_handler(io, fd), 0);
     } catch (const std::exception& error) {
         static std::mutex mutex;
         const std::lock_guard lock(mutex);

@@ -9,7 +9,7 @@ namespace {
 
 class HostConfigTool : public testing::Test {
 protected:
-    /// What the tool prints for [section] field of a file with `content`; "missing\n" is the default.
+    // What the tool prints for [section] field of a file with `content`; "missing\n" is the default.
     static std::string value_of(const std::string& content, const std::string& section, const std::string& field) {
         write_file("/etc/test.conf", content);
         const auto result = shell("/sbin/cfgread '" + section + "' '" + field + "' -c -d missing -f /etc/test.conf");

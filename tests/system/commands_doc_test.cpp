@@ -31,7 +31,7 @@ using testing::IsEmpty;
 
 constexpr const char* kRecords = "/var/lib/hostsim/calls";
 
-/// "`CODE`" at the beginning of `text`, behind `word`.
+// "`CODE`" at the beginning of `text`, behind `word`.
 std::optional<std::string> code_after(const std::string& text, const std::string& word) {
     if (!text.starts_with(word + "`")) {
         return std::nullopt;
@@ -40,7 +40,7 @@ std::optional<std::string> code_after(const std::string& text, const std::string
     return text.substr(begin, text.find('`', begin) - begin);
 }
 
-/// `text` with the request's values and the registry's in place of "<NAME>".
+// `text` with the request's values and the registry's in place of "<NAME>".
 std::string filled(std::string text, const documented_command& command) {
     const Json::Value request = parsed(command.request);
     std::map<std::string, std::string> values = {{"Install_Path", "/share/VexHubServer"},
@@ -62,7 +62,7 @@ std::string filled(std::string text, const documented_command& command) {
     return text;
 }
 
-/// A tool's path as its records are filed, and its arguments, each behind a line feed.
+// A tool's path as its records are filed, and its arguments, each behind a line feed.
 struct tool_use {
     std::string tool;
     std::string arguments;
@@ -84,7 +84,7 @@ tool_use documented_use(const documented_command& command, const documented_line
     return use;
 }
 
-/// How "Reads `FILE` `SECTION` `FIELD`" is done.
+// How "Reads `FILE` `SECTION` `FIELD`" is done.
 tool_use setting_use(const documented_line& line) {
     return {"_sbin_cfgread",
             "\n" + line.code.at(1) + "\n" + line.code.at(2) + "\n-c\n-d\nCFGREAD_FAILD\n-f\n" + line.code.at(0)};
@@ -94,7 +94,7 @@ struct recorded_use : tool_use {
     bool empty_environment;
 };
 
-/// All that the host's tools were called for since the records were cleared.
+// All that the host's tools were called for since the records were cleared.
 std::vector<recorded_use> recorded_uses() {
     std::vector<recorded_use> uses;
     for (const auto& tool : fs::directory_iterator(kRecords)) {
@@ -125,7 +125,7 @@ bool is_use(const tool_use& documented, const tool_use& recorded) {
     return documented.tool == recorded.tool && fits(documented.arguments, recorded.arguments);
 }
 
-/// Compares what the example did on the host with the entry's lines.
+// Compares what the example did on the host with the entry's lines.
 void expect_documented_uses(const documented_command& command) {
     std::vector<tool_use> certain;
     std::vector<tool_use> settings;
@@ -184,7 +184,7 @@ protected:
         clear_records();
         return send(command, command.request);
     }
-    /// A request that is not the example's has to be refused with a reply that the entry shows.
+    // A request that is not the example's has to be refused with a reply that the entry shows.
     void expect_refused(const documented_command& command, const std::string& request) {
         provide_all(command);
         const answer got = send(command, request);

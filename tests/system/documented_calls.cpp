@@ -26,7 +26,7 @@ std::string with_newlines(std::string text) {
     return text;
 }
 
-/// What "Given: file `PATH` ends with `TEXT`" and its like ask for; `text` is what follows the path.
+// What "Given: file `PATH` ends with `TEXT`" and its like ask for; `text` is what follows the path.
 void provide(const documented_line& given) {
     std::string rest = given.text;
     const std::size_t begin = rest.find('`');

@@ -133,7 +133,7 @@ private:
     unique_fd end_;
 };
 
-// The C library's choice where the kernel has no such call of its own.
+/// The C library's choice where the kernel has no such call of its own.
 #ifdef SYS_pause
 inline constexpr long kPause = SYS_pause;
 inline constexpr long kEpollWait = SYS_epoll_wait;
