@@ -136,6 +136,11 @@ void give_way_to(pid_t dumping) {
     }
 }
 
+// Before each step that takes something away: what a crash leaves behind stays.
+void let_a_report_be_written() {
+    give_way_to(__atomic_load_n(&ending_thread, __ATOMIC_SEQ_CST));
+}
+
 void install_signal_handlers() {
     void* frame = nullptr;
     (void)backtrace(&frame, 1); // the first call loads the unwinder, which a crash handler had better find loaded
@@ -236,6 +241,7 @@ void idle() {
 
 void stop_and_destroy(std::unique_ptr<T_MSGQ_service>* relay) {
     if (*relay) {
+        let_a_report_be_written();
         (*relay)->server_stop();
         relay->reset();
     }
@@ -246,6 +252,7 @@ void stop_and_destroy(std::unique_ptr<T_MSGQ_service>* relay) {
 void free_all_obj() {
     wait_until_up(main_thread);
     wait_until_up(mail_thread);
+    let_a_report_be_written();
     ks_stop(ks_service_handle);
     dbg_printf2("[%s][%d] is_terminate", __func__, __LINE__);
     // Both may be waiting for the notification service: together, not one after the other.
@@ -305,7 +312,6 @@ int run_daemon(int argc, char** argv) {
     start_detached(pthread_ks_start, &main_thread);
     start_detached(pthread_ks_send_mail_start, &mail_thread);
     idle();
-    give_way_to(__atomic_load_n(&ending_thread, __ATOMIC_SEQ_CST));
     free_all_obj();
     give_way_to(claim_end());
     return 0;

@@ -22,7 +22,7 @@ constexpr std::size_t kLineLimit = 127; // characters of the tool's answer that 
 } // namespace
 
 int ks_get_ini_info(const char* file, const char* section, const char* field, std::string& value) {
-    std::vector<std::string> arguments = {"cfgread", section, field, "-c", "-d", kMissing};
+    std::vector<std::string> arguments = {base_name(kConfigReader), section, field, "-c", "-d", kMissing};
     if (file != nullptr) {
         arguments.insert(arguments.end(), {"-f", file});
     }

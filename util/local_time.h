@@ -5,8 +5,7 @@
 #include <ctime>
 
 /// What localtime(3) makes of `second`, without its static record. While another thread changes the environment, which
-/// TZ is read from, the zone of a moment ago will do: nothing waits here, so it may run in a signal handler's dump.
-/// Any thread.
+/// TZ is read from, the zone of a moment ago will do, so no lock of ours is waited for. Any thread.
 std::tm local_time(std::time_t second);
 
 #endif

@@ -33,11 +33,28 @@ bool trace_failed_output(FILE* trace, const char* file, const unique_fd& output)
     return false;
 }
 
+// The input, if one is named.
+bool open_named_input(const redirections& files, FILE* trace, child_streams* streams) noexcept {
+    if (files.stdin_file == nullptr) {
+        return true;
+    }
+    streams->in = open_input(files.stdin_file);
+    if (!streams->in.ok() && trace != nullptr) {
+        (void)std::fprintf(trace, "open %s failed\n", files.stdin_file);
+    }
+    return streams->in.ok();
+}
+
 } // namespace
 
 bool open_redirections(const redirections& files, FILE* trace, child_streams* streams) noexcept {
+    // Beside a pipe for the output the input comes first: where it is missing, an error file keeps what is in it.
+    const bool has_output = streams->out.ok();
+    if (has_output && !open_named_input(files, trace, streams)) {
+        return false;
+    }
     bool shared = false;
-    if (!streams->out.ok()) {
+    if (!has_output) {
         streams->out = open_output(files.stdout_file);
         if (!streams->out.ok()) {
             return trace_failed_output(trace, files.stdout_file, streams->out);
@@ -52,16 +69,7 @@ bool open_redirections(const redirections& files, FILE* trace, child_streams* st
     if (!streams->err.ok()) {
         return trace_failed_output(trace, files.stderr_file, streams->err);
     }
-    if (files.stdin_file != nullptr) {
-        streams->in = open_input(files.stdin_file);
-        if (!streams->in.ok()) {
-            if (trace != nullptr) {
-                (void)std::fprintf(trace, "open %s failed\n", files.stdin_file);
-            }
-            return false;
-        }
-    }
-    return true;
+    return has_output || open_named_input(files, trace, streams);
 }
 
 void remove_outputs(const redirections& files) noexcept {

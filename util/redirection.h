@@ -19,7 +19,8 @@ struct redirections {
     const char* stderr_file;
 };
 
-/// Opens the output unless `streams` has one, the error, and the input if it is named, as runner.h says.
+/// Opens the output unless `streams` has one, the error, and the input if it is named, as runner.h says. Where there is
+/// an output the input comes before the error.
 /// @param trace    Told of a file for both outputs, and of one that cannot be opened; null = nobody is.
 /// @param streams  Receives them. On failure it has those that could be opened.
 /// @return False when one cannot be had; without a trace, errno says why.

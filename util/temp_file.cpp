@@ -3,8 +3,10 @@
 #include "read_fd.h"
 #include "unique_fd.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <limits>
 #include <sys/stat.h>
 #include <utility>
 
@@ -39,14 +41,17 @@ temp_file::~temp_file() {
 }
 
 std::string temp_file::read_all() const {
-    // As far as it reaches now: a process that the tool left behind may write on and on.
-    struct stat status = {};
-    return ::stat(path_, &status) == 0 ? read_at_most(static_cast<std::size_t>(status.st_size)) : std::string();
+    return read_at_most(std::numeric_limits<std::size_t>::max());
 }
 
 std::string temp_file::read_at_most(std::size_t limit_bytes) const {
     const unique_fd file(::open(path_, O_RDONLY | O_CLOEXEC));
-    return file.ok() ? read_to_end(file.get(), limit_bytes) : std::string();
+    struct stat status = {};
+    if (!file.ok() || ::fstat(file.get(), &status) != 0) {
+        return {};
+    }
+    // As far as it reaches now: a process that the tool left behind may write on and on.
+    return read_to_end(file.get(), std::min(static_cast<std::size_t>(status.st_size), limit_bytes));
 }
 
 int temp_file::remove() noexcept {

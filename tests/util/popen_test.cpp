@@ -174,6 +174,7 @@ TEST_F(PopenTest, FilesThatTheCallDidNotOpenAreLeftAlone) {
     const std::string impossible = folder / "missing/file";
     write_file(out, "old");
     EXPECT_EQ(lyn_vexprod_corvo_popen_v2(input.c_str(), out.c_str(), nullptr, "r", CHILD_PROBE, nullptr), nullptr);
+    EXPECT_EQ(lyn_vexprod_corvo_popen_v2(input.c_str(), nullptr, out.c_str(), "r", CHILD_PROBE, nullptr), nullptr);
     EXPECT_EQ(lyn_vexprod_corvo_popen_v2(nullptr, impossible.c_str(), out.c_str(), "w", CHILD_PROBE, nullptr), nullptr);
     EXPECT_EQ(read_file(out), "old");
     ASSERT_EQ(::mkdir(impossible.substr(0, impossible.rfind('/')).c_str(), 0700), 0);
