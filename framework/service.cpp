@@ -13,8 +13,8 @@
 //                over then; the memory and the consumers' threads follow.
 //   the thread   of the producer, with KS_STANDALONE, is joined by the next ks_start() or by ks_free().
 //
-// ks_stop() may come while ks_start() is still setting up: it waits until the service is up, then stops it. It may also
-// come from a signal handler, on whatever thread the kernel chooses:
+// ks_stop() may come while ks_start() is still setting up: the service then ends as soon as it is up. It may also come
+// from a signal handler, on whatever thread the kernel chooses:
 //
 //   - On a thread that the service itself needs to end (inside ks_start() or ks_stop(), the producer's, a consumer's)
 //     it must not wait: it only notes the request and returns, and what it interrupted ends the run. Each such thread
@@ -206,9 +206,8 @@ void serve_in_own_thread(service* self) {
                    "pthread_create(&producer_worker->id.tid, &attr, ks_producer_worker, (void*) handle) == 0",
                    "producer-worker create thread fail");
     }
-    // A stop that a handler on this thread has asked for, and could not wait for, is waited for here.
     locked guard(self);
-    while (is_in_run(self, generation) && (self->state == service::phase::starting || self->stop_requested)) {
+    while (is_in_run(self, generation) && self->state == service::phase::starting) {
         guard.wait();
     }
 }
@@ -360,13 +359,10 @@ void ks_stop(ks_handle* handle) {
     bool first = false;
     {
         locked guard(self);
-        const uint64_t generation = self->generation;
-        while (must_wait && self->state == service::phase::starting && self->generation == generation) {
-            guard.wait();
-        }
-        if (!ks::is_in_run(self, generation) || self->state == service::phase::elsewhere) {
+        if (self->state == service::phase::idle || self->state == service::phase::elsewhere) {
             return;
         }
+        const uint64_t generation = self->generation;
         first = !self->stop_requested;
         if (first) {
             ks::request_stop(self, &guard);

@@ -13,6 +13,7 @@
 #include <fstream>
 #include <iterator>
 #include <string>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
 #include <thread>
@@ -108,6 +109,33 @@ TEST(ServiceStopTest, StopWaitsForTheRequestInHand) {
     stopper.join();
     caller.join();
     support::restore_stdin();
+}
+
+void wait_at_the_gate(void* gate) {
+    static_cast<const support::gate*>(gate)->pass();
+}
+
+// Handed over to a consumer that has not begun yet, and whose echo comes too late for the producer.
+TEST(ServiceStopTest, CallerInTransitIsHungUpOnAndNotKept) {
+    const auto before = support::open_descriptors();
+    support::gate here;
+    service one(5, 1, echo, [&](ks_handle* handle) { ks_worker_init(handle, wait_at_the_gate, &here); });
+    ASSERT_TRUE(here.await());
+    support::raw_caller caller(one.path());
+    const int link = entry_of(one.handle(), 0).sockfd[0];
+    const auto announced = [link] {
+        int bytes = 0;
+        return ioctl(link, FIONREAD, &bytes) == 0 && bytes == 260; // the directive, and the byte with the descriptor
+    };
+    ASSERT_TRUE(eventually(announced));
+    std::thread stopper([&] { one.stop(); });
+    EXPECT_TRUE(eventually([&] { return !exists(one.path()); }));
+    here.open();
+    stopper.join();
+    (void)caller.receive(); // perhaps the invitation
+    EXPECT_TRUE(caller.hung_up());
+    caller.close();
+    EXPECT_EQ(support::open_descriptors(), before);
 }
 
 TEST(ServiceStopTest, StopDoesNotWaitForASilentInvitedCaller) {
