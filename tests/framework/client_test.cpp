@@ -508,7 +508,7 @@ TEST(ClientTest, CopyOfTheSocketDoesNotKeepARequestThatHasEnded) {
 
 TEST(ClientTest, CopyOfTheSocketDoesNotKeepAConversationThatWasAnswered) {
     static descriptor copy;
-    const service one(5, 1, [](const char*, ks_io* io, int) {
+    service one(5, 1, [](const char*, ks_io* io, int) {
         copy.reset(dup(io->sockfd));
         support::answer(io, "");
         return 0;
@@ -518,6 +518,7 @@ TEST(ClientTest, CopyOfTheSocketDoesNotKeepAConversationThatWasAnswered) {
     ASSERT_TRUE(caller.invited());
     EXPECT_TRUE(caller.request("c", file.get()));
     EXPECT_TRUE(caller.hung_up());
+    one.stop();
     copy.reset();
 }
 
