@@ -26,6 +26,7 @@ namespace {
 using ks::is_io;
 
 constexpr unsigned kMinimumTimeoutS = 5;
+constexpr size_t kLargestWrite = (size_t)1 << 30; // write(2) takes a little less than twice that at once
 
 bool is_epoll(const ks_epoll* epoll) {
     return epoll != nullptr && epoll->magic == KS_EPOLL_MAGIC;
@@ -286,12 +287,14 @@ unsigned ks_ez_call(const char* name, const char* command, const void* data, siz
     KS_REQUIRE(recv == nullptr || *recv == nullptr, "(recv == NULL || *recv == NULL)", "recv memory access violation");
     ks_io* io = ks_io_create();
     for (size_t written = 0; written < dsize;) {
-        const ssize_t count = ks_io_write(io, static_cast<const char*>(data) + written, dsize - written);
-        if (count <= 0) {
-            ks_io_free(io); // out of memory or over a limit: half a request would be another request
+        const size_t piece = dsize - written < kLargestWrite ? dsize - written : kLargestWrite;
+        // Out of memory or over a limit: half a request would be another request. Not tried again after a part, which
+        // beyond RLIMIT_FSIZE raises SIGXFSZ.
+        if (ks_io_write(io, static_cast<const char*>(data) + written, piece) != (ssize_t)piece) {
+            ks_io_free(io);
             return KS_DISCONNECTED;
         }
-        written += (size_t)count;
+        written += piece;
     }
     const unsigned code = ks_call(name, command, io, timeout_s, passfd);
     if (code == KS_OK && recv != nullptr) {

@@ -28,7 +28,7 @@ uint32_t set_fd_cloexec(int fd) {
 
 namespace {
 
-constexpr size_t kClosingStackSize = 64 * 1024; // one system call, and room for what sanitizers add
+constexpr size_t kClosingStackSize = (size_t)256 * 1024; // what any processor asks for at least, and sanitizers add
 
 void* close_descriptor(void* number) {
     close((int)(intptr_t)number);

@@ -109,8 +109,7 @@ struct service {
     enum class phase {
         idle,     ///< not started, or the run is over; there is no table
         starting, ///< inside ks_start()
-        serving,
-        elsewhere ///< a process worker's copy of the handle: the run is the parent's
+        serving
     };
 
     /// What a consumer has beside its table entry.
@@ -122,6 +121,8 @@ struct service {
     };
 
     ks_handle handle;
+    pid_t owner; ///< the process that last called ks_start(), 0 before; accessed atomically. In a process worker every
+                 ///< service is a copy of one whose run, lock and waiters are the parent's
 
     /// Guards the fields up to `users`. Held for a few instructions only, with all signals blocked, and never around
     /// malloc() or free(): a handler may call ks_stop() on whatever thread.

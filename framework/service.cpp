@@ -72,10 +72,12 @@ void begin_run(service* self) {
         locked guard(self);
         KS_REQUIRE_IN("ks_start", self->state == service::phase::idle, "service_handle->worker == NULL",
                       "cannot start service twice");
+        __atomic_store_n(&self->owner, getpid(), __ATOMIC_RELEASE);
         self->state = service::phase::starting;
         ++self->generation;
         ++self->users;
         self->stop_requested = false;
+        self->published = false; // a run that ended by itself may have left it
         self->thread_mask = guard.mask_before();
         self->running = (handle->mode & KS_PTHREAD_MODE) != 0 ? handle->service_size : 0;
         // An earlier ks_stop() left both bytes set.
@@ -150,6 +152,12 @@ void end_run(service* self) {
     }
     free(consumers);
     free(table);
+}
+
+// Whether this process has started the service. Not its parent: the lock may have been held when it forked, its waiters
+// are no threads of ours, and its socket and descriptors are not ours to take away.
+bool is_ours(const service* self) {
+    return __atomic_load_n(&self->owner, __ATOMIC_ACQUIRE) == getpid();
 }
 
 // Whether the run that began as number `generation` is not over yet. Under the lock.
@@ -354,12 +362,15 @@ void ks_resume(ks_handle* handle) {
 void ks_stop(ks_handle* handle) {
     KS_REQUIRE(is_handle(handle), KS_HANDLE_TEXT, "cannot stop incorrect ks_handle %p", (void*)handle);
     service* self = service_of(handle);
+    if (!ks::is_ours(self)) {
+        return;
+    }
     const bool must_wait = !ks::is_engaged(self);
     const ks::engagement here(self);
     bool first = false;
     {
         locked guard(self);
-        if (self->state == service::phase::idle || self->state == service::phase::elsewhere) {
+        if (self->state == service::phase::idle) {
             return;
         }
         const uint64_t generation = self->generation;
@@ -383,16 +394,16 @@ void ks_stop(ks_handle* handle) {
 void ks_free(ks_handle* handle) {
     ks_stop(handle);
     service* self = service_of(handle);
-    {
-        locked guard(self);
-        while (self->users > 0) {
-            guard.wait();
+    if (ks::is_ours(self)) {
+        {
+            locked guard(self);
+            while (self->users > 0) {
+                guard.wait();
+            }
         }
+        ks::join_producer(self);
     }
-    ks::join_producer(self);
-    pthread_cond_destroy(&self->changed);
-    pthread_mutex_destroy(&self->lock);
-    free(self);
+    free(self); // the C library keeps nothing for the lock and the condition
 }
 
 namespace {

@@ -99,11 +99,6 @@ void close_from(int first) {
 // had threads: nothing here or in the consumer loop relies on a lock but malloc's, which fork(2) of the C library
 // leaves usable.
 [[noreturn]] void be_consumer_process(service* self, ks_worker* worker, pid_t parent, const sigset_t& mask) {
-    // The run is the parent's, and so are socket and file: a handler's ks_stop() finds nothing to do here. Somebody may
-    // have held the lock.
-    self->state = service::phase::elsewhere;
-    pthread_mutex_init(&self->lock, nullptr);
-    pthread_cond_init(&self->changed, nullptr);
     constexpr int kLink = 3;
     if (worker->sockfd[0] != kLink) {
         dup2(worker->sockfd[0], kLink);
@@ -119,6 +114,7 @@ void close_from(int first) {
         _exit(0); // the parent died before it could have taken us along
     }
     run_consumer(worker);
+    const signals_blocked for_good; // a handler may know the handle
     free(self->handle.worker);
     free(self->consumers);
     free(self);

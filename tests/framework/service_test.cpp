@@ -521,6 +521,23 @@ TEST(ServiceProcessTest, StopInAWorkerLeavesTheServiceAlone) {
     (void)signal(SIGUSR1, SIG_DFL);
 }
 
+// A worker has copies of the program's other services too.
+TEST(ServiceProcessTest, StopAndFreeInAWorkerLeaveOtherServicesAlone) {
+    const service other(5, 1, echo);
+    signalled = other.handle();
+    const service one(3, 1, [](const char*, ks_io* io, int) {
+        ks_stop(signalled);
+        ks_free(signalled);
+        support::answer(io, "returned");
+        return 0;
+    });
+    std::string reply;
+    ASSERT_EQ(support::call(one.name(), "c", "", &reply), 0U);
+    EXPECT_EQ(reply, "returned");
+    EXPECT_EQ(support::call(other.name(), "c", "text", &reply), 0U);
+    EXPECT_EQ(reply, "c|text|none");
+}
+
 // The handler runs when the child knows that the service is the parent's.
 TEST(ServiceProcessTest, SignalRightAfterTheForkOfAWorkerLeavesTheServiceAlone) {
     const support::temp_dir dir;

@@ -94,7 +94,9 @@ public:
     preloaded(const char* library, const char* variable, const std::string& value) : variable_(variable) {
         // A sanitizer's library wants to be the first one, unless told otherwise.
         setenv("ASAN_OPTIONS", (asan_options_ + ":verify_asan_link_order=0").c_str(), 1);
-        setenv("LD_PRELOAD", library, 1);
+        // The loader takes a blank for the end of a name, and the build's folder may have one.
+        std::filesystem::copy_file(library, kCopy, std::filesystem::copy_options::overwrite_existing);
+        setenv("LD_PRELOAD", kCopy, 1);
         setenv(variable, value.c_str(), 1);
     }
     preloaded(const preloaded&) = delete;
@@ -106,6 +108,8 @@ public:
     }
 
 private:
+    static constexpr const char* kCopy = "/tmp/preloaded.so";
+
     static std::string given(const char* variable) {
         const char* value = getenv(variable);
         return value != nullptr ? value : "";
