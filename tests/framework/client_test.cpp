@@ -365,6 +365,7 @@ TEST(ClientTest, EasyCallCopiesTheReply) {
 
 // Half a privileged command could be another one: a request that cannot be stored whole is not sent at all.
 TEST(ClientTest, EasyCallSendsNothingWhenItsRequestCannotBeStored) {
+    served = 0;
     const service one(5, 1, [](const char*, ks_io* io, int) {
         ++served;
         support::answer(io, "");
@@ -716,6 +717,7 @@ std::atomic<unsigned> alarms{0};
 // A signal ends no wait, and does not start it again either: then this one would last as long as the signals come.
 TEST(ClientTimeoutTest, SignalsMakeAWaitNeitherShorterNorLonger) {
     constexpr unsigned kTooMany = 2000; // twenty seconds' worth
+    alarms = 0;
     struct sigaction action = {};
     action.sa_handler = [](int) {
         if (++alarms >= kTooMany) {

@@ -400,6 +400,7 @@ TEST(IoTest, FileThatSomebodyElseHadAHandOnIsLetGo) {
 std::atomic<unsigned> alarms{0};
 
 TEST(IoTest, AliveIsNotMistakenBySignals) {
+    alarms = 0;
     struct sigaction action = {};
     action.sa_handler = [](int) { ++alarms; };
     struct sigaction before = {};
