@@ -131,8 +131,10 @@ void dump_backtrace_service(int /*signum*/) {
 
 // @param dumping  A thread that writes a crash report, which an end in order must not cut off, or 0.
 void give_way_to(pid_t dumping) {
-    while (dumping != 0) {
-        (void)pause(); // the dump ends in SIGKILL
+    if (dumping != 0) {
+        for (;;) {
+            (void)pause(); // the dump ends in SIGKILL
+        }
     }
 }
 
