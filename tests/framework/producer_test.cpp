@@ -484,6 +484,20 @@ TEST(ProducerTest, LackOfDescriptorsDoesNotMakeItSpin) {
     EXPECT_EQ(support::call(one.name(), "c", "", &reply), 0U);
 }
 
+TEST(ProducerTest, LackThatIsNotTheProcesssOwnDoesNotMakeItSpin) {
+    for (const int error : {ENFILE, ENOBUFS, ENOMEM}) {
+        EXPECT_EXIT(
+            {
+                const service one(5, 1, echo);
+                support::fail_system_call(SYS_accept4, error);
+                const raw_caller caller(one.path());
+                _exit(caller.connected() && cpu_while_idle() < 200 ? 0 : 1);
+            },
+            testing::ExitedWithCode(0), "")
+            << error;
+    }
+}
+
 TEST(ProducerTest, StopsWhileDescriptorsAreLacking) {
     service one(5, 1, echo);
     const raw_caller first(one.path());
@@ -522,6 +536,24 @@ TEST(ProducerRestartTest, KilledConsumerIsReportedAndStartedAgain) {
     // The name is cut nowhere: it is short.
     EXPECT_EQ(said.text(), std::string("[KService] [WARN] [") + one.name() +
                                "] consumer-worker[0].pid=" + std::to_string(old) + " WIFSIGNALED=9, restart it.\n");
+}
+
+// The program has asked the kernel to keep no status of its children.
+TEST(ProducerRestartTest, ConsumerWithoutAStatusIsReportedAsExitedAndStartedAgain) {
+    captured_stderr said;
+    (void)signal(SIGCHLD, SIG_IGN);
+    {
+        const service one(3, 1, tell);
+        std::string reply;
+        ASSERT_EQ(support::call(one.name(), "c", "", &reply), 0U);
+        const pid_t old = *server;
+        ASSERT_EQ(kill(old, SIGKILL), 0);
+        ASSERT_TRUE(eventually([old] { return kill(old, 0) != 0; }));
+        ASSERT_EQ(support::call(one.name(), "c", "", &reply), 0U);
+        EXPECT_NE(*server, old);
+        EXPECT_THAT(said.text(), testing::EndsWith(".pid=" + std::to_string(old) + " WIFEXITED=0, restart it.\n"));
+    }
+    (void)signal(SIGCHLD, SIG_DFL);
 }
 
 int leave(const char*, ks_io*, int) {
