@@ -470,7 +470,7 @@ TEST_F(AbortDeathTest, EndOfTheLinkCannotBeSetUp) {
         EXPECT_ABORT(
             {
                 support::supervised_calls calls({SYS_fcntl});
-                ks_handle* handle = ks_create(name_.c_str(), 4, 1, echo);
+                ks_handle* handle = ks_create(name_.c_str(), 5, 1, echo);
                 std::vector<support::descriptor> next;
                 for (int i = 0; i < 4; ++i) {
                     next.emplace_back(dup(2));

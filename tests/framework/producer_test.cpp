@@ -314,7 +314,44 @@ TEST(ProducerTest, EntryWithSocketNumberZeroIsIgnored) {
     EXPECT_TRUE(second.invited());
 }
 
+TEST(ProducerTest, ReadyReportInTheProducersOwnNameIsIgnored) {
+    const service one(5, 2, echo);
+    const std::string_view index("\2\0\0\0\0\0\0\0", sizeof(size_t));
+    const int link = entry_of(one.handle(), 0).sockfd[0];
+    const auto report = make_record(1, 0, index);
+    ASSERT_EQ(send(link, report.data(), report.size(), 0), (ssize_t)report.size());
+    for (int i = 0; i < 2; ++i) { // the report comes first
+        std::string reply;
+        EXPECT_EQ(support::call(one.name(), "c", "", &reply), 0U);
+    }
+    EXPECT_TRUE(eventually([&] { return entry_of(one.handle(), 0).idle == 1 && entry_of(one.handle(), 1).idle == 1; }));
+    EXPECT_EQ(entry_of(one.handle(), 2).idle, 0);
+}
+
 // ---- Calls of the producer that the kernel lets fail
+
+TEST(ProducerTest, OneHundredAndTwentyNineCallersCanWaitToBeAccepted) {
+    EXPECT_EXIT(
+        {
+            support::end_within(std::chrono::seconds(60));
+            support::supervised_calls calls({SYS_accept4});
+            const service one(5, 1, echo);
+            const raw_caller first(one.path());
+            sockaddr_storage address = {};
+            socklen_t size = sizeof(address);
+            bool good = first.invited() && // and so accepted
+                        getpeername(first.fd(), reinterpret_cast<sockaddr*>(&address), &size) == 0;
+            const gate here;
+            calls.hold_next(here);
+            std::vector<support::descriptor> callers;
+            do {
+                callers.emplace_back(socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0));
+            } while (connect(callers.back().get(), reinterpret_cast<sockaddr*>(&address), size) == 0);
+            good = good && errno == EAGAIN && here.await();
+            _exit(good && callers.size() == 130 ? 0 : 1); // the last one found no room
+        },
+        testing::ExitedWithCode(0), "");
+}
 
 TEST(ProducerTest, InterruptedWaitIsNoEnd) {
     static std::atomic<int> interruptions = 0;

@@ -178,6 +178,7 @@ TEST(ServiceTest, TableDescribesTheWorkers) {
         EXPECT_EQ(worker.index, i);
         EXPECT_EQ(worker.flags, 5U);
         EXPECT_EQ(worker.exec, &echo);
+        EXPECT_EQ(worker.idle, 1);
         EXPECT_EQ(worker.queue.type, 2U);
         EXPECT_EQ(worker.queue.sockfd, worker.sockfd[1]);
         EXPECT_GE(worker.sockfd[0], 3);
@@ -377,6 +378,31 @@ TEST(ServiceTest, EveryConsumerRunsTheCallbacksOnce) {
         }
         EXPECT_EQ(seen->init, 3) << mode;
         EXPECT_EQ(seen->fini, 3) << mode;
+    }
+}
+
+// The program may leave a signal to one thread of its own.
+TEST(ServiceTest, WorkersHaveTheSignalMaskOfTheThreadThatCalledStart) {
+    sigset_t own;
+    sigemptyset(&own);
+    sigaddset(&own, SIGUSR2);
+    sigset_t before;
+    for (const unsigned mode : kModes) {
+        pthread_sigmask(SIG_BLOCK, &own, &before);
+        const service one(mode, 1, [](const char*, ks_io* io, int) {
+            sigset_t mask;
+            pthread_sigmask(SIG_SETMASK, nullptr, &mask);
+            std::string text;
+            for (const int signum : {SIGUSR1, SIGUSR2, SIGTERM}) {
+                text += sigismember(&mask, signum) == 1 ? "blocked " : "free ";
+            }
+            support::answer(io, text);
+            return 0;
+        });
+        pthread_sigmask(SIG_SETMASK, &before, nullptr);
+        std::string reply;
+        EXPECT_EQ(support::call(one.name(), "c", "", &reply), 0U) << mode;
+        EXPECT_EQ(reply, "free blocked free ") << mode;
     }
 }
 
