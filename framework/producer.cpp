@@ -316,9 +316,6 @@ bool next_batch(producer* p) {
         p->batch_next = 0;
         p->batch_size = epoll_wait(p->own->pollfd, p->batch, kBatch, timeout_ms);
         if (p->batch_size < 0 && errno == EINTR) {
-            if (is_stopping(p->handle)) {
-                return false;
-            }
             continue;
         }
         if (p->accept_retry_at != 0 && now_ms() >= p->accept_retry_at) {
@@ -403,7 +400,7 @@ void run_producer(service* self) {
     p.handle = &self->handle;
     p.own = &self->handle.worker[self->handle.service_size];
     bool going = true;
-    while (going && !is_stopping(p.handle) && next_batch(&p) && !is_stopping(p.handle)) {
+    while (going && next_batch(&p) && !is_stopping(p.handle)) { // a stop wakes it through the listening socket
         while (going && p.batch_next < p.batch_size) {
             const epoll_event& event = p.batch[p.batch_next++];
             going = handle_event(&p, event.events, static_cast<ks_queue*>(event.data.ptr));

@@ -102,7 +102,6 @@ void close_from(int first) {
     constexpr int kLink = 3;
     dup2(worker->sockfd[0], kLink);
     worker->sockfd[0] = kLink;
-    worker->sockfd[1] = -1; // the producer's end is the parent's
     close_from(kLink + 1);
     (void)signal(SIGINT, SIG_IGN);
     (void)signal(SIGTERM, SIG_IGN);
