@@ -216,6 +216,10 @@ TEST(ProducerTest, BusyConsumersAreSteppedOver) {
 TEST(ProducerTest, ConsumersTakeTurns) {
     static std::atomic<size_t> next = 0;
     static std::atomic<int> served[3] = {};
+    next = 0; // the test may be repeated
+    for (auto& each : served) {
+        each = 0;
+    }
     thread_local size_t mine = 3;
     const service one(5, 3, [](const char*, ks_io* io, int) {
         if (mine == 3) {
