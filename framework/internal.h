@@ -107,7 +107,7 @@ bool hashed_socket_path(const char* name, char* ret_path, size_t size);
 /// A handle with what the public record has no field for. ks_handle is its first member, so the two pointers convert.
 struct service {
     enum class phase {
-        idle,     ///< not started, or the run is over; there is no table
+        idle,     ///< not started, or the run is over; there is no table. The value of a new handle
         starting, ///< inside ks_start()
         serving
     };
@@ -132,7 +132,7 @@ struct service {
     uint64_t generation; ///< counts starts, so that a waiting ks_stop() does not mistake the next run for its own
     bool listening;      ///< the producer's listening socket is open and may be shut down
     bool stop_requested; ///< somebody has asked this run to stop
-    bool published;      ///< the socket's file is there and ours to remove
+    bool published;      ///< the socket's file of this run has been made, and is ours to remove
     bool joinable;       ///< KS_STANDALONE: nobody has joined the thread `producer` yet
     pthread_t producer;
     size_t running;       ///< consumer threads of the run that have not come to their end

@@ -28,7 +28,8 @@ namespace ks {
 
 namespace {
 
-constexpr uint32_t kWatched = EPOLLIN | EPOLLERR | EPOLLHUP | EPOLLRDHUP;
+// Errors and hang-ups are always reported.
+constexpr uint32_t kWatched = EPOLLIN | EPOLLRDHUP;
 constexpr uint32_t kHungUp = EPOLLIN | EPOLLHUP | EPOLLRDHUP; // both directions are shut
 constexpr int kBatch = 64;
 constexpr int kBacklog = 128;
@@ -111,15 +112,10 @@ void restart_consumer(producer* p, ks_worker* worker, int status) {
         how = "WIFSIGNALED";
         value = WTERMSIG(status);
     }
-    char line[256];
-    const int length =
-        snprintf(line, sizeof(line), "[KService] [WARN] [%s] consumer-worker[%zu].pid=%d %s=%d, restart it.\n",
-                 p->handle->name, worker->index, (int)worker->id.pid, how, value);
-    if (length > 0 && write(STDERR_FILENO, line, (size_t)length) < 0) {
-        // Standard error is closed: the restart matters more than the line.
-    }
+    // Where standard error is closed, the restart matters more than the line.
+    (void)dprintf(STDERR_FILENO, "[KService] [WARN] [%s] consumer-worker[%zu].pid=%d %s=%d, restart it.\n",
+                  p->handle->name, worker->index, (int)worker->id.pid, how, value);
     worker->idle = 1;
-    worker->pollfd = -1;
     forget(p, &worker->queue);
     // Other processes may hold copies of the link (a child forked by the program meanwhile): closing it would not take
     // it out of the epoll, and its end would then be taken for that of the new link.
@@ -271,7 +267,7 @@ void hear_caller(producer* p, ks_queue* entry) {
     if (first && p->waiting < waiting) {
         return; // it has been handed over, and freed
     }
-    if (!watch(p, EPOLL_CTL_MOD, entry, 0)) { // errors and hang-ups are always reported
+    if (!watch(p, EPOLL_CTL_MOD, entry, 0)) {
         remove_caller(p, entry);
     }
 }
@@ -320,20 +316,13 @@ bool next_batch(producer* p) {
         p->batch_next = 0;
         p->batch_size = epoll_wait(p->own->pollfd, p->batch, kBatch, timeout_ms);
         if (p->batch_size < 0 && errno == EINTR) {
-            p->batch_size = 0;
-            if (is_stopping(p->handle)) {
-                return false;
-            }
             continue;
         }
         if (p->accept_retry_at != 0 && now_ms() >= p->accept_retry_at) {
             p->accept_retry_at = 0;
             (void)watch(p, EPOLL_CTL_MOD, &p->own->queue, kWatched);
-            if (p->batch_size == 0) {
-                continue;
-            }
         }
-        return p->batch_size > 0;
+        return p->batch_size >= 0; // none when it only was time to listen again
     }
 }
 
@@ -348,7 +337,7 @@ void open_producer(service* self) {
         char directory[sizeof(handle->sockfile)];
         memcpy(directory, handle->sockfile, sizeof(directory));
         char* slash = strrchr(directory, '/');
-        if (slash != nullptr && slash != directory) {
+        if (slash != nullptr) {
             *slash = '\0';
             (void)mkdir(directory, 0755);
         }
@@ -358,9 +347,8 @@ void open_producer(service* self) {
     (void)unlink(handle->sockfile);
 
     own->index = handle->service_size;
-    own->pollfd = -1;
     own->sockfd[1] = above_stdio(socket(AF_UNIX, SOCK_STREAM, 0));
-    KS_REQUIRE_IN(kSetUp, own->sockfd[1] >= 0 && set_fd_cloexec(own->sockfd[1]),
+    KS_REQUIRE_IN(kSetUp, set_fd_cloexec(own->sockfd[1]),
                   "(producer_worker->sockfd[1] = socket(AF_UNIX, SOCK_STREAM, 0)) >= 0 && "
                   "set_fd_cloexec(producer_worker->sockfd[1])",
                   "producer-worker create listen socket fail");
@@ -374,10 +362,9 @@ void open_producer(service* self) {
                   "bind(producer_worker->sockfd[1], (struct sockaddr *) &sockaddr, sizeof(struct sockaddr_un)) == 0",
                   "producer-worker bind listen socket fail");
     own->pollfd = above_stdio(epoll_create(1));
-    KS_REQUIRE_IN(kSetUp, own->pollfd >= 0 && set_fd_cloexec(own->pollfd),
+    KS_REQUIRE_IN(kSetUp, set_fd_cloexec(own->pollfd),
                   "(producer_worker->pollfd = epoll_create(1)) >= 0 && set_fd_cloexec(producer_worker->pollfd)",
                   "producer-worker create epoll fail");
-    own->flags = KS_PTHREAD_MODE;
     own->queue.type = LISTEN_SOCK;
     own->queue.sockfd = own->sockfd[1];
     own->queue.next = &own->queue;
@@ -413,7 +400,7 @@ void run_producer(service* self) {
     p.handle = &self->handle;
     p.own = &self->handle.worker[self->handle.service_size];
     bool going = true;
-    while (going && !is_stopping(p.handle) && next_batch(&p) && !is_stopping(p.handle)) {
+    while (going && next_batch(&p) && !is_stopping(p.handle)) { // a stop wakes it through the listening socket
         while (going && p.batch_next < p.batch_size) {
             const epoll_event& event = p.batch[p.batch_next++];
             going = handle_event(&p, event.events, static_cast<ks_queue*>(event.data.ptr));

@@ -77,7 +77,7 @@ void begin_run(service* self) {
         ++self->generation;
         ++self->users;
         self->stop_requested = false;
-        self->published = false; // a run that ended by itself may have left it
+        self->published = false;
         self->thread_mask = guard.mask_before();
         self->running = (handle->mode & KS_PTHREAD_MODE) != 0 ? handle->service_size : 0;
         // An earlier ks_stop() left both bytes set.
@@ -236,7 +236,6 @@ void serve_in_this_thread(service* self) {
 void withdraw(service* self) {
     if (self->published) {
         (void)unlink(self->handle.sockfile);
-        self->published = false;
     }
     if (self->listening) {
         (void)shutdown(self->handle.worker[self->handle.service_size].sockfd[1], SHUT_RDWR);
@@ -286,7 +285,7 @@ ks_handle* ks_create(const char* name, unsigned mode, size_t workers, ks_exec ex
     KS_REQUIRE(workers > 0, "workers > 0", "workers option cannot be zero");
     KS_REQUIRE(exec != nullptr, "exec", "exec must be callable function pointer");
 
-    service* self = static_cast<service*>(calloc(1, sizeof(service)));
+    service* self = static_cast<service*>(calloc(1, sizeof(service))); // idle
     KS_REQUIRE(self != nullptr, "(service_handle = malloc(sizeof(ks_handle)))", "alloc ks_handle memory fail");
     ks_handle* handle = &self->handle;
     if (name[0] == '@') {
@@ -298,13 +297,11 @@ ks_handle* ks_create(const char* name, unsigned mode, size_t workers, ks_exec ex
     }
     pthread_mutex_init(&self->lock, nullptr);
     pthread_cond_init(&self->changed, nullptr);
-    self->state = service::phase::idle;
     handle->magic = KS_HANDLE_MAGIC;
     handle->mode = mode;
     handle->service_size = workers;
     handle->exec = exec;
     (void)snprintf(handle->name, MAXIMUM_NAME_SIZE, "%s", name);
-    handle->worker = nullptr;
     return handle;
 }
 

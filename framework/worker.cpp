@@ -100,11 +100,8 @@ void close_from(int first) {
 // leaves usable.
 [[noreturn]] void be_consumer_process(service* self, ks_worker* worker, pid_t parent, const sigset_t& mask) {
     constexpr int kLink = 3;
-    if (worker->sockfd[0] != kLink) {
-        dup2(worker->sockfd[0], kLink);
-    }
+    dup2(worker->sockfd[0], kLink);
     worker->sockfd[0] = kLink;
-    worker->sockfd[1] = -1; // the producer's end is the parent's
     close_from(kLink + 1);
     (void)signal(SIGINT, SIG_IGN);
     (void)signal(SIGTERM, SIG_IGN);
@@ -125,13 +122,12 @@ void close_from(int first) {
 
 void start_consumer(service* self, size_t index) {
     ks_worker* worker = &self->handle.worker[index];
-    int pair[2] = {-1, -1};
-    const bool paired = socketpair(AF_UNIX, SOCK_STREAM, 0, pair) >= 0;
-    worker->sockfd[0] = above_stdio(pair[0]);
-    worker->sockfd[1] = above_stdio(pair[1]);
-    KS_REQUIRE_IN(kConsumerSetUp,
-                  paired && worker->sockfd[0] >= 0 && worker->sockfd[1] >= 0 && set_fd_cloexec(worker->sockfd[0]) &&
-                      set_fd_cloexec(worker->sockfd[1]),
+    const bool paired = socketpair(AF_UNIX, SOCK_STREAM, 0, worker->sockfd) == 0;
+    if (paired) {
+        worker->sockfd[0] = above_stdio(worker->sockfd[0]);
+        worker->sockfd[1] = above_stdio(worker->sockfd[1]);
+    }
+    KS_REQUIRE_IN(kConsumerSetUp, paired && set_fd_cloexec(worker->sockfd[0]) && set_fd_cloexec(worker->sockfd[1]),
                   "socketpair(AF_UNIX, SOCK_STREAM, 0, worker->sockfd) >= 0 && set_fd_cloexec(worker->sockfd[0]) && "
                   "set_fd_cloexec(worker->sockfd[1])",
                   "consumer-worker create sockets fail");

@@ -465,6 +465,25 @@ TEST_F(AbortDeathTest, LinkCannotBeMade) {
         "0, worker->sockfd) >= 0 && set_fd_cloexec(worker->sockfd[0]) && set_fd_cloexec(worker->sockfd[1])'\n");
 }
 
+TEST_F(AbortDeathTest, EndOfTheLinkCannotBeSetUp) {
+    for (const size_t end : {2U, 3U}) { // behind the listening socket and the epoll
+        EXPECT_ABORT(
+            {
+                support::supervised_calls calls({SYS_fcntl});
+                ks_handle* handle = ks_create(name_.c_str(), 5, 1, echo);
+                std::vector<support::descriptor> next;
+                for (int i = 0; i < 4; ++i) {
+                    next.emplace_back(dup(2));
+                }
+                calls.fail_next(SYS_fcntl, next[end].get(), EPERM);
+                next.clear();
+                ks_start(handle);
+            },
+            "[ABORT] @ks_consumer_worker_init() consumer-worker create sockets fail: `socketpair(AF_UNIX, SOCK_STREAM, "
+            "0, worker->sockfd) >= 0 && set_fd_cloexec(worker->sockfd[0]) && set_fd_cloexec(worker->sockfd[1])'\n");
+    }
+}
+
 TEST_F(AbortDeathTest, ThreadOrProcessCannotBeMade) {
     ASSERT_EQ(chmod(dir_.path().c_str(), 0777), 0);
     for (const unsigned mode : {4U, 5U}) {

@@ -216,6 +216,10 @@ TEST(ProducerTest, BusyConsumersAreSteppedOver) {
 TEST(ProducerTest, ConsumersTakeTurns) {
     static std::atomic<size_t> next = 0;
     static std::atomic<int> served[3] = {};
+    next = 0; // the test may be repeated
+    for (auto& each : served) {
+        each = 0;
+    }
     thread_local size_t mine = 3;
     const service one(5, 3, [](const char*, ks_io* io, int) {
         if (mine == 3) {
@@ -314,7 +318,44 @@ TEST(ProducerTest, EntryWithSocketNumberZeroIsIgnored) {
     EXPECT_TRUE(second.invited());
 }
 
+TEST(ProducerTest, ReadyReportInTheProducersOwnNameIsIgnored) {
+    const service one(5, 2, echo);
+    const std::string_view index("\2\0\0\0\0\0\0\0", sizeof(size_t));
+    const int link = entry_of(one.handle(), 0).sockfd[0];
+    const auto report = make_record(1, 0, index);
+    ASSERT_EQ(send(link, report.data(), report.size(), 0), (ssize_t)report.size());
+    for (int i = 0; i < 2; ++i) { // the report comes first
+        std::string reply;
+        EXPECT_EQ(support::call(one.name(), "c", "", &reply), 0U);
+    }
+    EXPECT_TRUE(eventually([&] { return entry_of(one.handle(), 0).idle == 1 && entry_of(one.handle(), 1).idle == 1; }));
+    EXPECT_EQ(entry_of(one.handle(), 2).idle, 0);
+}
+
 // ---- Calls of the producer that the kernel lets fail
+
+TEST(ProducerTest, OneHundredAndTwentyNineCallersCanWaitToBeAccepted) {
+    EXPECT_EXIT(
+        {
+            support::end_within(std::chrono::seconds(60));
+            support::supervised_calls calls({SYS_accept4});
+            const service one(5, 1, echo);
+            const raw_caller first(one.path());
+            sockaddr_storage address = {};
+            socklen_t size = sizeof(address);
+            bool good = first.invited() && // and so accepted
+                        getpeername(first.fd(), reinterpret_cast<sockaddr*>(&address), &size) == 0;
+            const gate here;
+            calls.hold_next(here);
+            std::vector<support::descriptor> callers;
+            do {
+                callers.emplace_back(socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0));
+            } while (connect(callers.back().get(), reinterpret_cast<sockaddr*>(&address), size) == 0);
+            good = good && errno == EAGAIN && here.await();
+            _exit(good && callers.size() == 130 ? 0 : 1); // the last one found no room
+        },
+        testing::ExitedWithCode(0), "");
+}
 
 TEST(ProducerTest, InterruptedWaitIsNoEnd) {
     static std::atomic<int> interruptions = 0;
@@ -484,6 +525,20 @@ TEST(ProducerTest, LackOfDescriptorsDoesNotMakeItSpin) {
     EXPECT_EQ(support::call(one.name(), "c", "", &reply), 0U);
 }
 
+TEST(ProducerTest, LackThatIsNotTheProcesssOwnDoesNotMakeItSpin) {
+    for (const int error : {ENFILE, ENOBUFS, ENOMEM}) {
+        EXPECT_EXIT(
+            {
+                const service one(5, 1, echo);
+                support::fail_system_call(SYS_accept4, error);
+                const raw_caller caller(one.path());
+                _exit(caller.connected() && cpu_while_idle() < 200 ? 0 : 1);
+            },
+            testing::ExitedWithCode(0), "")
+            << error;
+    }
+}
+
 TEST(ProducerTest, StopsWhileDescriptorsAreLacking) {
     service one(5, 1, echo);
     const raw_caller first(one.path());
@@ -522,6 +577,24 @@ TEST(ProducerRestartTest, KilledConsumerIsReportedAndStartedAgain) {
     // The name is cut nowhere: it is short.
     EXPECT_EQ(said.text(), std::string("[KService] [WARN] [") + one.name() +
                                "] consumer-worker[0].pid=" + std::to_string(old) + " WIFSIGNALED=9, restart it.\n");
+}
+
+// The program has asked the kernel to keep no status of its children.
+TEST(ProducerRestartTest, ConsumerWithoutAStatusIsReportedAsExitedAndStartedAgain) {
+    captured_stderr said;
+    (void)signal(SIGCHLD, SIG_IGN);
+    {
+        const service one(3, 1, tell);
+        std::string reply;
+        ASSERT_EQ(support::call(one.name(), "c", "", &reply), 0U);
+        const pid_t old = *server;
+        ASSERT_EQ(kill(old, SIGKILL), 0);
+        ASSERT_TRUE(eventually([old] { return kill(old, 0) != 0; }));
+        ASSERT_EQ(support::call(one.name(), "c", "", &reply), 0U);
+        EXPECT_NE(*server, old);
+        EXPECT_THAT(said.text(), testing::EndsWith(".pid=" + std::to_string(old) + " WIFEXITED=0, restart it.\n"));
+    }
+    (void)signal(SIGCHLD, SIG_DFL);
 }
 
 int leave(const char*, ks_io*, int) {

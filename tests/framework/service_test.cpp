@@ -30,6 +30,9 @@ using support::service;
 
 const unsigned kModes[] = {2, 3, 4, 5};
 
+ks_handle* signalled = nullptr;
+std::atomic<int> forks = 0;
+
 bool is_open(int fd) {
     return fcntl(fd, F_GETFD) != -1;
 }
@@ -155,14 +158,27 @@ TEST(ServiceTest, StartReplacesAnOldSocket) {
     EXPECT_EQ(support::call(one.name(), "c", "", &reply), 0U);
 }
 
+void ignore_argument(void*) {}
+
 TEST(ServiceTest, TableDescribesTheWorkers) {
-    const service one(5, 3, echo);
+    const service one(5, 3, echo, [](ks_handle* handle) {
+        ks_worker_init(handle, ignore_argument, &signalled);
+        ks_worker_fini(handle, ignore_argument, &forks);
+    });
     const ks_handle* handle = one.handle();
+    for (size_t i = 0; i < 4; ++i) {
+        const ks_worker& worker = handle->worker[i];
+        EXPECT_EQ(worker.init, &ignore_argument);
+        EXPECT_EQ(worker.init_argument, &signalled);
+        EXPECT_EQ(worker.fini, &ignore_argument);
+        EXPECT_EQ(worker.fini_argument, &forks);
+    }
     for (size_t i = 0; i < 3; ++i) {
         const ks_worker& worker = handle->worker[i];
         EXPECT_EQ(worker.index, i);
         EXPECT_EQ(worker.flags, 5U);
         EXPECT_EQ(worker.exec, &echo);
+        EXPECT_EQ(worker.idle, 1);
         EXPECT_EQ(worker.queue.type, 2U);
         EXPECT_EQ(worker.queue.sockfd, worker.sockfd[1]);
         EXPECT_GE(worker.sockfd[0], 3);
@@ -174,9 +190,9 @@ TEST(ServiceTest, TableDescribesTheWorkers) {
     EXPECT_EQ(producer.queue.sockfd, producer.sockfd[1]);
     EXPECT_EQ(producer.sockfd[0], 0) << "KEPT: never assigned";
     EXPECT_EQ(producer.index, 3U);
+    EXPECT_NE(fcntl(producer.sockfd[1], F_GETFL) & O_NONBLOCK, 0) << "accepting never blocks";
 }
 
-ks_handle* signalled = nullptr;
 std::atomic<uint32_t> seen_flags = 0;
 std::atomic<pid_t> seen_pid = 0;
 void look_at_the_producer(int) {
@@ -365,6 +381,31 @@ TEST(ServiceTest, EveryConsumerRunsTheCallbacksOnce) {
     }
 }
 
+// The program may leave a signal to one thread of its own.
+TEST(ServiceTest, WorkersHaveTheSignalMaskOfTheThreadThatCalledStart) {
+    sigset_t own;
+    sigemptyset(&own);
+    sigaddset(&own, SIGUSR2);
+    sigset_t before;
+    for (const unsigned mode : kModes) {
+        pthread_sigmask(SIG_BLOCK, &own, &before);
+        const service one(mode, 1, [](const char*, ks_io* io, int) {
+            sigset_t mask;
+            pthread_sigmask(SIG_SETMASK, nullptr, &mask);
+            std::string text;
+            for (const int signum : {SIGUSR1, SIGUSR2, SIGTERM}) {
+                text += sigismember(&mask, signum) == 1 ? "blocked " : "free ";
+            }
+            support::answer(io, text);
+            return 0;
+        });
+        pthread_sigmask(SIG_SETMASK, &before, nullptr);
+        std::string reply;
+        EXPECT_EQ(support::call(one.name(), "c", "", &reply), 0U) << mode;
+        EXPECT_EQ(reply, "free blocked free ") << mode;
+    }
+}
+
 pid_t only_worker(const ks_handle* handle) {
     return handle->worker[0].id.pid;
 }
@@ -490,6 +531,35 @@ TEST(ServiceProcessTest, WorkersInheritNothingMoreWithoutCloseRange) {
         testing::ExitedWithCode(0), testing::Eq("0, descriptors 0 1 2 3 4 "));
 }
 
+int tell_open_below_300(const char*, ks_io* io, int) {
+    std::string text;
+    for (int fd = 0; fd < 300; ++fd) {
+        text += !is_open(fd) || fd == io->sockfd || fd == io->memfd ? "" : std::to_string(fd) + " ";
+    }
+    support::answer(io, text);
+    return 0;
+}
+
+// Nor without /proc.
+TEST(ServiceProcessTest, WorkersInheritNothingMoreWithoutCloseRangeAndProc) {
+    const support::temp_dir dir;
+    const std::string name = "@" + dir.file("s");
+    EXPECT_EXIT(
+        {
+            const support::descriptor high(fcntl(0, F_DUPFD, 200));
+            support::fail_system_call(SYS_close_range, ENOSYS);
+            support::fail_system_call(SYS_openat, ENOENT);
+            ks_handle* handle = ks_create(name.c_str(), 3, 1, tell_open_below_300);
+            ks_start(handle);
+            std::string reply;
+            const unsigned code = support::call(name.c_str(), "c", "", &reply);
+            fprintf(stderr, "%u, descriptors %s", code, reply.c_str());
+            ks_free(handle);
+            _exit(0);
+        },
+        testing::ExitedWithCode(0), testing::Eq("0, descriptors 0 1 2 3 4 "));
+}
+
 std::atomic<int> stops_returned = 0;
 void stop_signalled(int) {
     ks_stop(signalled);
@@ -558,7 +628,6 @@ TEST(ServiceProcessTest, SignalRightAfterTheForkOfAWorkerLeavesTheServiceAlone) 
 }
 
 const support::gate* before_fork = nullptr; // where the producer waits, unless NULL
-std::atomic<int> forks = 0;
 
 #ifdef SYS_unlink // newer architectures have only the other one
 const std::vector<long> kUnlinks = {SYS_unlink, SYS_unlinkat};

@@ -347,6 +347,38 @@ TEST(ServiceStopTest, ThreadsAreJoinedByTheNextStartOrByFree) {
     support::restore_stdin();
 }
 
+// The socket of a start that is still under way is not to be taken away: it would find its file gone.
+TEST(ServiceStopTest, StopOfTheSecondStartWaitsForItsSocket) {
+    const support::temp_dir dir;
+    const std::string name = "@" + dir.file("s");
+    EXPECT_EXIT(
+        {
+            support::end_within(std::chrono::seconds(60));
+            support::supervised_calls calls({SYS_listen});
+            ks_handle* handle = ks_create(name.c_str(), 5, 1, echo);
+            ks_start(handle);
+            ks_stop(handle);
+            const support::gate here;
+            calls.hold_next(here);
+            std::thread starter([handle] { ks_start(handle); });
+            bool good = here.await();
+            std::atomic<pid_t> tid = 0;
+            std::thread stopper([handle, &tid] {
+                tid = gettid();
+                ks_stop(handle);
+            });
+            good = good && eventually([handle] { return __atomic_load_n(&handle->stopping, __ATOMIC_ACQUIRE) != 0; });
+            good = good && eventually([&tid] { return support::is_asleep(tid); }); // it waits for the run's end
+            good = good && exists(dir.file("s"));
+            here.open();
+            starter.join();
+            stopper.join();
+            ks_free(handle);
+            _exit(good && !exists(dir.file("s")) ? 0 : 1);
+        },
+        testing::ExitedWithCode(0), "");
+}
+
 TEST(ServiceStopTest, LinkThatHangsUpLetsStartReturn) {
     const support::temp_dir dir;
     const std::string path = dir.file("s");
