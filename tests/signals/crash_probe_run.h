@@ -20,8 +20,9 @@ struct crash {
 /// Runs the probe to its end, which an alarm brings about if nothing else does.
 /// @param name     What the probe is called.
 /// @param prepare  Runs in the new process before the probe.
+/// @param program  The probe.
 inline crash run_crash_probe(int signal = SIGSEGV, int depth = 0, const std::string& name = "crash_probe",
-                             const std::function<void()>& prepare = nullptr) {
+                             const std::function<void()>& prepare = nullptr, const char* program = CRASH_PROBE) {
     const test_folder folder;
     const std::string socket = folder / "crash.sock";
     const std::string err = folder / "stderr";
@@ -34,7 +35,7 @@ inline crash run_crash_probe(int signal = SIGSEGV, int depth = 0, const std::str
         if (prepare) {
             prepare();
         }
-        execl(CRASH_PROBE, name.c_str(), socket.c_str(), number.c_str(), calls.c_str(), nullptr);
+        execl(program, name.c_str(), socket.c_str(), number.c_str(), calls.c_str(), nullptr);
         _exit(126);
     }
     int status = -1;

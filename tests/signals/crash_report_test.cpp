@@ -117,6 +117,12 @@ TEST_F(KernelLogReportTest, TheStartOfASymbolHasOffset0) {
                                     R"( [0-9]+\. crash_probe\(crash_probe_data\+0\) \[0x[0-9a-f]+\])")));
 }
 
+TEST_F(KernelLogReportTest, AProgramAtAFixedAddressHasEmptyParenthesesForAPlaceWithoutAName) {
+    ASSERT_TRUE(WIFEXITED(run_crash_probe(SIGSEGV, 0, "crash_probe", nullptr, CRASH_PROBE_FIXED).status));
+    EXPECT_THAT(report_lines(),
+                testing::Contains(testing::MatchesRegex(R"( [0-9]+\. crash_probe\(\) \[0x[0-9a-f]+\])")));
+}
+
 // A pipe with room for one record: what is in it before the next write is the first.
 std::string first_record(const std::string& name) {
     constexpr size_t kPage = 4096;
