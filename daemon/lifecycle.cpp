@@ -35,11 +35,11 @@
 
 #include <csignal>
 #include <cstdio>
+#include <ctime>
 #include <execinfo.h>
 #include <memory>
 #include <pthread.h>
 #include <string>
-#include <sys/time.h>
 #include <unistd.h>
 
 namespace {
@@ -225,11 +225,9 @@ void start_relays() {
 void idle() {
     const sigset_t both = stop_signals();
     while (!is_terminate()) {
-        timeval now = {};
-        gettimeofday(&now, nullptr);
         timespec deadline = {};
-        deadline.tv_sec = now.tv_sec + kIdleSeconds;
-        deadline.tv_nsec = now.tv_usec * 1000;
+        clock_gettime(CLOCK_REALTIME, &deadline);
+        deadline.tv_sec += kIdleSeconds;
         sigset_t before;
         pthread_sigmask(SIG_BLOCK, &both, &before);
         pthread_mutex_lock(&sleep_mtx);

@@ -2,6 +2,7 @@
 
 #include <cstdarg>
 #include <cstdlib>
+#include <cstring>
 #include <unistd.h>
 
 namespace ks {
@@ -16,13 +17,8 @@ void abort_with(const char* function, const char* text, const char* fmt, ...) {
     // One write, past stdio: the line stays whole beside other threads' output, and a lock that another thread holds
     // cannot keep us alive.
     char line[2048];
-    int length = snprintf(line, sizeof(line), "[ABORT] @%s() %s: `%s'\n", function, message, text);
-    if (length > 0) {
-        const size_t size = (size_t)length < sizeof(line) ? (size_t)length : sizeof(line) - 1;
-        if (write(STDERR_FILENO, line, size) < 0) {
-            // Nobody is left to tell.
-        }
-    }
+    (void)snprintf(line, sizeof(line), "[ABORT] @%s() %s: `%s'\n", function, message, text);
+    [[maybe_unused]] const ssize_t told = write(STDERR_FILENO, line, strlen(line)); // nobody else is left to tell
     abort();
 }
 

@@ -6,7 +6,8 @@
 
 namespace {
 
-constexpr uint32_t kInitialDigest[5] = {0x67452301, 0xEFCDAB89, 0x98BADCFE, 0x10325476, 0xC3D2E1F0};
+constexpr uint32_t kInitialDigest[] = {0x67452301, 0xEFCDAB89, 0x98BADCFE, 0x10325476, 0xC3D2E1F0};
+constexpr int kSteps = 80;
 constexpr int32_t kBlockSize = 64;
 constexpr int32_t kLengthOffset = 56; // the message length closes the last block
 
@@ -15,43 +16,33 @@ uint32_t big_endian_word(const uint8_t* bytes) {
 }
 
 void store_big_endian(uint32_t word, uint8_t* bytes) {
-    for (int i = 0; i < 4; ++i) {
-        bytes[i] = (uint8_t)(word >> (24 - 8 * i));
-    }
+    bytes[0] = (uint8_t)(word >> 24);
+    bytes[1] = (uint8_t)(word >> 16);
+    bytes[2] = (uint8_t)(word >> 8);
+    bytes[3] = (uint8_t)word;
 }
 
 // The 80 steps over the filled block, which is empty afterwards.
 void SHA1ProcessMessageBlock(SHA1Context* context) {
-    uint32_t schedule[80];
-    for (int t = 0; t < 16; ++t) {
-        schedule[t] = big_endian_word(context->block + 4 * t);
-    }
-    for (int t = 16; t < 80; ++t) {
-        schedule[t] = std::rotl(schedule[t - 3] ^ schedule[t - 8] ^ schedule[t - 14] ^ schedule[t - 16], 1);
-    }
-
+    uint32_t schedule[kSteps];
     uint32_t a = context->digest[0];
     uint32_t b = context->digest[1];
     uint32_t c = context->digest[2];
     uint32_t d = context->digest[3];
     uint32_t e = context->digest[4];
-    for (int t = 0; t < 80; ++t) {
-        uint32_t f = 0;
-        uint32_t k = 0;
+    for (int t = 0; t < kSteps; ++t) {
+        schedule[t] = t < 16 ? big_endian_word(context->block + 4 * t)
+                             : std::rotl(schedule[t - 3] ^ schedule[t - 8] ^ schedule[t - 14] ^ schedule[t - 16], 1);
+        uint32_t next = std::rotl(a, 5) + e + schedule[t];
         if (t < 20) {
-            f = (b & c) | (~b & d);
-            k = 0x5A827999;
+            next += ((b & c) | (~b & d)) + 0x5A827999;
         } else if (t < 40) {
-            f = b ^ c ^ d;
-            k = 0x6ED9EBA1;
+            next += (b ^ c ^ d) + 0x6ED9EBA1;
         } else if (t < 60) {
-            f = (b & c) | (b & d) | (c & d);
-            k = 0x8F1BBCDC;
+            next += ((b & c) | (b & d) | (c & d)) + 0x8F1BBCDC;
         } else {
-            f = b ^ c ^ d;
-            k = 0xCA62C1D6;
+            next += (b ^ c ^ d) + 0xCA62C1D6;
         }
-        const uint32_t next = std::rotl(a, 5) + f + e + k + schedule[t];
         e = d;
         d = c;
         c = std::rotl(b, 30);

@@ -9,11 +9,13 @@
 // itself would hold. A second fault then ends the process at once, because the disposition resets itself.
 #include "internal.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstring>
 #include <execinfo.h>
 #include <fcntl.h>
+#include <string_view>
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -28,8 +30,7 @@ constexpr size_t kLineSize = 4096;  // on the stack of the thread that crashed
 constexpr size_t kRecordSize = 960; // what a record of the kernel log surely holds
 
 void install(int signum, int flags, void (*handler)(int)) {
-    struct sigaction action = {};
-    sigemptyset(&action.sa_mask);
+    struct sigaction action = {}; // with an empty mask
     action.sa_flags = flags;
     action.sa_handler = handler; // in the place of sa_sigaction: the callbacks take the number only
     (void)sigaction(signum, &action, nullptr);
@@ -38,11 +39,10 @@ void install(int signum, int flags, void (*handler)(int)) {
 // A line under construction; what does not fit is cut.
 struct line_buffer {
     char text[kLineSize];
-    size_t size;
+    size_t size = 0;
 
     void add(const char* more, size_t length) {
-        const size_t room = sizeof(text) - size;
-        const size_t fits = length < room ? length : room;
+        const size_t fits = std::min(length, sizeof(text) - size);
         memcpy(text + size, more, fits);
         size += fits;
     }
@@ -54,68 +54,54 @@ struct line_buffer {
         add("\n", 1);
     }
 
-    // `width` counts blanks in front, as "%2d" does.
-    void add_number(unsigned value, int width) {
-        char digits[16];
-        size_t at = sizeof(digits);
-        do {
-            digits[--at] = (char)('0' + value % 10);
-            value /= 10;
-            --width;
-        } while (value != 0);
-        for (; width > 0; --width) {
-            digits[--at] = ' ';
+    void add_number(unsigned value) {
+        if (value >= 10) {
+            add_number(value / 10);
         }
-        add(digits + at, sizeof(digits) - at);
+        const char digit = (char)('0' + value % 10);
+        add(&digit, 1);
     }
 };
 
 // Adds the text of a frame, "FILE(SYMBOL+0xOFFSET) [ADDRESS]". It comes without the blank, with an offset of "0x0"
 // where it should read "0", and without the parentheses when a program that is not relocated has no name for the place.
+// Of an address in no file there is the last part alone.
 void add_frame(line_buffer* line, const char* text, size_t length) {
     const void* bracket = memrchr(text, '[', length);
-    size_t place = bracket != nullptr ? (size_t)(static_cast<const char*>(bracket) - text) : length;
-    const char* const address = text + place;
-    const size_t address_length = length - place;
-    constexpr char kNoOffset[] = "+0x0)";
-    constexpr size_t kNoOffsetLength = sizeof(kNoOffset) - 1;
-    const bool at_start =
-        place >= kNoOffsetLength && memcmp(address - kNoOffsetLength, kNoOffset, kNoOffsetLength) == 0;
-    const bool has_symbol = place > 0 && text[place - 1] == ')';
-    line->add(text, at_start ? place - kNoOffsetLength : place);
-    if (at_start) {
-        line->add("+0)");
-    } else if (place > 0 && !has_symbol) {
-        line->add("()");
-    }
-    if (place > 0 && address_length > 0) {
+    const size_t place = bracket != nullptr ? (size_t)(static_cast<const char*>(bracket) - text) : length;
+    if (place > 0) {
+        constexpr std::string_view kNoOffset = "+0x0)";
+        const std::string_view file_and_symbol(text, place);
+        if (file_and_symbol.ends_with(kNoOffset)) {
+            line->add(text, place - kNoOffset.size());
+            line->add("+0)");
+        } else {
+            line->add(text, place);
+            line->add(file_and_symbol.ends_with(')') ? "" : "()");
+        }
         line->add(" ");
     }
-    line->add(address, address_length);
+    line->add(text + place, length - place);
 }
 
 // "%2d. %s\n" of each frame after our own, one symbol text a line of `symbols_fd`.
 void report_frames(int symbols_fd, ks_io* report) {
     (void)lseek(symbols_fd, 0, SEEK_SET);
     line_buffer frame;
-    line_buffer line;
-    frame.size = 0;
     unsigned number = 1;
-    char block[512];
-    for (ssize_t got = 0; (got = read(symbols_fd, block, sizeof(block))) > 0;) {
-        for (ssize_t i = 0; i < got; ++i) {
-            if (block[i] != '\n') {
-                frame.add(&block[i], 1);
-                continue;
-            }
-            line.size = 0;
-            line.add_number(number++, 2);
-            line.add(". ");
-            add_frame(&line, frame.text, frame.size);
-            line.end();
-            (void)ks_io_write(report, line.text, line.size);
-            frame.size = 0;
+    for (char next = '\0'; read(symbols_fd, &next, 1) > 0;) {
+        if (next != '\n') {
+            frame.add(&next, 1);
+            continue;
         }
+        line_buffer line;
+        line.add(number < 10 ? " " : "");
+        line.add_number(number++);
+        line.add(". ");
+        add_frame(&line, frame.text, frame.size);
+        line.end();
+        (void)ks_io_write(report, line.text, line.size);
+        frame.size = 0;
     }
 }
 
@@ -125,7 +111,7 @@ void add_description(line_buffer* line, int sig) {
         line->add(known);
     } else {
         line->add("Unknown signal ");
-        line->add_number((unsigned)sig, 1);
+        line->add_number((unsigned)sig);
     }
 }
 
@@ -175,30 +161,29 @@ void ks_backtrace(void) {
     for (const int crash : kCrashSignals) {
         __atomic_store_n(&signal_handler[crash], &_ks_backtrace, __ATOMIC_RELEASE);
     }
-    for (int signum = 1; signum < MAX_SIGNAL_SIZE; ++signum) {
-        if (signum != SIGKILL && signum != SIGSTOP && signal_handler[signum] != nullptr) {
-            install(signum, SA_RESETHAND | SA_SIGINFO, ks_signal_handler);
+    int signum = 0;
+    for (const ks_signal_callback& callback : signal_handler) {
+        if (__atomic_load_n(&callback, __ATOMIC_ACQUIRE) != nullptr) {
+            install(signum, SA_RESETHAND | SA_SIGINFO, ks_signal_handler); // the kernel refuses SIGKILL and SIGSTOP
         }
+        ++signum;
     }
 }
 
 // NOLINTNEXTLINE(clang-diagnostic-reserved-identifier): the callers' name for it
 __attribute__((noinline)) void _ks_backtrace(int sig) {
     line_buffer line;
-    line.size = 0;
     add_description(&line, sig);
     line.end();
-    if (write(STDERR_FILENO, line.text, line.size) < 0) {
-        // The kernel log matters more.
-    }
+    [[maybe_unused]] const ssize_t told = write(STDERR_FILENO, line.text, line.size); // the kernel log matters more
     const int log_fd = ks::above_stdio(open("/dev/kmsg", O_WRONLY | O_CLOEXEC));
-    if (log_fd < 0) {
+    if (log_fd == -1) {
         _exit(1);
     }
     void* frames[kFrames];
     const int count = backtrace(frames, kFrames);
     const int symbols_fd = ks::above_stdio(memfd_create("kservice-symbols", MFD_CLOEXEC));
-    if (count < kOwnFrames || symbols_fd < 0) {
+    if (count < kOwnFrames || symbols_fd == -1) {
         _exit(1);
     }
     backtrace_symbols_fd(frames + kOwnFrames, count - kOwnFrames, symbols_fd);
@@ -207,11 +192,10 @@ __attribute__((noinline)) void _ks_backtrace(int sig) {
     report.magic = KS_IO_MAGIC;
     report.memfd = -1;
     report.sockfd = -1;
-    report.passfd = -1;
     line.size = 0;
     add_description(&line, sig);
     line.add(" (pid ");
-    line.add_number((unsigned)getpid(), 1);
+    line.add_number((unsigned)getpid());
     line.add(") ");
     line.add(program_invocation_name);
     line.add(":");
@@ -223,6 +207,5 @@ __attribute__((noinline)) void _ks_backtrace(int sig) {
     const char* text = static_cast<const char*>(ks_io_read(&report, &size));
     copy_lines(text, size, log_fd);
     (void)fsync(log_fd);
-    close(log_fd);
     _exit(1);
 }

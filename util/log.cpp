@@ -24,27 +24,18 @@ char cLogFilePath[512];
 namespace {
 
 constexpr off_t kLargestUnrotatedBytes = 0x7FFFF;
-constexpr std::size_t kMessageLimit = 2047; // with its NUL
-constexpr std::size_t kLineSize = 2048;     // with its NUL, were it written
+constexpr std::size_t kLineSize = 2048; // with its NUL, were it written
 constexpr std::size_t kPrefixRoom = 64;
-constexpr std::size_t kStampLength = 20; // of ctime's 24 characters: without the year, but with the blank before it
+constexpr int kStampLength = 20; // of ctime's 24 characters: without the year, but with the blank before it
 
 // What stands before the message, "[<pid>] [<stamp>] ". ctime() looks at TZ and the host's zone file every time, which
 // costs more than all the rest of a line, so each thread keeps the text of the second that it last asked for.
 struct line_prefix {
-    std::time_t second = -1;
-    pid_t pid = 0; // a forked process has another
-    std::size_t length = 0;
-    char text[kPrefixRoom] = {};
+    std::time_t second;
+    pid_t pid; // a forked process has another
+    std::size_t length;
+    char text[kPrefixRoom];
 };
-
-// Writes `second` as ctime() does, cut after its 20th character.
-void format_stamp(std::time_t second, char (&stamp)[40]) {
-    const std::tm local = local_time(second);
-    std::array<char, 64> whole{};
-    const char* text = ::asctime_r(&local, whole.data());
-    (void)std::snprintf(stamp, sizeof stamp, "%.*s", static_cast<int>(kStampLength), text == nullptr ? "" : text);
-}
 
 // The process's id, asked for once: another system call a line would make it 6 to 8 % dearer (bench/bench_log.cpp). A
 // child of fork(2) has another one, and so has the daemon once it has left the terminal.
@@ -62,15 +53,16 @@ pid_t own_pid() {
 }
 
 const line_prefix& current_prefix() {
-    thread_local line_prefix cached;
+    thread_local line_prefix cached = {}; // of no process
     struct timeval now = {};
     (void)::gettimeofday(&now, nullptr); // cannot fail with these arguments
     const pid_t pid = own_pid();
     if (now.tv_sec != cached.second || pid != cached.pid) {
-        char stamp[40];
-        format_stamp(now.tv_sec, stamp);
-        cached.length =
-            static_cast<std::size_t>(std::snprintf(cached.text, sizeof cached.text, "[%05d] [%s] ", pid, stamp));
+        const std::tm local = local_time(now.tv_sec);
+        std::array<char, 64> whole{};
+        const char* stamp = ::asctime_r(&local, whole.data());
+        cached.length = static_cast<std::size_t>(std::snprintf(cached.text, sizeof cached.text, "[%05d] [%.*s] ", pid,
+                                                               kStampLength, stamp == nullptr ? "" : stamp));
         cached.second = now.tv_sec;
         cached.pid = pid;
     }
@@ -84,7 +76,7 @@ void write_line(const char* file, const char* fmt, std::va_list arguments) {
     std::array<char, kPrefixRoom + kLineSize> buffer;
     char* const message = buffer.data() + kPrefixRoom;
     *message = '\0';
-    (void)std::vsnprintf(message, kMessageLimit, fmt, arguments);
+    (void)std::vsnprintf(message, kLineSize, fmt, arguments);
     log_file_rotation(file);
     const line_prefix& prefix = current_prefix();
     const unique_fd log =
@@ -92,7 +84,7 @@ void write_line(const char* file, const char* fmt, std::va_list arguments) {
     if (log.ok()) {
         char* const line = message - prefix.length;
         std::memcpy(line, prefix.text, prefix.length);
-        std::size_t length = prefix.length + ::strnlen(message, kMessageLimit);
+        std::size_t length = prefix.length + ::strnlen(message, kLineSize);
         if (length < kLineSize - 1) {
             line[length++] = '\n';
         } else {

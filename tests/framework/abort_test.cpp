@@ -1,6 +1,7 @@
 // Every abort of the framework, provoked in a child process and its line compared whole. Resources are taken away by
 // real limits where there is one, else by a filter that lets the kernel refuse the call.
 #include "framework_support.h"
+#include "internal.h"
 #include "kservice.h"
 
 #include <gmock/gmock.h>
@@ -73,6 +74,14 @@ void as_nobody() {
     if (setgid(65534) != 0 || setuid(65534) != 0) {
         _exit(1);
     }
+}
+
+TEST_F(AbortDeathTest, OverlongMessageAndLineAreCut) {
+    const std::string message(600, 'm');
+    const std::string text(3000, 't');
+    const std::string start = "[ABORT] @f() " + message.substr(0, 511) + ": `";
+    EXPECT_ABORT(ks::abort_with("f", text.c_str(), "%s", message.c_str()), start + text.substr(0, 2047 - start.size()));
+    EXPECT_ABORT(ks::abort_with("f", "t", "%s", message.c_str()), start + "t'\n");
 }
 
 // ---- The message object

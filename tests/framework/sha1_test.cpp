@@ -79,6 +79,19 @@ TEST(Sha1Test, LengthIsCountedInBits) {
     EXPECT_EQ(context.block_index, 3);
 }
 
+// A length whose eight bytes all differ, as only an endless input has it.
+TEST(Sha1Test, EveryByteOfTheLengthIsPartOfTheMessage) {
+    SHA1Context context;
+    SHA1Reset(&context);
+    context.length_high = 0x81828384U;
+    context.length_low = 0x85868770U;
+    feed(&context, "abc");
+    ASSERT_EQ(context.length_low, 0x85868788U);
+    ASSERT_EQ(SHA1Result(&context), 1);
+    EXPECT_EQ((words{context.digest, context.digest + 5}),
+              (words{0xC5F46F05, 0x812090D3, 0x5D600FEB, 0x412229C3, 0x5559DEC5}));
+}
+
 TEST(Sha1Test, InputAfterTheResultCorrupts) {
     SHA1Context context;
     SHA1Reset(&context);

@@ -3,12 +3,13 @@
 //     crash_probe SOCKET [SIGNAL [DEPTH]]
 //
 // publishes itself at that path, calls itself, and raises SIGNAL (SIGSEGV if not said) while it serves, DEPTH calls
-// further down (none if not said). The functions have names that the dynamic loader knows (the program exports them),
-// so that the report can show them.
+// further down (none if not said). SIGNAL 0 stands for a jump into a page of no file, -1 for one to exported data. The
+// functions have names that the dynamic loader knows (the program exports them), so that the report can show them.
 #include "kservice.h"
 
 #include <csignal>
 #include <string>
+#include <sys/mman.h>
 
 namespace {
 int fatal_signal = SIGSEGV;
@@ -17,8 +18,13 @@ int calls_to_go = 0;
 
 extern "C" {
 
+extern const char crash_probe_data[];
+const char crash_probe_data[64] = {};
+
 __attribute__((noinline)) int crash_probe_innermost(int signal) {
-    const int raised = raise(signal);
+    const void* place = signal == 0 ? mmap(nullptr, 4096, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0)
+                                    : static_cast<const void*>(crash_probe_data);
+    const int raised = signal > 0 ? raise(signal) : reinterpret_cast<int (*)()>(const_cast<void*>(place))();
     return raised + 1; // not a tail call: its frame must be there
 }
 

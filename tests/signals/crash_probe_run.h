@@ -6,6 +6,7 @@
 
 #include <csignal>
 #include <fcntl.h>
+#include <functional>
 #include <string>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -17,7 +18,11 @@ struct crash {
 };
 
 /// Runs the probe to its end, which an alarm brings about if nothing else does.
-inline crash run_crash_probe(int signal = SIGSEGV, int depth = 0) {
+/// @param name     What the probe is called.
+/// @param prepare  Runs in the new process before the probe.
+/// @param program  The probe.
+inline crash run_crash_probe(int signal = SIGSEGV, int depth = 0, const std::string& name = "crash_probe",
+                             const std::function<void()>& prepare = nullptr, const char* program = CRASH_PROBE) {
     const test_folder folder;
     const std::string socket = folder / "crash.sock";
     const std::string err = folder / "stderr";
@@ -27,7 +32,10 @@ inline crash run_crash_probe(int signal = SIGSEGV, int depth = 0) {
     if (pid == 0) {
         dup2(open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), STDERR_FILENO);
         alarm(10);
-        execl(CRASH_PROBE, "crash_probe", socket.c_str(), number.c_str(), calls.c_str(), nullptr);
+        if (prepare) {
+            prepare();
+        }
+        execl(program, name.c_str(), socket.c_str(), number.c_str(), calls.c_str(), nullptr);
         _exit(126);
     }
     int status = -1;

@@ -112,6 +112,18 @@ TEST(SignalsTest, TheHandlerIgnoresSignalsWithoutACallback) {
     EXPECT_EQ(last_signal, 0);
 }
 
+TEST(SignalsTest, NumberZeroIsNoSignal) {
+    last_signal = -1;
+    signal_handler[0] = remember;
+    ks_signal_handler(0);
+    signal_handler[0] = nullptr;
+    EXPECT_EQ(last_signal, -1);
+    ks_signal(1, remember);
+    raise(1);
+    ks_signal(1, nullptr);
+    EXPECT_EQ(last_signal, 1);
+}
+
 TEST(SignalsTest, TheInterruptedCodeKeepsItsErrno) {
     ks_signal(SIGUSR1, remember);
     errno = EBADF;

@@ -1,3 +1,4 @@
+#include "framework_support.h"
 #include "host_tool.h"
 #include "log.h"
 #include "test_files.h"
@@ -14,6 +15,7 @@
 #include <iterator>
 #include <sstream>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <thread>
 #include <vector>
 
@@ -125,6 +127,15 @@ TEST_F(LogTest, AForkedChildsLineCarriesTheChildsId) {
     EXPECT_EQ(starts[0], parent);
     EXPECT_NE(starts[1], parent);
     EXPECT_EQ(starts[2], parent) << "the child's id stays the child's";
+}
+
+TEST_F(LogTest, TheProcessIdIsAskedForOnce) {
+    EXPECT_TRUE(passes_in_own_process([&] {
+        dbg_printf2("first");
+        support::trap_system_call(SYS_getpid); // ends this process should it be made
+        dbg_printf2("second");
+        EXPECT_THAT(read_file(log), testing::EndsWith("second\n"));
+    }));
 }
 
 TEST_F(LogTest, AProcessIdOfSevenDigitsIsWrittenWhole) {
@@ -268,6 +279,16 @@ TEST_F(LogTest, AMissingParentIsReportedAndThePathSetAllTheSame) {
     EXPECT_STREQ(cLogDirPath, deep.c_str());
     dbg_printf2("lost");
     EXPECT_FALSE(file_exists(deep));
+}
+
+TEST_F(LogTest, WhatIsSaidOfTheDirectoryDoesNotWaitInABuffer) {
+    const std::string deep = folder / "missing/inner";
+    const std::string out = folder / "out";
+    EXPECT_TRUE(passes_in_own_process([&] {
+        ASSERT_NE(std::freopen(out.c_str(), "w", stdout), nullptr); // a file: buffered whole
+        log_set_dir(deep.c_str());
+        EXPECT_EQ(read_file(out), "Error mkdir [" + deep + "] failed ret=-1\n");
+    }));
 }
 
 TEST_F(LogTest, AnExistingDirectoryIsNotMadeAgain) {
