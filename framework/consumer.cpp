@@ -57,7 +57,7 @@ bool wait_for_caller(const caller& who) {
 // The next descriptor that the caller promised; owned by the receiver, or -1.
 int promised_descriptor(const caller& who) {
     int fd = {};
-    received how;
+    received how = {};
     do {
         how = receive_descriptor(who.fd, MSG_DONTWAIT, &fd);
     } while (how == received::nothing && wait_for_caller(who));
