@@ -39,10 +39,11 @@ bool is_open(int fd) {
 // Answers the invitation: the request, then its descriptors. When one cannot be sent (too many in flight, see unix(7))
 // the service must not wait for it: hanging up makes the next event an end of the request.
 void send_request(const ks_io* io) {
+    static_assert(sizeof(directive::data) == sizeof(ks_io::command));
     directive request = ks::make_directive(KS_DIRECTIVE_REQUEST);
     const bool extra = is_open(io->passfd);
     request.flags = extra ? KS_DIRECTIVE_HAS_FD : 0;
-    memcpy(request.data, io->command, strnlen(io->command, sizeof(io->command) - 1));
+    memcpy(request.data, io->command, strnlen(io->command, sizeof(io->command)));
     const bool sent = ks::send_directive(io->sockfd, request) &&
                       (io->memfd < 0 || ks::send_descriptor(io->sockfd, io->memfd, MSG_DONTWAIT)) &&
                       (!extra || ks::send_descriptor(io->sockfd, io->passfd, MSG_DONTWAIT));
@@ -87,11 +88,7 @@ step advance(uint32_t events, ks_io* io, unsigned* ret_code) {
     }
 }
 
-int wait_time(int64_t give_up_at) {
-    return (int)std::clamp<int64_t>(give_up_at - ks::now_ms(), 0, INT_MAX);
-}
-
-constexpr int64_t kNoDeadline = -1;
+constexpr int64_t kNoDeadline = INT64_MAX;
 
 // connect(2) waits while the service's backlog is full, and for ever when the service has been stopped (SIGSTOP). The
 // socket's send time-out bounds that wait, see socket(7); after a signal the wait goes on with what is left. The
@@ -120,22 +117,21 @@ unsigned open_request(const char* name, const char* command, ks_io* io, int pass
         strlen(command) >= sizeof(io->command)) {
         return KS_BAD_ARGUMENT;
     }
-    char path[ks::kSocketPathSize];
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
     if (name[0] == '@') {
-        (void)snprintf(path, sizeof(path), "%s", name + 1); // KEPT: unlike ks_create(), no "/" is asked for
+        // KEPT: unlike ks_create(), no "/" is asked for
+        (void)snprintf(address.sun_path, ks::kSocketPathSize, "%s", name + 1);
     } else {
-        KS_REQUIRE_IN("ks_epoll_call", ks::hashed_socket_path(name, path, sizeof(path)), "SHA1Result(&sha1)",
-                      "generate request [%s] SHA1 fail", name);
+        KS_REQUIRE_IN("ks_epoll_call", ks::hashed_socket_path(name, address.sun_path, ks::kSocketPathSize),
+                      "SHA1Result(&sha1)", "generate request [%s] SHA1 fail", name);
     }
 
     ks::close_and_clear(&io->sockfd); // left by an earlier call that found no service
     io->sockfd = ks::above_stdio(socket(AF_UNIX, SOCK_STREAM, 0));
-    KS_REQUIRE_IN("ks_epoll_call", io->sockfd >= 0 && set_fd_cloexec(io->sockfd),
+    KS_REQUIRE_IN("ks_epoll_call", set_fd_cloexec(io->sockfd), // 0 for -1, too
                   "(io->sockfd = socket(AF_UNIX, SOCK_STREAM, 0)) >= 0 && set_fd_cloexec(io->sockfd)",
                   "create request socket fail");
-    sockaddr_un address = {};
-    address.sun_family = AF_UNIX;
-    memcpy(address.sun_path, path, strlen(path) + 1);
     const unsigned connected = connect_until(io->sockfd, address, give_up_at);
     if (connected != KS_OK) {
         return connected;
@@ -148,36 +144,29 @@ unsigned open_request(const char* name, const char* command, ks_io* io, int pass
 
 // What perform() works on: the requests of a set, or one that is in no set.
 struct requests {
-    int epollfd;  // the set's
-    ks_io* alone; // NULL = a set's
+    const ks_epoll* set;
+    ks_io* alone; // NULL = those of the set
 };
 
 // Waits up to `timeout_ms` for one event. A signal does not make that time longer.
 // @return The request that the event belongs to, NULL = there was none.
 ks_io* wait_for_event(const requests& of, unsigned timeout_ms, uint32_t* ret_events) {
     const int64_t give_up_at = ks::now_ms() + timeout_ms;
-    for (;;) {
-        epoll_event event = {};
-        int ready = 0;
-        if (of.alone != nullptr) {
-            pollfd watched = {of.alone->sockfd, POLLIN | POLLRDHUP, 0};
-            ready = poll(&watched, 1, wait_time(give_up_at));
-            event.events = (uint32_t)watched.revents;
-            event.data.ptr = of.alone;
-        } else {
-            ready = epoll_wait(of.epollfd, &event, 1, wait_time(give_up_at));
-        }
-        if (ready < 0 && errno == EINTR) {
-            continue;
-        }
-        *ret_events = event.events;
-        return ready > 0 ? static_cast<ks_io*>(event.data.ptr) : nullptr;
+    if (of.alone != nullptr) {
+        pollfd watched = {of.alone->sockfd, POLLIN | POLLRDHUP, {}};
+        const auto ready = TEMP_FAILURE_RETRY(poll(&watched, 1, ks::wait_time(give_up_at)));
+        *ret_events = (uint32_t)watched.revents;
+        return ready > 0 ? of.alone : nullptr;
     }
+    epoll_event event = {}; // stays so when there is none
+    (void)TEMP_FAILURE_RETRY(epoll_wait(of.set->fd, &event, 1, ks::wait_time(give_up_at)));
+    *ret_events = event.events;
+    return static_cast<ks_io*>(event.data.ptr);
 }
 
 void end_connection(const requests& of, ks_io* io) {
     if (of.alone == nullptr) { // a child may hold a copy of the socket: closing ours would not take it out of the set
-        (void)epoll_ctl(of.epollfd, EPOLL_CTL_DEL, io->sockfd, nullptr);
+        (void)epoll_ctl(of.set->fd, EPOLL_CTL_DEL, io->sockfd, nullptr);
     }
     (void)shutdown(io->sockfd, SHUT_RDWR);
     ks::close_and_clear(&io->sockfd);
@@ -186,7 +175,7 @@ void end_connection(const requests& of, ks_io* io) {
 // Advances the requests by one event, see ks_epoll_perform(). A directive of an unknown type is not counted as one: the
 // wait begins anew, with the whole of `timeout_ms`.
 ks_io* perform(const requests& of, unsigned timeout_ms, unsigned* ret_code) {
-    uint32_t events = 0;
+    uint32_t events = {};
     while (ks_io* io = wait_for_event(of, timeout_ms, &events)) {
         switch (advance(events, io, ret_code)) {
         case step::waits:
@@ -214,7 +203,7 @@ ks_epoll* ks_epoll_create(void) {
     auto* epoll = static_cast<ks_epoll*>(calloc(1, sizeof(ks_epoll)));
     KS_REQUIRE(epoll != nullptr, "(epoll = calloc(1, sizeof(ks_epoll)))", "alloc epoll memory fail");
     epoll->fd = ks::above_stdio(epoll_create(1));
-    KS_REQUIRE(epoll->fd >= 0 && set_fd_cloexec(epoll->fd),
+    KS_REQUIRE(set_fd_cloexec(epoll->fd), // 0 for -1, too
                "((epoll->fd = epoll_create(1)) >= 0 && set_fd_cloexec(epoll->fd))", "create request epoll fail");
     epoll->magic = KS_EPOLL_MAGIC;
     return epoll;
@@ -228,7 +217,7 @@ unsigned ks_epoll_call(ks_epoll* epoll, const char* name, const char* command, k
         return code;
     }
     epoll_event event = {};
-    event.events = EPOLLIN | EPOLLERR | EPOLLHUP | EPOLLRDHUP;
+    event.events = EPOLLIN | EPOLLRDHUP; // errors and hang-ups are always reported
     event.data.ptr = io;
     KS_REQUIRE(epoll_ctl(epoll->fd, EPOLL_CTL_ADD, io->sockfd, &event) == 0,
                "epoll_ctl(epoll->fd, EPOLL_CTL_ADD, io->sockfd, ev) == 0", "epoll add request sockfd fail");
@@ -237,15 +226,15 @@ unsigned ks_epoll_call(ks_epoll* epoll, const char* name, const char* command, k
 
 ks_io* ks_epoll_perform(ks_epoll* epoll, unsigned timeout_ms, unsigned* status) {
     KS_REQUIRE(is_epoll(epoll), KS_EPOLL_TEXT, "cannot perform incorrect ks_epoll %p", (void*)epoll);
-    unsigned ignored = 0;
-    return perform({epoll->fd, nullptr}, timeout_ms, status != nullptr ? status : &ignored);
+    unsigned ignored = {};
+    return perform({epoll, nullptr}, timeout_ms, status != nullptr ? status : &ignored);
 }
 
 void ks_epoll_cancel(ks_epoll* epoll, ks_io* io) {
     KS_REQUIRE(is_epoll(epoll), KS_EPOLL_TEXT, "cannot cancel incorrect ks_epoll %p", (void*)epoll);
     KS_REQUIRE(is_io(io), KS_IO_TEXT, "cannot cancel incorrect ks_io %p", (void*)io);
     if (io->sockfd != -1) {
-        end_connection({epoll->fd, nullptr}, io);
+        end_connection({epoll, nullptr}, io);
     }
 }
 
@@ -263,7 +252,7 @@ unsigned ks_call(const char* name, const char* command, ks_io* io, unsigned time
     if (code == KS_OK) {
         // Less than all only when the backlog was full.
         int64_t remaining = std::max<int64_t>(give_up_at - ks::now_ms(), 0);
-        while (perform({-1, io}, (unsigned)std::min<int64_t>(remaining, UINT_MAX), &code) == nullptr) {
+        while (perform({nullptr, io}, (unsigned)std::min<int64_t>(remaining, UINT_MAX), &code) == nullptr) {
             // KEPT: each pass takes the whole time since the start off the budget, not just its own, so a request that
             // waited for a worker has less than the clock says. Callers have tuned their time-outs to it.
             const int64_t elapsed = ks::now_ms() - begin;
@@ -287,7 +276,7 @@ unsigned ks_ez_call(const char* name, const char* command, const void* data, siz
     KS_REQUIRE(recv == nullptr || *recv == nullptr, "(recv == NULL || *recv == NULL)", "recv memory access violation");
     ks_io* io = ks_io_create();
     for (size_t written = 0; written < dsize;) {
-        const size_t piece = dsize - written < kLargestWrite ? dsize - written : kLargestWrite;
+        const size_t piece = std::min(dsize - written, kLargestWrite);
         // Out of memory or over a limit: half a request would be another request. Not tried again after a part, which
         // beyond RLIMIT_FSIZE raises SIGXFSZ.
         if (ks_io_write(io, static_cast<const char*>(data) + written, piece) != (ssize_t)piece) {
@@ -300,8 +289,7 @@ unsigned ks_ez_call(const char* name, const char* command, const void* data, siz
     if (code == KS_OK && recv != nullptr) {
         size_t size = io->shared_size;
         void* reply = realloc(*recv, size);
-        KS_REQUIRE(reply != nullptr || size == 0, "(*recv = realloc(*recv, io->shared_size))",
-                   "cannot realloc recv memory");
+        KS_REQUIRE(reply != nullptr, "(*recv = realloc(*recv, io->shared_size))", "cannot realloc recv memory");
         // Not from the mapping: the service has a hand on the file and could shorten it under us.
         size_t copied = 0;
         while (copied < size) {

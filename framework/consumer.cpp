@@ -13,9 +13,11 @@
 #include "internal.h"
 
 #include <cerrno>
+#include <climits>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <iterator>
 #include <poll.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
@@ -46,46 +48,26 @@ void hang_up(int fd) {
 
 // Waits until the caller has said something. False = it has gone, was silent for too long, or the producer wants us.
 bool wait_for_caller(const caller& who) {
-    for (;;) {
-        pollfd watched[2] = {{who.fd, POLLIN | POLLRDHUP, 0}, {who.link, POLLIN | POLLRDHUP, 0}};
-        const int64_t left = who.give_up_at - now_ms();
-        if (left <= 0) {
-            return false;
-        }
-        const int ready = poll(watched, 2, (int)left);
-        if (ready < 0 && errno == EINTR) {
-            continue;
-        }
-        if (ready <= 0 || watched[0].revents == 0) {
-            return false;
-        }
-        // Hung up in both directions: whatever it said before, nobody waits for an answer.
-        return watched[0].revents != (POLLIN | POLLHUP | POLLRDHUP);
-    }
+    pollfd watched[] = {{who.fd, POLLIN | POLLRDHUP, {}}, {who.link, POLLIN | POLLRDHUP, {}}};
+    (void)TEMP_FAILURE_RETRY(poll(watched, std::size(watched), wait_time(who.give_up_at)));
+    // Hung up in both directions: whatever it said before, nobody waits for an answer.
+    return watched[0].revents != 0 && watched[0].revents != (POLLIN | POLLHUP | POLLRDHUP);
 }
 
 // The next descriptor that the caller promised; owned by the receiver, or -1.
 int promised_descriptor(const caller& who) {
-    int fd = -1;
-    for (;;) {
-        switch (receive_descriptor(who.fd, MSG_DONTWAIT, &fd)) {
-        case received::descriptor:
-            return fd;
-        case received::nothing:
-            if (wait_for_caller(who)) {
-                continue;
-            }
-            return -1;
-        default:
-            return -1;
-        }
-    }
+    int fd = {};
+    received how = {};
+    do {
+        how = receive_descriptor(who.fd, MSG_DONTWAIT, &fd);
+    } while (how == received::nothing && wait_for_caller(who));
+    return how == received::descriptor ? fd : -1;
 }
 
 // The environment of the process `pid`: texts, each ended by a NUL, and one NUL more. The caller frees it; nullptr = it
 // cannot be read.
 char* read_environment(pid_t pid, size_t* ret_size) {
-    char path[64];
+    char path[PATH_MAX];
     (void)snprintf(path, sizeof(path), "/proc/%d/environ", (int)pid);
     const int fd = above_stdio(open(path, O_RDONLY | O_CLOEXEC));
     if (fd < 0) {
@@ -93,27 +75,23 @@ char* read_environment(pid_t pid, size_t* ret_size) {
     }
     char* text = nullptr;
     size_t size = 0;
-    size_t capacity = 0;
     ssize_t got = 0;
     do {
         size += (size_t)got;
-        if (capacity - size < 2) {
-            capacity = 2 * capacity + 4096;
-            char* larger = static_cast<char*>(realloc(text, capacity));
-            if (larger == nullptr) {
-                got = -1;
-                break;
-            }
-            text = larger;
+        char* larger = static_cast<char*>(realloc(text, size + BUFSIZ));
+        if (larger == nullptr) {
+            got = -1;
+            break;
         }
-        got = read(fd, text + size, capacity - size - 1);
+        text = larger;
+        got = read(fd, text + size, BUFSIZ);
     } while (got > 0);
     close(fd);
     if (got < 0) {
         free(text);
         return nullptr;
     }
-    text[size] = '\0';
+    text[size] = '\0'; // the last read brought nothing, so there is room
     *ret_size = size;
     return text;
 }
@@ -142,9 +120,9 @@ int compare_entries(const void* left, const void* right) {
         ++i;
     }
     if (a[i] != b[i]) {
-        return a[i] < b[i] ? -1 : 1;
+        return a[i] - b[i];
     }
-    return a < b ? -1 : 1;
+    return (int)(a - b); // of one text
 }
 
 // KEPT: a process worker runs its callback in the caller's environment. An unreadable one leaves ours as it was.
@@ -154,7 +132,7 @@ int compare_entries(const void* left, const void* right) {
 void adopt_environment(pid_t pid) {
     static char* adopted_text = nullptr;
     static char** adopted_entries = nullptr;
-    size_t size = 0;
+    size_t size = {};
     char* text = read_environment(pid, &size);
     if (text == nullptr) {
         return;
@@ -190,7 +168,7 @@ void execute(const ks_worker* worker, const directive& request, int connection, 
     ks_io* io = ks_io_create();
     io->memfd = memfd;
     io->sockfd = connection;
-    (void)snprintf(io->command, sizeof(io->command), "%.*s", 256, request.data);
+    (void)snprintf(io->command, sizeof(io->command), "%.*s", (int)sizeof(request.data), request.data);
     if (!io_try_sync(io)) {
         (void)shutdown(io->sockfd, SHUT_RDWR);
         ks_io_free(io);
@@ -242,7 +220,7 @@ bool hear_request(const ks_worker* worker, const caller& who) {
 
 // A caller's descriptor follows on the link. Ends with the worker ready again.
 void take_transfer(const ks_worker* worker, const directive& transfer) {
-    int fd = -1;
+    int fd = {};
     const received how = receive_descriptor(worker->sockfd[0], 0, &fd);
     (void)send_directive(worker->sockfd[0], transfer);
     if (how == received::descriptor) {
@@ -257,10 +235,7 @@ void take_transfer(const ks_worker* worker, const directive& transfer) {
 // Works on what the producer says. False = the loop must end.
 bool hear_producer(const ks_worker* worker) {
     directive message = {};
-    ssize_t got = recv(worker->sockfd[0], &message, sizeof(message), 0);
-    if (got < 0 && errno == EINTR) {
-        return true;
-    }
+    const ssize_t got = TEMP_FAILURE_RETRY(recv(worker->sockfd[0], &message, sizeof(message), 0));
     if (got == 0) {
         return false; // end of stream: it will never say anything again
     }
@@ -287,20 +262,12 @@ void run_consumer(ks_worker* worker) {
     }
     const int link = worker->sockfd[0];
     worker->pollfd = above_stdio(epoll_create(1));
-    if (worker->pollfd >= 0) {
-        (void)set_fd_cloexec(worker->pollfd);
-        epoll_event event = {};
-        event.events = EPOLLIN | EPOLLERR | EPOLLHUP | EPOLLRDHUP;
-        event.data.fd = link;
-        (void)epoll_ctl(worker->pollfd, EPOLL_CTL_ADD, link, &event);
-    }
+    epoll_event event = {};
+    event.events = EPOLLIN | EPOLLRDHUP; // errors and hang-ups are always reported
+    (void)epoll_ctl(worker->pollfd, EPOLL_CTL_ADD, link, &event);
     while (worker->pollfd >= 0) {
-        epoll_event event = {};
-        int ready = 0;
-        do {
-            ready = epoll_wait(worker->pollfd, &event, 1, -1);
-        } while (ready < 0 && errno == EINTR);
-        if (ready <= 0 || event.events == (EPOLLIN | EPOLLHUP | EPOLLRDHUP) || !hear_producer(worker)) {
+        const auto ready = TEMP_FAILURE_RETRY(epoll_wait(worker->pollfd, &event, 1, -1));
+        if (ready != 1 || event.events == (EPOLLIN | EPOLLHUP | EPOLLRDHUP) || !hear_producer(worker)) {
             close_and_clear(&worker->pollfd);
         }
     }

@@ -7,7 +7,10 @@
 // can take as long as the stranger likes, so nobody waits for that (close_foreign()).
 #include "internal.h"
 
+#include <algorithm>
 #include <cerrno>
+#include <chrono>
+#include <climits>
 #include <cstring>
 #include <fcntl.h>
 #include <pthread.h>
@@ -43,11 +46,9 @@ int above_stdio(int fd) {
     if (fd < 0 || fd > STDERR_FILENO) {
         return fd;
     }
-    const int flags = fcntl(fd, F_GETFD);
-    const int moved = fcntl(fd, flags >= 0 && (flags & FD_CLOEXEC) != 0 ? F_DUPFD_CLOEXEC : F_DUPFD, STDERR_FILENO + 1);
-    const int saved = errno;
+    const bool cloexec = (fcntl(fd, F_GETFD) & FD_CLOEXEC) != 0;
+    const int moved = fcntl(fd, cloexec ? F_DUPFD_CLOEXEC : F_DUPFD, STDERR_FILENO + 1);
     close(fd);
-    errno = saved;
     return moved;
 }
 
@@ -88,19 +89,13 @@ directive make_directive(uint8_t type) {
 }
 
 bool send_directive(int sockfd, const directive& message) {
-    ssize_t sent = 0;
-    do {
-        sent = send(sockfd, &message, sizeof(message), MSG_DONTWAIT | MSG_NOSIGNAL);
-    } while (sent < 0 && errno == EINTR);
-    return sent == (ssize_t)sizeof(message);
+    return TEMP_FAILURE_RETRY(send(sockfd, &message, sizeof(message), MSG_DONTWAIT | MSG_NOSIGNAL)) ==
+           (ssize_t)sizeof(message);
 }
 
 bool receive_directive(int sockfd, directive* ret_message) {
-    ssize_t got = 0;
-    do {
-        got = recv(sockfd, ret_message, sizeof(*ret_message), MSG_DONTWAIT);
-    } while (got < 0 && errno == EINTR);
-    return got == (ssize_t)sizeof(*ret_message);
+    return TEMP_FAILURE_RETRY(recv(sockfd, ret_message, sizeof(*ret_message), MSG_DONTWAIT)) ==
+           (ssize_t)sizeof(*ret_message);
 }
 
 bool send_descriptor(int sockfd, int fd, int flags) {
@@ -119,15 +114,11 @@ bool send_descriptor(int sockfd, int fd, int flags) {
         header->cmsg_type = SCM_RIGHTS;
         memcpy(CMSG_DATA(header), &fd, sizeof(fd));
     }
-    ssize_t sent = 0;
-    do {
-        sent = sendmsg(sockfd, &message, flags | MSG_NOSIGNAL);
-    } while (sent < 0 && errno == EINTR);
-    return sent == 1;
+    return TEMP_FAILURE_RETRY(sendmsg(sockfd, &message, flags | MSG_NOSIGNAL)) == 1;
 }
 
 received receive_descriptor(int sockfd, int flags, int* ret_fd) {
-    char byte = 0;
+    char byte = {};
     iovec data = {&byte, sizeof(byte)};
     alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))];
     msghdr message = {};
@@ -135,11 +126,7 @@ received receive_descriptor(int sockfd, int flags, int* ret_fd) {
     message.msg_iovlen = 1;
     message.msg_control = control;
     message.msg_controllen = sizeof(control);
-    ssize_t got = 0;
-    do {
-        got = recvmsg(sockfd, &message, flags | MSG_CMSG_CLOEXEC);
-    } while (got < 0 && errno == EINTR);
-    if (got < 0) {
+    if (TEMP_FAILURE_RETRY(recvmsg(sockfd, &message, flags | MSG_CMSG_CLOEXEC)) < 0) {
         return errno == EAGAIN ? received::nothing : received::failed;
     }
     int kept = -1;
@@ -149,7 +136,7 @@ received receive_descriptor(int sockfd, int flags, int* ret_fd) {
         }
         const size_t count = (header->cmsg_len - CMSG_LEN(0)) / sizeof(int);
         for (size_t i = 0; i < count; ++i) {
-            int fd = -1;
+            int fd = {};
             memcpy(&fd, CMSG_DATA(header) + i * sizeof(int), sizeof(fd));
             if (kept < 0) {
                 kept = fd;
@@ -158,7 +145,7 @@ received receive_descriptor(int sockfd, int flags, int* ret_fd) {
             }
         }
     }
-    if (kept >= 0 && kept <= STDERR_FILENO) { // as above_stdio(), but for a stranger's
+    if (kept <= STDERR_FILENO) { // as above_stdio(), but for a stranger's; -1 stays -1
         const int moved = fcntl(kept, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
         close_foreign(kept);
         kept = moved;
@@ -173,7 +160,12 @@ received receive_descriptor(int sockfd, int flags, int* ret_fd) {
 int64_t now_ms() {
     timespec now = {};
     clock_gettime(CLOCK_MONOTONIC, &now);
-    return (int64_t)now.tv_sec * 1000 + now.tv_nsec / 1000000;
+    const auto time = std::chrono::seconds(now.tv_sec) + std::chrono::nanoseconds(now.tv_nsec);
+    return std::chrono::duration_cast<std::chrono::milliseconds>(time).count();
+}
+
+int wait_time(int64_t give_up_at) {
+    return (int)std::clamp<int64_t>(give_up_at - now_ms(), 0, INT_MAX);
 }
 
 } // namespace ks

@@ -80,6 +80,9 @@ received receive_descriptor(int sockfd, int flags, int* ret_fd);
 /// A process-independent clock in milliseconds.
 int64_t now_ms();
 
+/// Milliseconds until now_ms() is `give_up_at`, for poll(2) and epoll_wait(2): 0 once that has passed.
+int wait_time(int64_t give_up_at);
+
 // ---- io.cpp
 
 /// Creates the memory file of `io` when there is none.

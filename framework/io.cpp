@@ -8,6 +8,7 @@
 #include "internal.h"
 
 #include <cerrno>
+#include <climits>
 #include <cstdarg>
 #include <cstdlib>
 #include <cstring>
@@ -52,9 +53,7 @@ bool is_shared(const ks_io* io) {
 void let_go(ks_io* io) {
     unmap(io);
     ks::close_and_clear(&io->memfd);
-    if (io->sockfd >= 0) {
-        (void)shutdown(io->sockfd, SHUT_RDWR);
-    }
+    (void)shutdown(io->sockfd, SHUT_RDWR);
 }
 
 bool resize_and_map(ks_io* io, size_t size, bool* ret_resized) {
@@ -73,7 +72,7 @@ namespace ks {
 void io_shm(ks_io* io) {
     if (io->memfd < 0) {
         io->memfd = above_stdio(memfd_create("kservice", MFD_CLOEXEC));
-        KS_REQUIRE_IN("ks_io_shm", io->memfd != -1 && set_fd_cloexec(io->memfd),
+        KS_REQUIRE_IN("ks_io_shm", set_fd_cloexec(io->memfd), // 0 for -1, too
                       "io->memfd != -1 && set_fd_cloexec(io->memfd)", "create share memory file fail");
     }
 }
@@ -89,9 +88,7 @@ bool io_try_sync(ks_io* io) {
 
 void io_reset(ks_io* io) {
     unmap(io);
-    if (io->sockfd >= 0) {
-        (void)shutdown(io->sockfd, SHUT_RDWR); // a child may hold a copy; the other side shall see the end nevertheless
-    }
+    (void)shutdown(io->sockfd, SHUT_RDWR); // a child may hold a copy; the other side shall see the end nevertheless
     close_and_clear(&io->memfd);
     close_and_clear(&io->sockfd);
     io->passfd = -1;
@@ -143,7 +140,7 @@ void ks_io_realloc(ks_io* io, size_t size) {
     KS_REQUIRE(is_io(io), KS_IO_TEXT, "cannot alloc incorrect ks_io %p", (void*)io);
     ks::io_shm(io);
     unmap(io);
-    bool resized = false;
+    bool resized = {};
     bool done = resize_and_map(io, size, &resized);
     if (!done && is_shared(io)) {
         let_go(io);
@@ -227,12 +224,8 @@ uint32_t ks_io_alive(ks_io* io) {
         return 0;
     }
     // A caller has nothing to say once its request is sent: readable means it hung up, or broke the protocol.
-    pollfd caller = {io->sockfd, POLLIN, 0};
-    int ready = 0;
-    do {
-        ready = poll(&caller, 1, 0);
-    } while (ready < 0 && errno == EINTR);
-    return ready == 0 ? 1 : 0;
+    pollfd caller = {io->sockfd, POLLIN, {}};
+    return TEMP_FAILURE_RETRY(poll(&caller, 1, 0)) == 0 ? 1 : 0;
 }
 
 // KEPT: from here to ks_io_freopen() nothing checks the magic.
@@ -258,14 +251,14 @@ int ks_io_dup3(ks_io* io, int newfd, int flags) {
 
 FILE* ks_io_fopen(ks_io* io, const char* mode) {
     ks::io_shm(io);
-    char path[4096];
+    char path[PATH_MAX];
     (void)snprintf(path, sizeof(path), "/proc/self/fd/%d", io->memfd);
     return fopen(path, mode);
 }
 
 FILE* ks_io_freopen(ks_io* io, const char* mode, FILE* stream) {
     ks::io_shm(io);
-    char path[4096];
+    char path[PATH_MAX];
     (void)snprintf(path, sizeof(path), "/proc/self/fd/%d", io->memfd);
     return freopen(path, mode, stream);
 }

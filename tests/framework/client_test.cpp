@@ -262,7 +262,9 @@ TEST(ClientTest, RequestIsSentOnlyWhenInvited) {
         message.msg_iovlen = 1;
         message.msg_control = control;
         message.msg_controllen = sizeof(control);
+        byte = 'x';
         ASSERT_EQ(recvmsg(caller.get(), &message, 0), 1) << "one data byte";
+        EXPECT_EQ(byte, 0);
         const cmsghdr* header = CMSG_FIRSTHDR(&message);
         ASSERT_NE(header, nullptr);
         EXPECT_EQ(header->cmsg_len, 20U);

@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <malloc.h>
 #include <spawn.h>
 #include <sstream>
 #include <string>
@@ -35,14 +36,19 @@ std::string contents(const descriptor& file) {
     return {bytes, got < 0 ? 0 : (size_t)got};
 }
 
-// The value of a variable; with "count" the number of all, with "all" all of them, which are changed afterwards, as a
-// callback may.
+// The value of a variable; with "heap" the bytes in use of the C library's heap, with "count" the number of all, with
+// "all" all of them, which are changed afterwards, as a callback may.
 int tell_environment(const char* command, ks_io* io, int) {
     std::string text;
     int count = 0;
     for (char** each = environ; each != nullptr && *each != nullptr; ++each) {
         text += std::string(*each) + "\n";
         ++count;
+    }
+    if (strcmp(command, "heap") == 0) {
+        const struct mallinfo2 heap = mallinfo2();
+        support::answer(io, std::to_string(heap.uordblks + heap.hblkhd));
+        return 0;
     }
     if (strcmp(command, "count") == 0) {
         support::answer(io, std::to_string(count));
@@ -134,6 +140,17 @@ TEST(ConsumerEnvironmentTest, LargeOnesAreAdoptedWhole) {
     EXPECT_EQ(reply_to_a_caller_with(many, one.name(), "KS_0"), "10000");
     EXPECT_EQ(reply_to_a_caller_with(many, one.name(), "KS_4321"), "14321");
     EXPECT_EQ(reply_to_a_caller_with(many, one.name(), "KS_9999"), "19999");
+}
+
+// The one before is given back, entries and texts.
+TEST(ConsumerEnvironmentTest, OneAtATimeIsKept) {
+    const service one(3, 1, tell_environment);
+    const std::vector<std::string> many(20000, "KS_A=1");
+    size_t in_use[3];
+    for (size_t& each : in_use) {
+        each = std::stoul(reply_to_a_caller_with(many, one.name(), "heap"));
+    }
+    EXPECT_LT(in_use[2], in_use[1] + 50000);
 }
 
 // Where a thread of the program is inside setenv(), which keeps a lock of the C library while it looks through the

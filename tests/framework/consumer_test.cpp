@@ -360,6 +360,39 @@ TEST_F(ConsumerTest, DataWithoutADescriptorDropsTheCaller) {
     expect_it_serves();
 }
 
+// The end of what the caller says is no reason to wait on, whatever the last look at its connection brought.
+TEST_F(ConsumerTest, CallerThatFallsSilentForGoodInsteadOfADescriptorIsDropped) {
+    const raw_caller caller = invited_caller();
+    ASSERT_TRUE(caller.send(make_record(8, 0, "c")));
+    std::this_thread::sleep_for(std::chrono::milliseconds(100)); // lateness itself
+    caller.shut_write();
+    EXPECT_TRUE(caller.hung_up(std::chrono::seconds(20))) << "before its patience ends";
+    expect_it_serves();
+}
+
+// A copy of the connection, as a child process would hold it, does not keep a caller that was refused waiting.
+TEST_F(ConsumerTest, CopyOfTheConnectionDoesNotKeepARefusedCaller) {
+    expect_it_serves();
+    const descriptor no_file(open("/dev/null", O_RDWR | O_CLOEXEC));
+    const descriptor huge = memory_file("text");
+    ASSERT_EQ(ftruncate(huge.get(), (off_t)1 << 62), 0);
+    for (const int memory : {no_file.get(), huge.get()}) {
+        (void)support::settled_descriptors();
+        const auto before = support::open_descriptors();
+        const raw_caller caller = invited_caller();
+        (void)support::settled_descriptors(); // the producer's is closed
+        std::vector<descriptor> copies;
+        for (const int fd : support::open_descriptors()) {
+            if (fd != caller.fd() && std::find(before.begin(), before.end(), fd) == before.end()) {
+                copies.emplace_back(fcntl(fd, F_DUPFD_CLOEXEC, 3));
+            }
+        }
+        ASSERT_EQ(copies.size(), 1U);
+        ASSERT_TRUE(caller.send(make_record(8, 0, "c")) && caller.send_fds({memory}));
+        EXPECT_TRUE(caller.hung_up());
+    }
+}
+
 TEST_F(ConsumerTest, DescriptorsBeyondTheFirstAreClosed) {
     expect_it_serves();
     const auto before = support::settled_descriptors();
@@ -408,6 +441,7 @@ TEST(ConsumerDescriptorTest, ReceivedDescriptorsStandAboveTheStandardStreams) {
                 const descriptor extra = memory_file();
                 const service one(5, 1, report_numbers);
                 close(number);
+                close(STDERR_FILENO);
                 std::string reply;
                 const bool above = support::call(one.name(), "c", "", &reply, extra.get()) == 0 && reply == "above";
                 const bool free = eventually([&] { return fcntl(number, F_GETFD) == -1; });

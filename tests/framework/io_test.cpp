@@ -158,6 +158,7 @@ TEST(IoTest, MemoryFileNeverTakesANumberBelowThree) {
         EXPECT_EXIT(
             {
                 close(closed);
+                close(STDERR_FILENO);
                 ks_io* io = ks_io_create();
                 const int fd = ks_io_fileno(io);
                 const bool good = fd >= 3 && (fcntl(fd, F_GETFD) & FD_CLOEXEC) != 0 && !is_open(closed);
@@ -182,6 +183,14 @@ TEST(IoTest, FreeClosesWhatItOwnsAndLeavesPassfd) {
     EXPECT_FALSE(is_open(memfd));
     EXPECT_FALSE(is_open(pair[0]));
     EXPECT_TRUE(is_open(passed.get()));
+}
+
+TEST(IoTest, FreeKeepsErrno) {
+    ks_io* io = ks_io_create();
+    io->sockfd = 4444; // closed already
+    errno = ENOTTY;
+    ks_io_free(io);
+    EXPECT_EQ(errno, ENOTTY);
 }
 
 TEST(IoTest, FreeUnmaps) {
@@ -430,6 +439,15 @@ TEST(IoTest, SetFdCloexecWritesStatusFlagsAndLeavesTheDescriptorFlag) {
     EXPECT_EQ(set_fd_cloexec(file.get()), 1U);
     EXPECT_EQ(fcntl(file.get(), F_GETFD), 0) << "KEPT: not the close-on-exec flag";
     EXPECT_EQ(fcntl(file.get(), F_GETFL), status);
+    int ends[2];
+    ASSERT_EQ(pipe(ends), 0);
+    const descriptor read_end(ends[0]);
+    const descriptor write_end(ends[1]);
+    ASSERT_EQ(fcntl(read_end.get(), F_GETFL), 0);
+    EXPECT_EQ(set_fd_cloexec(read_end.get()), 1U) << "no flag at all is no error";
+    ASSERT_EQ(fcntl(write_end.get(), F_SETFL, O_NONBLOCK), 0);
+    EXPECT_EQ(set_fd_cloexec(write_end.get()), 1U);
+    EXPECT_EQ(fcntl(write_end.get(), F_GETFL), O_WRONLY | O_NONBLOCK);
     EXPECT_EQ(set_fd_cloexec(-1), 0U);
     const descriptor name_only(open("/", O_PATH | O_CLOEXEC));
     EXPECT_EQ(set_fd_cloexec(name_only.get()), 0U) << "its flags can be read, but not written";
