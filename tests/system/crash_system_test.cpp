@@ -115,7 +115,9 @@ TEST_F(CrashSystemTest, ACrashInAHandlerIsReportedWithTheInnermostFrameFirst) {
         return line.find("(Get_Local_User_List_V2+0") != std::string::npos;
     });
     ASSERT_NE(fault, lines.end()) << read_file(kDaemonLog);
-    EXPECT_THAT(lines.front(), HasSubstr("vexprod(")) << "the report's own frame";
+    if (!kSanitized) { // whose library takes the call in between
+        EXPECT_THAT(lines.front(), HasSubstr("vexprod(")) << "the report's own frame";
+    }
     EXPECT_THAT(*(fault + 1), HasSubstr("vexprod(")) << "the handler that called the library";
     EXPECT_THAT(lines[lines.size() - 3], HasSubstr("/libc.so.6(")) << "the thread's first frame";
 }
