@@ -376,11 +376,13 @@ TEST_F(ConsumerTest, CopyOfTheConnectionDoesNotKeepARefusedCaller) {
     const descriptor no_file(open("/dev/null", O_RDWR | O_CLOEXEC));
     const descriptor huge = memory_file("text");
     ASSERT_EQ(ftruncate(huge.get(), (off_t)1 << 62), 0);
+    const auto settled = support::settled_descriptors();
     for (const int memory : {no_file.get(), huge.get()}) {
-        (void)support::settled_descriptors();
+        ASSERT_TRUE(eventually([&] { return support::open_descriptors().size() == settled; }));
         const auto before = support::open_descriptors();
         const raw_caller caller = invited_caller();
-        (void)support::settled_descriptors(); // the producer's is closed
+        // The producer's is closed.
+        ASSERT_TRUE(eventually([&] { return support::open_descriptors().size() == settled + 2; }));
         std::vector<descriptor> copies;
         for (const int fd : support::open_descriptors()) {
             if (fd != caller.fd() && std::find(before.begin(), before.end(), fd) == before.end()) {
