@@ -153,7 +153,7 @@ struct requests {
 ks_io* wait_for_event(const requests& of, unsigned timeout_ms, uint32_t* ret_events) {
     const int64_t give_up_at = ks::now_ms() + timeout_ms;
     if (of.alone != nullptr) {
-        pollfd watched = {of.alone->sockfd, POLLIN | POLLRDHUP, {}};
+        pollfd watched = {of.alone->sockfd, POLLIN | POLLRDHUP, 0};
         const auto ready = TEMP_FAILURE_RETRY(poll(&watched, 1, ks::wait_time(give_up_at)));
         *ret_events = (uint32_t)watched.revents;
         return ready > 0 ? of.alone : nullptr;
@@ -175,7 +175,7 @@ void end_connection(const requests& of, ks_io* io) {
 // Advances the requests by one event, see ks_epoll_perform(). A directive of an unknown type is not counted as one: the
 // wait begins anew, with the whole of `timeout_ms`.
 ks_io* perform(const requests& of, unsigned timeout_ms, unsigned* ret_code) {
-    uint32_t events = {};
+    uint32_t events = 0;
     while (ks_io* io = wait_for_event(of, timeout_ms, &events)) {
         switch (advance(events, io, ret_code)) {
         case step::waits:
@@ -226,7 +226,7 @@ unsigned ks_epoll_call(ks_epoll* epoll, const char* name, const char* command, k
 
 ks_io* ks_epoll_perform(ks_epoll* epoll, unsigned timeout_ms, unsigned* status) {
     KS_REQUIRE(is_epoll(epoll), KS_EPOLL_TEXT, "cannot perform incorrect ks_epoll %p", (void*)epoll);
-    unsigned ignored = {};
+    unsigned ignored = 0;
     return perform({epoll, nullptr}, timeout_ms, status != nullptr ? status : &ignored);
 }
 

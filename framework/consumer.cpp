@@ -48,7 +48,7 @@ void hang_up(int fd) {
 
 // Waits until the caller has said something. False = it has gone, was silent for too long, or the producer wants us.
 bool wait_for_caller(const caller& who) {
-    pollfd watched[] = {{who.fd, POLLIN | POLLRDHUP, {}}, {who.link, POLLIN | POLLRDHUP, {}}};
+    pollfd watched[] = {{who.fd, POLLIN | POLLRDHUP, 0}, {who.link, POLLIN | POLLRDHUP, 0}};
     (void)TEMP_FAILURE_RETRY(poll(watched, std::size(watched), wait_time(who.give_up_at)));
     // Hung up in both directions: whatever it said before, nobody waits for an answer.
     return watched[0].revents != 0 && watched[0].revents != (POLLIN | POLLHUP | POLLRDHUP);
@@ -56,8 +56,8 @@ bool wait_for_caller(const caller& who) {
 
 // The next descriptor that the caller promised; owned by the receiver, or -1.
 int promised_descriptor(const caller& who) {
-    int fd = {};
-    received how = {};
+    int fd = -1;
+    received how = received::nothing;
     do {
         how = receive_descriptor(who.fd, MSG_DONTWAIT, &fd);
     } while (how == received::nothing && wait_for_caller(who));
@@ -132,7 +132,7 @@ int compare_entries(const void* left, const void* right) {
 void adopt_environment(pid_t pid) {
     static char* adopted_text = nullptr;
     static char** adopted_entries = nullptr;
-    size_t size = {};
+    size_t size = 0;
     char* text = read_environment(pid, &size);
     if (text == nullptr) {
         return;
@@ -220,7 +220,7 @@ bool hear_request(const ks_worker* worker, const caller& who) {
 
 // A caller's descriptor follows on the link. Ends with the worker ready again.
 void take_transfer(const ks_worker* worker, const directive& transfer) {
-    int fd = {};
+    int fd = -1;
     const received how = receive_descriptor(worker->sockfd[0], 0, &fd);
     (void)send_directive(worker->sockfd[0], transfer);
     if (how == received::descriptor) {

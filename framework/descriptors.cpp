@@ -118,7 +118,7 @@ bool send_descriptor(int sockfd, int fd, int flags) {
 }
 
 received receive_descriptor(int sockfd, int flags, int* ret_fd) {
-    char byte = {};
+    char byte = 0;
     iovec data = {&byte, sizeof(byte)};
     alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))];
     msghdr message = {};
@@ -136,7 +136,7 @@ received receive_descriptor(int sockfd, int flags, int* ret_fd) {
         }
         const size_t count = (header->cmsg_len - CMSG_LEN(0)) / sizeof(int);
         for (size_t i = 0; i < count; ++i) {
-            int fd = {};
+            int fd = -1;
             memcpy(&fd, CMSG_DATA(header) + i * sizeof(int), sizeof(fd));
             if (kept < 0) {
                 kept = fd;

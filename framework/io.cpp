@@ -140,7 +140,7 @@ void ks_io_realloc(ks_io* io, size_t size) {
     KS_REQUIRE(is_io(io), KS_IO_TEXT, "cannot alloc incorrect ks_io %p", (void*)io);
     ks::io_shm(io);
     unmap(io);
-    bool resized = {};
+    bool resized = false;
     bool done = resize_and_map(io, size, &resized);
     if (!done && is_shared(io)) {
         let_go(io);
@@ -224,7 +224,7 @@ uint32_t ks_io_alive(ks_io* io) {
         return 0;
     }
     // A caller has nothing to say once its request is sent: readable means it hung up, or broke the protocol.
-    pollfd caller = {io->sockfd, POLLIN, {}};
+    pollfd caller = {io->sockfd, POLLIN, 0};
     return TEMP_FAILURE_RETRY(poll(&caller, 1, 0)) == 0 ? 1 : 0;
 }
 

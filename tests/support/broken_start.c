@@ -26,7 +26,7 @@ int pthread_create(pthread_t* ret_thread, const pthread_attr_t* attr, void* (*ro
     if (attr != NULL) {
         (void)pthread_attr_getdetachstate(attr, &state);
     }
-    if (state == PTHREAD_CREATE_DETACHED && ++detached == atoi(getenv("BROKEN_START"))) {
+    if (state == PTHREAD_CREATE_DETACHED && ++detached == strtol(getenv("BROKEN_START"), NULL, 10)) {
         late_routine = routine;
         routine = come_late;
     }
