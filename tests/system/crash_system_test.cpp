@@ -17,7 +17,6 @@ using std::chrono::milliseconds;
 using std::chrono::seconds;
 using std::chrono::steady_clock;
 using testing::ContainsRegex;
-using testing::EndsWith;
 using testing::HasSubstr;
 using testing::Not;
 
