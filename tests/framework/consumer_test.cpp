@@ -532,6 +532,7 @@ TEST_F(ConsumerTest, FileOfASilentFileSystemCostsItsCallerOnly) {
     if (silent.fd() < 0) {
         GTEST_SKIP() << "no FUSE to be had here";
     }
+    expect_it_serves(); // its threads have come through their start, which blocks all signals
     const size_t deaf = threads_that_block(SIGTERM);
     ASSERT_TRUE(dropped_for({silent.fd()}));
     expect_it_serves();
