@@ -217,7 +217,7 @@ unsigned ks_epoll_call(ks_epoll* epoll, const char* name, const char* command, k
         return code;
     }
     epoll_event event = {};
-    event.events = EPOLLIN | EPOLLRDHUP; // errors and hang-ups are always reported
+    event.events = EPOLLIN | EPOLLERR | EPOLLHUP | EPOLLRDHUP;
     event.data.ptr = io;
     KS_REQUIRE(epoll_ctl(epoll->fd, EPOLL_CTL_ADD, io->sockfd, &event) == 0,
                "epoll_ctl(epoll->fd, EPOLL_CTL_ADD, io->sockfd, ev) == 0", "epoll add request sockfd fail");

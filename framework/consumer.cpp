@@ -262,8 +262,10 @@ void run_consumer(ks_worker* worker) {
     }
     const int link = worker->sockfd[0];
     worker->pollfd = above_stdio(epoll_create(1));
+    (void)set_fd_cloexec(worker->pollfd);
     epoll_event event = {};
-    event.events = EPOLLIN | EPOLLRDHUP; // errors and hang-ups are always reported
+    event.events = EPOLLIN | EPOLLERR | EPOLLHUP | EPOLLRDHUP;
+    event.data.fd = link; // shown in /proc/PID/fdinfo
     (void)epoll_ctl(worker->pollfd, EPOLL_CTL_ADD, link, &event);
     while (worker->pollfd >= 0) {
         const auto ready = TEMP_FAILURE_RETRY(epoll_wait(worker->pollfd, &event, 1, -1));

@@ -28,8 +28,7 @@ namespace ks {
 
 namespace {
 
-// Errors and hang-ups are always reported.
-constexpr uint32_t kWatched = EPOLLIN | EPOLLRDHUP;
+constexpr uint32_t kWatched = EPOLLIN | EPOLLERR | EPOLLHUP | EPOLLRDHUP;
 constexpr uint32_t kHungUp = EPOLLIN | EPOLLHUP | EPOLLRDHUP; // both directions are shut
 constexpr int kBatch = 64;
 constexpr int kBacklog = 128;
@@ -267,7 +266,7 @@ void hear_caller(producer* p, ks_queue* entry) {
     if (first && p->waiting < waiting) {
         return; // it has been handed over, and freed
     }
-    if (!watch(p, EPOLL_CTL_MOD, entry, 0)) {
+    if (!watch(p, EPOLL_CTL_MOD, entry, 0)) { // errors and hang-ups are always reported
         remove_caller(p, entry);
     }
 }

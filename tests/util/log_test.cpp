@@ -373,7 +373,7 @@ TEST_F(LogTest, BacktraceWritesTheInnermostFrameFirst) {
 }
 
 // Keeps a frame of each call on the stack.
-void dump_below(int depth) { // NOLINT(misc-no-recursion)
+void dump_below(int depth) { // NOLINT(misc-no-recursion): its frames are what is wanted
     if (depth == 0) {
         vexprod_debug_backtrace_dump();
     } else {
