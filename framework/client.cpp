@@ -26,6 +26,7 @@ namespace {
 using ks::is_io;
 
 constexpr unsigned kMinimumTimeoutS = 5;
+constexpr size_t kSmallSize = (size_t)64 * 1024;  // of a request or reply for which another system call counts
 constexpr size_t kLargestWrite = (size_t)1 << 30; // write(2) takes a little less than twice that at once
 
 bool is_epoll(const ks_epoll* epoll) {
@@ -44,10 +45,15 @@ void send_request(const ks_io* io) {
     const bool extra = is_open(io->passfd);
     request.flags = extra ? KS_DIRECTIVE_HAS_FD : 0;
     memcpy(request.data, io->command, strnlen(io->command, sizeof(io->command)));
-    const bool sent = ks::send_directive(io->sockfd, request) &&
-                      (io->memfd < 0 || ks::send_descriptor(io->sockfd, io->memfd, MSG_DONTWAIT)) &&
-                      (!extra || ks::send_descriptor(io->sockfd, io->passfd, MSG_DONTWAIT));
-    if (!sent) {
+    int fds[2];
+    size_t count = 0;
+    if (io->memfd >= 0) {
+        fds[count++] = io->memfd;
+    }
+    if (extra) {
+        fds[count++] = io->passfd;
+    }
+    if (ks::send_with_descriptors(io->sockfd, request, {fds, count}) != 1 + count) {
         (void)shutdown(io->sockfd, SHUT_RDWR);
     }
 }
@@ -129,7 +135,8 @@ unsigned open_request(const char* name, const char* command, ks_io* io, int pass
 
     ks::close_and_clear(&io->sockfd); // left by an earlier call that found no service
     io->sockfd = ks::above_stdio(socket(AF_UNIX, SOCK_STREAM, 0));
-    KS_REQUIRE_IN("ks_epoll_call", set_fd_cloexec(io->sockfd), // 0 for -1, too
+    // set_fd_cloexec() would find nothing to change on a new socket.
+    KS_REQUIRE_IN("ks_epoll_call", io->sockfd >= 0,
                   "(io->sockfd = socket(AF_UNIX, SOCK_STREAM, 0)) >= 0 && set_fd_cloexec(io->sockfd)",
                   "create request socket fail");
     const unsigned connected = connect_until(io->sockfd, address, give_up_at);
@@ -184,9 +191,6 @@ ks_io* perform(const requests& of, unsigned timeout_ms, unsigned* ret_code) {
             return nullptr;
         case step::ended:
             end_connection(of, io);
-            if (*ret_code == KS_OK && !ks::io_try_sync(io)) {
-                *ret_code = KS_DISCONNECTED; // the service left a file behind that cannot be mapped
-            }
             if (*ret_code != KS_OK) {
                 ks::io_reset(io);
             }
@@ -195,6 +199,79 @@ ks_io* perform(const requests& of, unsigned timeout_ms, unsigned* ret_code) {
     }
     *ret_code = KS_TIMEOUT;
     return nullptr;
+}
+
+// Shows the reply of a request that has ended with KS_OK, unless the service left a file behind that cannot be mapped.
+void map_reply(ks_io* io, unsigned* code) {
+    if (*code == KS_OK && !ks::io_try_sync(io)) {
+        ks::io_reset(io);
+        *code = KS_DISCONNECTED;
+    }
+}
+
+struct payload {
+    const char* data;
+    size_t size;
+};
+
+// Appends the payload to the memory file. False = out of memory or over a limit: half a request would be another
+// request. Not tried again after a part, which beyond RLIMIT_FSIZE raises SIGXFSZ.
+bool store(ks_io* io, const payload& request) {
+    for (size_t written = 0; written < request.size;) {
+        const size_t piece = std::min(request.size - written, kLargestWrite);
+        if (ks_io_write(io, request.data + written, piece) != (ssize_t)piece) {
+            return false;
+        }
+        written += piece;
+    }
+    return true;
+}
+
+// One request from its connection to its reply, which is not mapped. The payload is stored in between, while the
+// service hands the connection over. Whatever but KS_OK comes out, `io` is empty.
+unsigned call(const char* name, const char* command, ks_io* io, const payload& request, unsigned timeout_s,
+              int passfd) {
+    const int64_t begin = ks::now_ms();
+    const int64_t give_up_at = begin + (int64_t)std::max(timeout_s, kMinimumTimeoutS) * 1000;
+    unsigned code = open_request(name, command, io, passfd, give_up_at);
+    if (code == KS_OK && !store(io, request)) {
+        code = KS_DISCONNECTED;
+    }
+    if (code == KS_OK) {
+        // Less than all only when the backlog was full.
+        int64_t remaining = std::max<int64_t>(give_up_at - ks::now_ms(), 0);
+        while (perform({nullptr, io}, (unsigned)std::min<int64_t>(remaining, UINT_MAX), &code) == nullptr) {
+            // KEPT: each pass takes the whole time since the start off the budget, not just its own, so a request that
+            // waited for a worker has less than the clock says. Callers have tuned their time-outs to it.
+            const int64_t elapsed = ks::now_ms() - begin;
+            if (elapsed >= remaining) {
+                code = KS_TIMEOUT; // also when the last pass was the one that sent the request
+                break;
+            }
+            remaining -= elapsed;
+        }
+    }
+    if (code != KS_OK) {
+        ks::io_reset(io);
+    }
+    return code;
+}
+
+// The reply as a malloc()ed copy. *size: the bytes asked for, then those that were there.
+void* copy_reply(const ks_io* io, size_t* size) {
+    void* reply = malloc(*size);
+    KS_REQUIRE_IN("ks_ez_call", reply != nullptr, "(*recv = realloc(*recv, io->shared_size))",
+                  "cannot realloc recv memory");
+    size_t copied = 0;
+    while (copied < *size) {
+        const ssize_t count = pread(io->memfd, static_cast<char*>(reply) + copied, *size - copied, (off_t)copied);
+        if (count <= 0) {
+            break;
+        }
+        copied += (size_t)count;
+    }
+    *size = copied;
+    return reply;
 }
 
 } // namespace
@@ -227,7 +304,12 @@ unsigned ks_epoll_call(ks_epoll* epoll, const char* name, const char* command, k
 ks_io* ks_epoll_perform(ks_epoll* epoll, unsigned timeout_ms, unsigned* status) {
     KS_REQUIRE(is_epoll(epoll), KS_EPOLL_TEXT, "cannot perform incorrect ks_epoll %p", (void*)epoll);
     unsigned ignored = 0;
-    return perform({epoll, nullptr}, timeout_ms, status != nullptr ? status : &ignored);
+    unsigned* code = status != nullptr ? status : &ignored;
+    ks_io* io = perform({epoll, nullptr}, timeout_ms, code);
+    if (io != nullptr) {
+        map_reply(io, code);
+    }
+    return io;
 }
 
 void ks_epoll_cancel(ks_epoll* epoll, ks_io* io) {
@@ -246,26 +328,8 @@ void ks_epoll_free(ks_epoll* epoll) {
 }
 
 unsigned ks_call(const char* name, const char* command, ks_io* io, unsigned timeout_s, int passfd) {
-    const int64_t begin = ks::now_ms();
-    const int64_t give_up_at = begin + (int64_t)std::max(timeout_s, kMinimumTimeoutS) * 1000;
-    unsigned code = open_request(name, command, io, passfd, give_up_at);
-    if (code == KS_OK) {
-        // Less than all only when the backlog was full.
-        int64_t remaining = std::max<int64_t>(give_up_at - ks::now_ms(), 0);
-        while (perform({nullptr, io}, (unsigned)std::min<int64_t>(remaining, UINT_MAX), &code) == nullptr) {
-            // KEPT: each pass takes the whole time since the start off the budget, not just its own, so a request that
-            // waited for a worker has less than the clock says. Callers have tuned their time-outs to it.
-            const int64_t elapsed = ks::now_ms() - begin;
-            if (elapsed >= remaining) {
-                code = KS_TIMEOUT; // also when the last pass was the one that sent the request
-                break;
-            }
-            remaining -= elapsed;
-        }
-    }
-    if (code != KS_OK) {
-        ks::io_reset(io);
-    }
+    unsigned code = call(name, command, io, {nullptr, 0}, timeout_s, passfd);
+    map_reply(io, &code);
     return code;
 }
 
@@ -275,33 +339,25 @@ unsigned ks_ez_call(const char* name, const char* command, const void* data, siz
                "data memory access violation with size (%zu)", dsize);
     KS_REQUIRE(recv == nullptr || *recv == nullptr, "(recv == NULL || *recv == NULL)", "recv memory access violation");
     ks_io* io = ks_io_create();
-    for (size_t written = 0; written < dsize;) {
-        const size_t piece = std::min(dsize - written, kLargestWrite);
-        // Out of memory or over a limit: half a request would be another request. Not tried again after a part, which
-        // beyond RLIMIT_FSIZE raises SIGXFSZ.
-        if (ks_io_write(io, static_cast<const char*>(data) + written, piece) != (ssize_t)piece) {
-            ks_io_free(io);
-            return KS_DISCONNECTED;
-        }
-        written += piece;
+    const payload request = {static_cast<const char*>(data), dsize};
+    const bool small = dsize <= kSmallSize; // written while the service hands the connection over
+    unsigned code = KS_DISCONNECTED;
+    if (small || store(io, request)) {
+        code = call(name, command, io, small ? request : payload{nullptr, 0}, timeout_s, passfd);
     }
-    const unsigned code = ks_call(name, command, io, timeout_s, passfd);
     if (code == KS_OK && recv != nullptr) {
-        size_t size = io->shared_size;
-        void* reply = realloc(*recv, size);
-        KS_REQUIRE(reply != nullptr, "(*recv = realloc(*recv, io->shared_size))", "cannot realloc recv memory");
-        // Not from the mapping: the service has a hand on the file and could shorten it under us.
-        size_t copied = 0;
-        while (copied < size) {
-            const ssize_t count = pread(io->memfd, static_cast<char*>(reply) + copied, size - copied, (off_t)copied);
-            if (count <= 0) {
-                break;
-            }
-            copied += (size_t)count;
+        // Not from a mapping: the service has a hand on the file and could shorten it under us. But a file that is no
+        // small one has to be one that can be mapped, before memory of its size is asked for.
+        size_t size = ks_io_size(io);
+        if (size > kSmallSize) {
+            map_reply(io, &code);
+            size = io->shared_size;
         }
-        *recv = reply;
-        if (rsize != nullptr) {
-            *rsize = copied;
+        if (code == KS_OK) {
+            *recv = copy_reply(io, &size);
+            if (rsize != nullptr) {
+                *rsize = size;
+            }
         }
     }
     ks_io_free(io);

@@ -54,13 +54,11 @@ bool wait_for_caller(const caller& who) {
     return watched[0].revents != 0 && watched[0].revents != (POLLIN | POLLHUP | POLLRDHUP);
 }
 
-// The next descriptor that the caller promised; owned by the receiver, or -1.
-int promised_descriptor(const caller& who) {
-    int fd = -1;
-    received how = received::nothing;
-    do {
+// The next descriptor that the caller promised; owned by the receiver, or -1. `how` and `fd` are what has come already.
+int promised_descriptor(const caller& who, received how, int fd) {
+    while (how == received::nothing && wait_for_caller(who)) {
         how = receive_descriptor(who.fd, MSG_DONTWAIT, &fd);
-    } while (how == received::nothing && wait_for_caller(who));
+    }
     return how == received::descriptor ? fd : -1;
 }
 
@@ -194,16 +192,24 @@ void execute(const ks_worker* worker, const directive& request, int connection, 
 // Hears one request of a caller that has been invited, and runs it. False = there is none, and `who.fd` is still open.
 bool hear_request(const ks_worker* worker, const caller& who) {
     directive request = {};
-    if (!wait_for_caller(who) || !receive_directive(who.fd, &request) || request.type != KS_DIRECTIVE_REQUEST) {
+    received how = received::nothing;
+    int memfd = -1;
+    if (!wait_for_caller(who)) {
         return false;
     }
-    const int memfd = promised_descriptor(who);
+    if (receive_with_descriptor(who.fd, MSG_DONTWAIT, &request, &how, &memfd) != (ssize_t)sizeof(request) ||
+        request.type != KS_DIRECTIVE_REQUEST) {
+        close_foreign(memfd);
+        return false;
+    }
+    memfd = promised_descriptor(who, how, memfd);
     if (memfd < 0) {
         return false;
     }
     int extra_fd = -1;
     if ((request.flags & KS_DIRECTIVE_HAS_FD) != 0) {
-        extra_fd = promised_descriptor(who);
+        how = receive_descriptor(who.fd, MSG_DONTWAIT, &extra_fd);
+        extra_fd = promised_descriptor(who, how, extra_fd);
         if (extra_fd < 0) {
             close_foreign(memfd);
             return false;
@@ -218,10 +224,11 @@ bool hear_request(const ks_worker* worker, const caller& who) {
     return true;
 }
 
-// A caller's descriptor follows on the link. Ends with the worker ready again.
-void take_transfer(const ks_worker* worker, const directive& transfer) {
-    int fd = -1;
-    const received how = receive_descriptor(worker->sockfd[0], 0, &fd);
+// A caller's descriptor follows on the link, or has come along: `how` and `fd`. Ends with the worker ready again.
+void take_transfer(const ks_worker* worker, const directive& transfer, received how, int fd) {
+    if (how == received::nothing) {
+        how = receive_descriptor(worker->sockfd[0], 0, &fd);
+    }
     (void)send_directive(worker->sockfd[0], transfer);
     if (how == received::descriptor) {
         const caller who = {fd, worker->sockfd[0], now_ms() + kPatienceMs};
@@ -235,7 +242,9 @@ void take_transfer(const ks_worker* worker, const directive& transfer) {
 // Works on what the producer says. False = the loop must end.
 bool hear_producer(const ks_worker* worker) {
     directive message = {};
-    const ssize_t got = TEMP_FAILURE_RETRY(recv(worker->sockfd[0], &message, sizeof(message), 0));
+    received how = received::nothing;
+    int fd = -1;
+    const ssize_t got = receive_with_descriptor(worker->sockfd[0], 0, &message, &how, &fd);
     if (got == 0) {
         return false; // end of stream: it will never say anything again
     }
@@ -247,7 +256,7 @@ bool hear_producer(const ks_worker* worker) {
     case KS_DIRECTIVE_STOP:
         return false;
     case KS_DIRECTIVE_TRANSFER:
-        take_transfer(worker, message);
+        take_transfer(worker, message, how, fd);
         return true;
     default:
         return false; // what else came down the link is none of the protocol: drop the link

@@ -13,7 +13,9 @@
 #include <climits>
 #include <cstring>
 #include <fcntl.h>
+#include <iterator>
 #include <pthread.h>
+#include <span>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -88,49 +90,42 @@ directive make_directive(uint8_t type) {
     return message;
 }
 
-bool send_directive(int sockfd, const directive& message) {
-    return TEMP_FAILURE_RETRY(send(sockfd, &message, sizeof(message), MSG_DONTWAIT | MSG_NOSIGNAL)) ==
-           (ssize_t)sizeof(message);
-}
+namespace {
 
-bool receive_directive(int sockfd, directive* ret_message) {
-    return TEMP_FAILURE_RETRY(recv(sockfd, ret_message, sizeof(*ret_message), MSG_DONTWAIT)) ==
-           (ssize_t)sizeof(*ret_message);
-}
-
-bool send_descriptor(int sockfd, int fd, int flags) {
+// One data byte, with or without a descriptor. `message` points into the object.
+struct envelope {
     char byte = 0;
     iovec data = {&byte, sizeof(byte)};
     alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
     msghdr message = {};
-    message.msg_iov = &data;
-    message.msg_iovlen = 1;
-    if (fd >= 0) {
-        message.msg_control = control;
-        message.msg_controllen = CMSG_LEN(sizeof(int));
-        cmsghdr* header = CMSG_FIRSTHDR(&message);
-        header->cmsg_len = CMSG_LEN(sizeof(int));
-        header->cmsg_level = SOL_SOCKET;
-        header->cmsg_type = SCM_RIGHTS;
-        memcpy(CMSG_DATA(header), &fd, sizeof(fd));
-    }
-    return TEMP_FAILURE_RETRY(sendmsg(sockfd, &message, flags | MSG_NOSIGNAL)) == 1;
-}
 
-received receive_descriptor(int sockfd, int flags, int* ret_fd) {
-    char byte = 0;
-    iovec data = {&byte, sizeof(byte)};
-    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))];
-    msghdr message = {};
-    message.msg_iov = &data;
-    message.msg_iovlen = 1;
-    message.msg_control = control;
-    message.msg_controllen = sizeof(control);
-    if (TEMP_FAILURE_RETRY(recvmsg(sockfd, &message, flags | MSG_CMSG_CLOEXEC)) < 0) {
-        return errno == EAGAIN ? received::nothing : received::failed;
+    // A message that carries `fd`, unless it is negative.
+    explicit envelope(int fd) {
+        message.msg_iov = &data;
+        message.msg_iovlen = 1;
+        if (fd >= 0) {
+            message.msg_control = control;
+            message.msg_controllen = CMSG_LEN(sizeof(int));
+            cmsghdr* header = CMSG_FIRSTHDR(&message);
+            header->cmsg_len = CMSG_LEN(sizeof(int));
+            header->cmsg_level = SOL_SOCKET;
+            header->cmsg_type = SCM_RIGHTS;
+            memcpy(CMSG_DATA(header), &fd, sizeof(fd));
+        }
     }
+    envelope(const envelope&) = delete;
+    envelope& operator=(const envelope&) = delete;
+
+    void make_room() {
+        message.msg_control = control;
+        message.msg_controllen = sizeof(control);
+    }
+};
+
+// The first descriptor that a received message brought, numbered 3 or above, or -1. The others are closed.
+int take_descriptor(msghdr* message) {
     int kept = -1;
-    for (cmsghdr* header = CMSG_FIRSTHDR(&message); header != nullptr; header = CMSG_NXTHDR(&message, header)) {
+    for (cmsghdr* header = CMSG_FIRSTHDR(message); header != nullptr; header = CMSG_NXTHDR(message, header)) {
         if (header->cmsg_level != SOL_SOCKET || header->cmsg_type != SCM_RIGHTS) {
             continue;
         }
@@ -145,16 +140,71 @@ received receive_descriptor(int sockfd, int flags, int* ret_fd) {
             }
         }
     }
-    if (kept <= STDERR_FILENO) { // as above_stdio(), but for a stranger's; -1 stays -1
+    if (kept >= 0 && kept <= STDERR_FILENO) { // as above_stdio(), but for a stranger's
         const int moved = fcntl(kept, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
         close_foreign(kept);
         kept = moved;
     }
-    if (kept < 0) {
-        return received::failed;
+    return kept;
+}
+
+} // namespace
+
+bool send_directive(int sockfd, const directive& message) {
+    return TEMP_FAILURE_RETRY(send(sockfd, &message, sizeof(message), MSG_DONTWAIT | MSG_NOSIGNAL)) ==
+           (ssize_t)sizeof(message);
+}
+
+bool receive_directive(int sockfd, directive* ret_message) {
+    return TEMP_FAILURE_RETRY(recv(sockfd, ret_message, sizeof(*ret_message), MSG_DONTWAIT)) ==
+           (ssize_t)sizeof(*ret_message);
+}
+
+bool send_descriptor(int sockfd, int fd, int flags) {
+    envelope letter(fd);
+    return TEMP_FAILURE_RETRY(sendmsg(sockfd, &letter.message, flags | MSG_NOSIGNAL)) == 1;
+}
+
+size_t send_with_descriptors(int sockfd, const directive& message, std::span<const int> fds) {
+    iovec text = {const_cast<directive*>(&message), sizeof(message)};
+    envelope letters[] = {envelope(!fds.empty() ? fds.front() : -1), envelope(fds.size() > 1 ? fds.back() : -1)};
+    mmsghdr messages[1 + std::size(letters)] = {};
+    messages[0].msg_hdr.msg_iov = &text;
+    messages[0].msg_hdr.msg_iovlen = 1;
+    messages[1].msg_hdr = letters[0].message;
+    messages[2].msg_hdr = letters[1].message;
+    return (size_t)std::max(sendmmsg(sockfd, messages, (unsigned)(1 + fds.size()), MSG_DONTWAIT | MSG_NOSIGNAL), 0);
+}
+
+received receive_descriptor(int sockfd, int flags, int* ret_fd) {
+    envelope letter(-1);
+    letter.make_room();
+    if (TEMP_FAILURE_RETRY(recvmsg(sockfd, &letter.message, flags | MSG_CMSG_CLOEXEC)) < 0) {
+        return errno == EAGAIN ? received::nothing : received::failed;
     }
-    *ret_fd = kept;
-    return received::descriptor;
+    *ret_fd = take_descriptor(&letter.message);
+    return *ret_fd >= 0 ? received::descriptor : received::failed;
+}
+
+ssize_t receive_with_descriptor(int sockfd, int flags, directive* ret_message, received* ret_how, int* ret_fd) {
+    envelope letter(-1);
+    letter.make_room();
+    iovec parts[] = {{ret_message, sizeof(*ret_message)}, letter.data};
+    letter.message.msg_iov = parts;
+    letter.message.msg_iovlen = std::size(parts);
+    *ret_how = received::nothing;
+    const ssize_t got = TEMP_FAILURE_RETRY(recvmsg(sockfd, &letter.message, flags | MSG_CMSG_CLOEXEC));
+    if (got <= 0) {
+        return got;
+    }
+    const int fd = take_descriptor(&letter.message);
+    if (got <= (ssize_t)sizeof(*ret_message)) {
+        close_foreign(fd); // it came with the directive itself, where none belongs
+        return got;
+    }
+    *ret_fd = fd;
+    *ret_how = fd >= 0 ? received::descriptor : received::failed;
+    return sizeof(*ret_message);
 }
 
 int64_t now_ms() {

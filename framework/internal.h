@@ -12,6 +12,7 @@
 
 #include <csignal>
 #include <ctime>
+#include <span>
 
 /// Aborts with the fixed line unless `condition` holds. `text` is the condition as the line shows it, given as a
 /// literal: a stringised condition would change with the formatter, and some of the texts are not what compiles here.
@@ -66,7 +67,12 @@ directive make_directive(uint8_t type);
 /// @param flags  MSG_DONTWAIT or 0.
 bool send_descriptor(int sockfd, int fd, int flags);
 
-/// How receive_descriptor() ended.
+/// Sends a directive and after it up to two descriptors, each in a message of its own, with one system call and without
+/// blocking.
+/// @return How many of the messages went, the directive counted.
+size_t send_with_descriptors(int sockfd, const directive& message, std::span<const int> fds);
+
+/// How receiving a descriptor ended.
 enum class received {
     descriptor, ///< *ret_fd is owned by the receiver, close-on-exec, numbered 3 or above
     nothing,    ///< would block
@@ -76,6 +82,13 @@ enum class received {
 /// Receives one data byte and its descriptor. However many descriptors a message brings, at most one is kept.
 /// @param flags  MSG_DONTWAIT or 0.
 received receive_descriptor(int sockfd, int flags, int* ret_fd);
+
+/// Receives what is there of a directive and the descriptor message that follows it, with one system call. A descriptor
+/// that came with the directive itself is closed.
+/// @param flags    MSG_DONTWAIT or 0.
+/// @param ret_how  As receive_descriptor(); `nothing` also when only the directive was there.
+/// @return The bytes of the directive, at most its size, or as recvmsg(2).
+ssize_t receive_with_descriptor(int sockfd, int flags, directive* ret_message, received* ret_how, int* ret_fd);
 
 /// A process-independent clock in milliseconds.
 int64_t now_ms();

@@ -72,8 +72,9 @@ namespace ks {
 void io_shm(ks_io* io) {
     if (io->memfd < 0) {
         io->memfd = above_stdio(memfd_create("kservice", MFD_CLOEXEC));
-        KS_REQUIRE_IN("ks_io_shm", set_fd_cloexec(io->memfd), // 0 for -1, too
-                      "io->memfd != -1 && set_fd_cloexec(io->memfd)", "create share memory file fail");
+        // set_fd_cloexec() would find nothing to change on a new file.
+        KS_REQUIRE_IN("ks_io_shm", io->memfd >= 0, "io->memfd != -1 && set_fd_cloexec(io->memfd)",
+                      "create share memory file fail");
     }
 }
 
@@ -97,15 +98,19 @@ void io_reset(ks_io* io) {
 bool is_memory_file(int fd) {
     // Asked first, and for all but memory files the last: it is answered without the file's own file system, which may
     // never answer (FUSE, a dead network share), and takes no lock of the file's, as F_ADD_SEALS does.
-    if (fcntl(fd, F_GET_SEALS) < 0) {
+    int seals = fcntl(fd, F_GET_SEALS);
+    if (seals < 0) {
         return false;
     }
     if ((fcntl(fd, F_GETFL) & O_ACCMODE) != O_RDWR) {
         return false;
     }
-    // First close the door, then look who is inside: a seal added after the look would make our own steps fail.
-    (void)fcntl(fd, F_ADD_SEALS, F_SEAL_SEAL); // fails where it is sealed already
-    const int seals = fcntl(fd, F_GET_SEALS);
+    // First close the door, then look who is inside: a seal added after the look would make our own steps fail. Nearly
+    // always it is closed from the beginning: memfd_create(2) without MFD_ALLOW_SEALING.
+    if ((seals & F_SEAL_SEAL) == 0) {
+        (void)fcntl(fd, F_ADD_SEALS, F_SEAL_SEAL);
+        seals = fcntl(fd, F_GET_SEALS);
+    }
     return (seals & (F_SEAL_WRITE | F_SEAL_FUTURE_WRITE | F_SEAL_SHRINK | F_SEAL_GROW)) == 0;
 }
 

@@ -136,8 +136,9 @@ void hand_over(producer* p, ks_worker* worker, const ks_queue* spoke) {
     const int32_t number = fd;
     memcpy(transfer.data, &number, sizeof(number));
 
-    const bool announced = send_directive(worker->sockfd[1], transfer);
-    if (announced && !send_descriptor(worker->sockfd[1], fd, 0)) {
+    const size_t sent = send_with_descriptors(worker->sockfd[1], transfer, {&number, 1});
+    const bool announced = sent > 0;
+    if (sent == 1 && !send_descriptor(worker->sockfd[1], fd, 0)) {
         (void)send_descriptor(worker->sockfd[1], -1, 0); // it waits for a message: let it find one, and report ready
     }
     unlist(p, first);

@@ -287,11 +287,11 @@ TEST(ConsumerSignalTest, InterruptedReadOfTheLinkIsTriedAgain) {
     EXPECT_EXIT(
         {
             support::end_within(std::chrono::seconds(60));
-            support::supervised_calls calls({SYS_recvfrom});
+            support::supervised_calls calls({SYS_recvmsg});
             const service one(5, 1, echo);
             int failures = 0;
             for (int i = 0; i < 5; ++i) {
-                calls.fail_next(SYS_recvfrom, support::entry_of(one.handle(), 0).sockfd[0], EINTR);
+                calls.fail_next(SYS_recvmsg, support::entry_of(one.handle(), 0).sockfd[0], EINTR);
                 std::string reply;
                 failures += support::call(one.name(), "c", "t", &reply) != 0 || reply != "c|t|none" || !calls.done();
             }
@@ -305,11 +305,11 @@ TEST(ConsumerSignalTest, InterruptedReadOfTheLinkIsNoReport) {
     EXPECT_EXIT(
         {
             support::end_within(std::chrono::seconds(60));
-            support::supervised_calls calls({SYS_recvfrom});
+            support::supervised_calls calls({SYS_recvmsg});
             const service one(5, 1, echo);
             const ks_worker entry = support::entry_of(one.handle(), 0);
             const size_t sockets = support::open_sockets();
-            calls.fail_next(SYS_recvfrom, entry.sockfd[0], EINTR);
+            calls.fail_next(SYS_recvmsg, entry.sockfd[0], EINTR);
             const raw_caller first(one.path());
             bool good = first.invited() && calls.done();
             good = good && eventually([&] { return support::open_sockets() == sockets + 2; }); // echoed

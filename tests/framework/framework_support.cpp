@@ -9,6 +9,7 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
+#include <linux/capability.h>
 #include <linux/filter.h>
 #include <linux/seccomp.h>
 #include <poll.h>
@@ -262,7 +263,9 @@ bool raw_caller::send_bytes(const void* bytes, size_t size) const {
     return ::send(fd_.get(), bytes, size, MSG_NOSIGNAL) == (ssize_t)size;
 }
 
-bool raw_caller::send_fds(const std::vector<int>& fds, size_t bytes) const {
+namespace {
+
+bool send_fds_over(int socket, const std::vector<int>& fds, size_t bytes) {
     std::vector<char> text(bytes, 'x');
     iovec data = {text.data(), text.size()};
     alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int) * 64)] = {};
@@ -278,7 +281,13 @@ bool raw_caller::send_fds(const std::vector<int>& fds, size_t bytes) const {
         header->cmsg_type = SCM_RIGHTS;
         memcpy(CMSG_DATA(header), fds.data(), sizeof(int) * fds.size());
     }
-    return sendmsg(fd_.get(), &message, MSG_NOSIGNAL) == (ssize_t)bytes;
+    return sendmsg(socket, &message, MSG_NOSIGNAL) == (ssize_t)bytes;
+}
+
+} // namespace
+
+bool raw_caller::send_fds(const std::vector<int>& fds, size_t bytes) const {
+    return send_fds_over(fd_.get(), fds, bytes);
 }
 
 std::optional<record> raw_caller::receive(milliseconds within) const {
@@ -408,6 +417,34 @@ void fail_system_call(long number, int error, long argument) {
     filter.push_back(BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | ((unsigned)error & SECCOMP_RET_DATA)));
     filter.push_back(BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW));
     (void)install(std::move(filter), SECCOMP_FILTER_FLAG_TSYNC);
+}
+
+void limit_descriptors_in_flight() {
+    rlimit limit = {};
+    getrlimit(RLIMIT_NOFILE, &limit);
+    limit.rlim_cur = 64;
+    setrlimit(RLIMIT_NOFILE, &limit);
+    // Root is not limited. This drops what the process may do as root, not who it is.
+    __user_cap_header_struct header = {_LINUX_CAPABILITY_VERSION_3, 0};
+    const __user_cap_data_struct none[_LINUX_CAPABILITY_U32S_3] = {};
+    if (syscall(SYS_capset, &header, none) != 0) {
+        throw std::runtime_error("capset");
+    }
+}
+
+no_descriptor_passed::no_descriptor_passed() {
+    int ends[2] = {-1, -1};
+    if (socketpair(AF_UNIX, SOCK_STREAM, 0, ends) != 0) {
+        throw std::runtime_error("socketpair");
+    }
+    from_ = descriptor(ends[0]);
+    to_ = descriptor(ends[1]);
+    const std::vector<int> some(64, STDERR_FILENO);
+    while (send_fds_over(from_.get(), some, 1)) {
+    }
+    if (errno != ETOOMANYREFS) {
+        throw std::runtime_error("descriptors in flight");
+    }
 }
 
 supervised_calls::supervised_calls(const std::vector<long>& numbers)

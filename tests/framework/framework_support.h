@@ -210,6 +210,20 @@ private:
     std::atomic<const gate*> where_ = nullptr;
 };
 
+/// From here on this process, as an ordinary user's, may have no more descriptors in flight than it may have open,
+/// which are few (unix(7), ETOOMANYREFS). Threads must not have been started yet. Not to be undone: for death tests.
+void limit_descriptors_in_flight();
+
+/// With that limit: none can be passed by anybody in this process for as long as the object lives.
+class no_descriptor_passed {
+public:
+    no_descriptor_passed();
+
+private:
+    descriptor from_;
+    descriptor to_; // nobody reads what is in flight to it
+};
+
 /// From here on this thread's system call `number` raises SIGSYS where it would be made. Not to be undone.
 void trap_system_call(long number);
 
