@@ -160,7 +160,7 @@ struct requests {
 ks_io* wait_for_event(const requests& of, unsigned timeout_ms, uint32_t* ret_events) {
     const int64_t give_up_at = ks::now_ms() + timeout_ms;
     if (of.alone != nullptr) {
-        pollfd watched = {of.alone->sockfd, POLLIN | POLLRDHUP, 0};
+        pollfd watched = {of.alone->sockfd, POLLIN | POLLRDHUP, {}};
         const auto ready = TEMP_FAILURE_RETRY(poll(&watched, 1, ks::wait_time(give_up_at)));
         *ret_events = (uint32_t)watched.revents;
         return ready > 0 ? of.alone : nullptr;

@@ -48,7 +48,7 @@ void hang_up(int fd) {
 
 // Waits until the caller has said something. False = it has gone, was silent for too long, or the producer wants us.
 bool wait_for_caller(const caller& who) {
-    pollfd watched[] = {{who.fd, POLLIN | POLLRDHUP, 0}, {who.link, POLLIN | POLLRDHUP, 0}};
+    pollfd watched[] = {{who.fd, POLLIN | POLLRDHUP, {}}, {who.link, POLLIN | POLLRDHUP, {}}};
     (void)TEMP_FAILURE_RETRY(poll(watched, std::size(watched), wait_time(who.give_up_at)));
     // Hung up in both directions: whatever it said before, nobody waits for an answer.
     return watched[0].revents != 0 && watched[0].revents != (POLLIN | POLLHUP | POLLRDHUP);
@@ -275,7 +275,9 @@ void run_consumer(ks_worker* worker) {
     epoll_event event = {};
     event.events = EPOLLIN | EPOLLERR | EPOLLHUP | EPOLLRDHUP;
     event.data.fd = link; // shown in /proc/PID/fdinfo
-    (void)epoll_ctl(worker->pollfd, EPOLL_CTL_ADD, link, &event);
+    if (epoll_ctl(worker->pollfd, EPOLL_CTL_ADD, link, &event) != 0) {
+        close_and_clear(&worker->pollfd); // it would never hear of anything, not even of the stop
+    }
     while (worker->pollfd >= 0) {
         const auto ready = TEMP_FAILURE_RETRY(epoll_wait(worker->pollfd, &event, 1, -1));
         if (ready != 1 || event.events == (EPOLLIN | EPOLLHUP | EPOLLRDHUP) || !hear_producer(worker)) {

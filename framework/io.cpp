@@ -229,7 +229,7 @@ uint32_t ks_io_alive(ks_io* io) {
         return 0;
     }
     // A caller has nothing to say once its request is sent: readable means it hung up, or broke the protocol.
-    pollfd caller = {io->sockfd, POLLIN, 0};
+    pollfd caller = {io->sockfd, POLLIN, {}};
     return TEMP_FAILURE_RETRY(poll(&caller, 1, 0)) == 0 ? 1 : 0;
 }
 

@@ -288,8 +288,8 @@ KS_API void ks_resume(ks_handle* handle);
  *  that is not started, or in a process worker. Any thread but the service's own workers; also while ks_start() is
  *  still under way, and more than once. Does not touch the handle after ks_start() may have returned because of it.
  *  Also in a signal handler, whatever that interrupted; inside ks_start(), or in a thread of the service, it then only
- *  asks for the stop. (It cannot help a request in hand that needs a lock which the interrupted code holds, or that
- *  waits for the interrupted thread.)
+ *  asks for the stop. (It cannot help a request in hand that needs a lock which the interrupted code holds, malloc()'s
+ *  among them, or that waits for the interrupted thread.)
  *  KEPT: also closes descriptor 0, as the producer's table entry never had a first socket. */
 KS_API void ks_stop(ks_handle* handle);
 /** ks_stop(), then frees the handle. No other thread may use the handle any more; a ks_start() that still serves in

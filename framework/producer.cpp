@@ -138,8 +138,10 @@ void hand_over(producer* p, ks_worker* worker, const ks_queue* spoke) {
 
     const size_t sent = send_with_descriptors(worker->sockfd[1], transfer, {&number, 1});
     const bool announced = sent > 0;
-    if (sent == 1 && !send_descriptor(worker->sockfd[1], fd, 0)) {
-        (void)send_descriptor(worker->sockfd[1], -1, 0); // it waits for a message: let it find one, and report ready
+    if (sent == 1 && !send_descriptor(worker->sockfd[1], fd, 0) &&
+        // It waits for a message: let it find one, and report ready. Without memory for that, part with it.
+        !send_descriptor(worker->sockfd[1], -1, 0)) {
+        (void)shutdown(worker->sockfd[1], SHUT_RDWR);
     }
     unlist(p, first);
     if (!announced) {
@@ -226,6 +228,14 @@ void accept_caller(producer* p) {
     }
 }
 
+// The number that a directive carries, unaligned.
+template <class T>
+T value_in(const directive& message) {
+    T value = {};
+    memcpy(&value, message.data, sizeof(value));
+    return value;
+}
+
 void hear_consumer(producer* p, ks_queue* link) {
     directive message = {};
     ssize_t got = recv(link->sockfd, &message, sizeof(message), MSG_DONTWAIT);
@@ -236,8 +246,7 @@ void hear_consumer(producer* p, ks_queue* link) {
                   "read(event_queue->sockfd, &directive, sizeof(directive)) == sizeof(directive)",
                   "producer-worker receive consumer_worker directive fail");
     if (message.type == KS_DIRECTIVE_TRANSFER) {
-        int32_t number = -1;
-        memcpy(&number, message.data, sizeof(number));
+        const auto number = value_in<int32_t>(message);
         KS_REQUIRE_IN("ks_producer_worker", number >= 0, "*((int*)&directive.data) >= 0",
                       "producer-worker transfer client sockfd fail");
         const size_t index =
@@ -248,8 +257,7 @@ void hear_consumer(producer* p, ks_queue* link) {
         return;
     }
     if (message.type == KS_DIRECTIVE_READY) {
-        size_t index = 0;
-        memcpy(&index, message.data, sizeof(index));
+        const auto index = value_in<size_t>(message);
         if (index >= p->handle->service_size) {
             return;
         }
@@ -365,6 +373,7 @@ void open_producer(service* self) {
     KS_REQUIRE_IN(kSetUp, set_fd_cloexec(own->pollfd),
                   "(producer_worker->pollfd = epoll_create(1)) >= 0 && set_fd_cloexec(producer_worker->pollfd)",
                   "producer-worker create epoll fail");
+    own->flags = KS_PTHREAD_MODE; // what it is becomes known when it runs
     own->queue.type = LISTEN_SOCK;
     own->queue.sockfd = own->sockfd[1];
     own->queue.next = &own->queue;

@@ -21,7 +21,9 @@
 //     is marked with the service, see engage().
 //   - On any other thread it may have interrupted malloc() or free(), and waits while the allocator's lock is held.
 //     So neither it nor what it waits for may need that lock: a run is over before its memory is freed and its threads
-//     are joined (which frees their stacks), and nobody allocates or frees with the service's own lock held.
+//     are joined (which frees their stacks), and nobody allocates or frees with the service's own lock held. What is
+//     left is the producer, which allocates for each caller that it accepts: it shares the interrupted thread's lock
+//     only where the program has more threads than malloc() has arenas, see mallopt(3).
 #include "internal.h"
 
 #include <cerrno>
@@ -195,7 +197,6 @@ void* producer_thread(void* argument) {
 void serve_in_own_thread(service* self) {
     ks_handle* handle = &self->handle;
     ks_worker* producer = &handle->worker[handle->service_size];
-    producer->flags = KS_PTHREAD_MODE;
     producer->init = handle->init;
     producer->init_argument = handle->init_argument;
     producer->fini = handle->fini;

@@ -4,11 +4,9 @@
 #include "kservice.h"
 #include "unique_fd.h"
 
-#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstdio>
-#include <cstring>
 #include <sys/socket.h>
 #include <sys/un.h>
 
@@ -50,7 +48,7 @@ presence probe(const std::string& path) {
     const unique_fd connection(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     sockaddr_un address = {};
     address.sun_family = AF_UNIX;
-    memcpy(address.sun_path, path.data(), std::min(path.size(), sizeof(address.sun_path) - 1));
+    path.copy(address.sun_path, sizeof(address.sun_path)); // needs no NUL, see unix(7)
     if (connect(connection.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0) {
         return presence::up;
     }

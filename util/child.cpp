@@ -44,7 +44,7 @@ int descriptor_number(const char* name) noexcept {
 // Without "/proc" too, what the daemon opened is still close-on-exec.
 void close_listed_descriptors(int spare_fd) noexcept {
     (void)::close(spare_fd);
-    const int directory_fd = ::open("/proc/self/fd", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    const int directory_fd = ::open("/proc/self/fd", O_RDONLY | O_CLOEXEC);
     alignas(dirent64) std::array<char, 2048> entries;
     long size_bytes = 0;
     while ((size_bytes = ::syscall(SYS_getdents64, directory_fd, entries.data(), entries.size())) > 0) {

@@ -17,7 +17,7 @@ extern char cLogFilePath[512]; ///< The log file in it, ".lyn_ks_vexprod.log"; e
 void log_set_dir(const char* dir);
 
 /// Writes one line to the log. Before log_set_dir() says so on standard error instead, and the message is lost. A file
-/// that cannot be opened loses the line silently. The message is cut after 2046 characters, the whole line after 2047.
+/// that cannot be opened loses the line silently. The whole line is cut after 2047 characters.
 /// Keeps errno. Any thread.
 void dbg_printf2(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
 

@@ -16,6 +16,7 @@
 #include <iterator>
 #include <linux/fuse.h>
 #include <string>
+#include <sys/epoll.h>
 #include <sys/ioctl.h>
 #include <sys/mman.h>
 #include <sys/resource.h>
@@ -318,6 +319,21 @@ TEST(ConsumerSignalTest, InterruptedReadOfTheLinkIsNoReport) {
             const raw_caller third(one.path()); // accepted after the second one has been dealt with
             good = good && eventually([&] { return support::open_sockets() == sockets + 6; });
             _exit(good && bytes_in(entry.sockfd[0]) == 0 ? 0 : 1);
+        },
+        testing::ExitedWithCode(0), "");
+}
+
+// It would never hear of anything, the stop included; without it the service ends.
+TEST(ConsumerLinkTest, WorkerThatCannotWaitForItsLinkEnds) {
+    EXPECT_EXIT(
+        {
+            support::end_within(std::chrono::seconds(60));
+            const support::temp_dir dir;
+            ks_handle* handle = ks_create(("@" + dir.file("s")).c_str(), KS_PROCESS_MODE, 1, echo);
+            ks_worker_init(
+                handle, [](void*) { support::fail_system_call(SYS_epoll_ctl, ENOSPC, EPOLL_CTL_ADD); }, nullptr);
+            ks_start(handle);
+            _exit(0);
         },
         testing::ExitedWithCode(0), "");
 }

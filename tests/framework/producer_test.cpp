@@ -456,6 +456,22 @@ TEST(ProducerTest, CallerWhoseDescriptorCannotBePassedIsHungUpOn) {
     }
 }
 
+// A consumer that heard of a caller and will not get it must not wait for it, nor a stop for that consumer.
+TEST(ProducerTest, ConsumerThatCannotBeToldOfALostCallerIsPartedWith) {
+    const auto tells_nothing = [] {
+        support::end_within(std::chrono::seconds(60));
+        support::limit_descriptors_in_flight();
+        const service one(5, 1, echo);
+        const support::no_descriptor_passed from_here_on;
+        support::fail_system_call(SYS_sendmsg, ENOBUFS);
+        const raw_caller lost(one.path());
+        const bool hung_up = lost.hung_up();
+        ks_stop(one.handle());
+        _exit(hung_up ? 0 : 1);
+    };
+    EXPECT_EXIT(tells_nothing(), testing::ExitedWithCode(0), "");
+}
+
 int64_t cpu_while_idle() {
     const int64_t before = support::cpu_ms();
     std::this_thread::sleep_for(std::chrono::milliseconds(500)); // the length of what is measured, not a wait

@@ -193,6 +193,22 @@ TEST(ServiceTest, TableDescribesTheWorkers) {
     EXPECT_NE(fcntl(producer.sockfd[1], F_GETFL) & O_NONBLOCK, 0) << "accepting never blocks";
 }
 
+int tell_the_producers_flags(const char* /*command*/, ks_io* io, int /*fd*/) {
+    ks_io_realloc(io, 0);
+    ks_io_printf(io, "%u", signalled->worker[signalled->service_size].flags);
+    ks_reply(io);
+    ks_io_free(io);
+    return 0;
+}
+
+// A process worker has the table as it was when the worker was started.
+TEST(ServiceTest, ProducerIsMarkedAsAThreadUntilItServes) {
+    const support::service one(2, 1, tell_the_producers_flags, [](ks_handle* handle) { signalled = handle; });
+    std::string reply;
+    EXPECT_EQ(support::call(one.name(), "c", "", &reply), 0U);
+    EXPECT_EQ(reply, "4");
+}
+
 std::atomic<uint32_t> seen_flags = 0;
 std::atomic<pid_t> seen_pid = 0;
 void look_at_the_producer(int) {
