@@ -188,11 +188,19 @@ ssize_t ks_io_splice(ks_io* io, int fdin, size_t len) {
 int ks_io_printf(ks_io* io, const char* fmt, ...) {
     KS_REQUIRE(is_io(io), KS_IO_TEXT, "cannot printf incorrect ks_io %p", (void*)io);
     ks::io_shm(io);
+    // Most replies are short. vdprintf() makes a stream for each call: memory, and two system calls more.
+    char text[BUFSIZ];
     va_list arguments;
     va_start(arguments, fmt);
-    const int written = vdprintf(io->memfd, fmt, arguments);
+    int length = vsnprintf(text, sizeof(text), fmt, arguments);
     va_end(arguments);
-    return written;
+    if (length >= 0 && (size_t)length < sizeof(text)) {
+        return write(io->memfd, text, (size_t)length) == length ? length : -1;
+    }
+    va_start(arguments, fmt);
+    length = vdprintf(io->memfd, fmt, arguments);
+    va_end(arguments);
+    return length;
 }
 
 void ks_io_set(ks_io* io, void* p) {

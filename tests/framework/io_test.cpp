@@ -94,6 +94,27 @@ TEST(IoTest, ReallocZeroEmptiesAndRewinds) {
     EXPECT_EQ(std::string(text, size), "ab-12");
 }
 
+TEST(IoTest, PrintsTextsOfAnyLength) {
+    const unique_io io = make();
+    for (const size_t length : {0, 1, BUFSIZ - 1, BUFSIZ, BUFSIZ + 1, 100 * BUFSIZ}) {
+        const std::string text(length, 'x');
+        ks_io_realloc(io.get(), 0);
+        EXPECT_EQ(ks_io_printf(io.get(), "%s", text.c_str()), (int)length);
+        size_t size = 0;
+        const auto* data = static_cast<const char*>(ks_io_read(io.get(), &size));
+        EXPECT_EQ(std::string(data == nullptr ? "" : data, size), text) << length;
+    }
+}
+
+TEST(IoTest, PrintReportsAFileThatIsFull) {
+    const unique_io io = make();
+    io->memfd = open("/dev/full", O_WRONLY | O_CLOEXEC);
+    ASSERT_GE(io->memfd, 0);
+    for (const size_t length : {1, BUFSIZ}) {
+        EXPECT_EQ(ks_io_printf(io.get(), "%s", std::string(length, 'x').c_str()), -1) << length;
+    }
+}
+
 TEST(IoTest, ReallocMapsZeroedBytesAndAppendsBehindThem) {
     const unique_io io = make();
     ks_io_realloc(io.get(), 4);
