@@ -149,7 +149,7 @@ int listen_as(const listen_options& options) {
     state.done_fd = done.get();
     const unique_service service(ks_create(options.service.c_str(), KS_STANDALONE | KS_PTHREAD_MODE, 1, serve));
     ks_start(service.get());
-    std::array<pollfd, 2> watched = {{{signals.get(), POLLIN, 0}, {done.get(), POLLIN, 0}}};
+    std::array<pollfd, 2> watched = {{{signals.get(), POLLIN, {}}, {done.get(), POLLIN, {}}}};
     while (poll(watched.data(), watched.size(), -1) < 0 && errno == EINTR) {
     }
     ks_stop(service.get()); // waits for the worker

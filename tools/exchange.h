@@ -15,7 +15,7 @@ constexpr unsigned kShortestTimeoutS = 5;
 
 /// How a call ended.
 struct outcome {
-    int status = 0;    ///< An exit_status; 0 = there is a reply.
+    int status;        ///< An exit_status; 0 = there is a reply.
     std::string error; ///< One line for people; empty when there is a reply.
     unique_io reply;   ///< Null without a reply.
 };

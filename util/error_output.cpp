@@ -19,7 +19,7 @@ void print_error(const char* fmt, ...) {
     {
         static std::mutex one_at_a_time; // or two threads would find room for one
         const std::lock_guard lock(one_at_a_time);
-        pollfd output = {STDERR_FILENO, POLLOUT, 0};
+        pollfd output = {STDERR_FILENO, POLLOUT, {}};
         if (::poll(&output, 1, 0) == 1) {
             [[maybe_unused]] const ssize_t written = ::write(STDERR_FILENO, text, static_cast<std::size_t>(length));
         }

@@ -184,7 +184,7 @@ std::string read_output(FILE* stream, std::size_t limit_bytes) {
     const unique_fd end = above_standard_streams(unique_fd(static_cast<int>(::syscall(SYS_pidfd_open, pid, 0))));
     std::string text;
     while (text.size() < limit_bytes) {
-        std::array<pollfd, 2> events = {{{fd, POLLIN, 0}, {end.get(), POLLIN, 0}}}; // poll() passes over a -1
+        std::array<pollfd, 2> events = {{{fd, POLLIN, {}}, {end.get(), POLLIN, {}}}}; // poll() passes over a -1
         (void)::poll(events.data(), events.size(), end.ok() ? -1 : kLookAgainMs);
         const bool ended = end.ok() ? events[1].revents != 0 : has_ended(pid);
         if (!ended && events[0].revents == 0) {
