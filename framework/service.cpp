@@ -31,6 +31,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <regex.h>
+#include <span>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -97,8 +98,9 @@ void begin_run(service* self) {
     KS_REQUIRE_IN("ks_start", table != nullptr && consumers != nullptr,
                   "(service_handle->worker = calloc(service_option->service_size + 1, sizeof(ks_worker)))",
                   "alloc worker memory fail");
-    for (size_t i = 0; i < handle->service_size; ++i) {
-        consumers[i] = {self, &table[i], -1};
+    ks_worker* worker = table;
+    for (service::consumer& each : std::span(consumers, handle->service_size)) {
+        each = {self, worker++, -1};
     }
     locked guard(self);
     self->consumers = consumers;
@@ -112,14 +114,14 @@ void end_run(service* self) {
         locked guard(self);
         self->listening = false;
     }
-    ks_worker* const table = handle->worker;
-    service::consumer* const consumers = self->consumers;
-    const size_t count = handle->service_size;
+    const std::span workers(handle->worker, handle->service_size);
+    const std::span consumers(self->consumers, handle->service_size);
+    ks_worker* const producer = &handle->worker[handle->service_size];
     const bool threads = (handle->mode & KS_PTHREAD_MODE) != 0;
-    close_and_clear(&table[count].sockfd[1]); // first: whoever calls from now on is refused, and does not wait in vain
-    close_and_clear(&table[count].pollfd);
-    for (size_t i = 0; i < count; ++i) {
-        (void)send_directive(table[i].sockfd[1], make_directive(KS_DIRECTIVE_STOP)); // fails when it is gone already
+    close_and_clear(&producer->sockfd[1]); // first: whoever calls from now on is refused, and does not wait in vain
+    close_and_clear(&producer->pollfd);
+    for (const ks_worker& each : workers) {
+        (void)send_directive(each.sockfd[1], make_directive(KS_DIRECTIVE_STOP)); // fails when it is gone already
     }
     if (threads) {
         locked guard(self);
@@ -127,16 +129,18 @@ void end_run(service* self) {
             guard.wait();
         }
     } else {
-        for (size_t i = 0; i < count; ++i) {
-            while (waitpid(table[i].id.pid, nullptr, 0) < 0 && errno == EINTR) {
+        for (const ks_worker& each : workers) {
+            while (waitpid(each.id.pid, nullptr, 0) < 0 && errno == EINTR) {
             }
         }
     }
-    for (size_t i = 0; i < count; ++i) {
-        close_and_clear(&table[i].sockfd[0]);
-        close_and_clear(&table[i].sockfd[1]);
-        close_and_clear(&table[i].pollfd);
-        close_and_clear(&consumers[i].in_transit);
+    for (ks_worker& each : workers) {
+        close_and_clear(&each.sockfd[0]);
+        close_and_clear(&each.sockfd[1]);
+        close_and_clear(&each.pollfd);
+    }
+    for (service::consumer& each : consumers) {
+        close_and_clear(&each.in_transit);
     }
     {
         locked guard(self);
@@ -149,11 +153,13 @@ void end_run(service* self) {
         self->state = service::phase::idle;
         guard.wake_all();
     }
-    for (size_t i = 0; i < count && threads; ++i) {
-        pthread_join(table[i].id.tid, nullptr);
+    if (threads) {
+        for (const ks_worker& each : workers) {
+            pthread_join(each.id.tid, nullptr);
+        }
     }
-    free(consumers);
-    free(table);
+    free(consumers.data());
+    free(workers.data());
 }
 
 // Whether this process has started the service. Not its parent: the lock may have been held when it forked, its waiters

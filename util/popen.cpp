@@ -97,7 +97,7 @@ bool valid_mode(const char* mode) {
 
 // Makes the pipe: one end for the caller, the other in its place among the child's streams.
 bool open_pipe_ends(const pipe_request& request, unique_fd* ret_caller_end, child_streams* ret_streams) {
-    std::array<int, 2> ends = {-1, -1};
+    std::array<int, 2> ends{};
     if (::pipe2(ends.data(), O_CLOEXEC) != 0) {
         return false;
     }
