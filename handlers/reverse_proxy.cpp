@@ -12,7 +12,6 @@
 #include "stream_request.h"
 #include "tool_run.h"
 
-#include <cerrno>
 #include <string>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -30,16 +29,7 @@ std::string rule_path(const std::string& guid) {
 // Replaces the rule's file. Failures are not reported: the proxy then goes on without the rule.
 void write_rule(const std::string& guid, const std::string& text) {
     const unique_fd file = create_anew(rule_path(guid).c_str(), 0644);
-    if (!file.ok()) {
-        return;
-    }
-    for (std::size_t done = 0; done < text.size();) {
-        const ssize_t count = ::write(file.get(), text.data() + done, text.size() - done);
-        if (count < 0 && errno != EINTR) {
-            return;
-        }
-        done += count > 0 ? static_cast<std::size_t>(count) : 0;
-    }
+    [[maybe_unused]] const ssize_t written = ::write(file.get(), text.data(), text.size());
 }
 
 // Calls `act` with each rule of "rule_list" that has an identity, in order.
