@@ -272,15 +272,14 @@ void run_consumer(ks_worker* worker) {
     const int link = worker->sockfd[0];
     worker->pollfd = above_stdio(epoll_create(1));
     (void)set_fd_cloexec(worker->pollfd);
-    epoll_event event = {};
-    event.events = EPOLLIN | EPOLLERR | EPOLLHUP | EPOLLRDHUP;
-    event.data.fd = link; // shown in /proc/PID/fdinfo
-    if (epoll_ctl(worker->pollfd, EPOLL_CTL_ADD, link, &event) != 0) {
+    epoll_event event[] = {{EPOLLIN | EPOLLERR | EPOLLHUP | EPOLLRDHUP, {}}};
+    event->data.fd = link; // shown in /proc/PID/fdinfo
+    if (epoll_ctl(worker->pollfd, EPOLL_CTL_ADD, link, event) != 0) {
         close_and_clear(&worker->pollfd); // it would never hear of anything, not even of the stop
     }
     while (worker->pollfd >= 0) {
-        const auto ready = TEMP_FAILURE_RETRY(epoll_wait(worker->pollfd, &event, 1, -1));
-        if (ready != 1 || event.events == (EPOLLIN | EPOLLHUP | EPOLLRDHUP) || !hear_producer(worker)) {
+        const auto ready = TEMP_FAILURE_RETRY(epoll_wait(worker->pollfd, event, std::size(event), -1));
+        if (ready != 1 || event->events == (EPOLLIN | EPOLLHUP | EPOLLRDHUP) || !hear_producer(worker)) {
             close_and_clear(&worker->pollfd);
         }
     }

@@ -316,11 +316,7 @@ bool handle_event(producer* p, uint32_t events, ks_queue* entry) {
 // Waits for the next batch. False = the loop must end.
 bool next_batch(producer* p) {
     for (;;) {
-        int timeout_ms = -1;
-        if (p->accept_retry_at != 0) {
-            const int64_t left = p->accept_retry_at - now_ms();
-            timeout_ms = left > 0 ? (int)left : 0;
-        }
+        const int timeout_ms = p->accept_retry_at != 0 ? wait_time(p->accept_retry_at) : -1;
         p->batch_next = 0;
         p->batch_size = epoll_wait(p->own->pollfd, p->batch, kBatch, timeout_ms);
         if (p->batch_size < 0 && errno == EINTR) {
