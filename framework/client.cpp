@@ -257,20 +257,34 @@ unsigned call(const char* name, const char* command, ks_io* io, const payload& r
     return code;
 }
 
-// The reply as a malloc()ed copy. *size: the bytes asked for, then those that were there.
-void* copy_reply(const ks_io* io, size_t* size) {
-    void* reply = malloc(*size);
+// The reply of a request that has ended with KS_OK as a malloc()ed copy, or NULL and *code: see map_reply().
+//
+// Not from a mapping: the service has a hand on the file and could shorten it under us. But a file that is no small one
+// has to be one that can be mapped, before memory of its size is asked for.
+void* copy_reply(ks_io* io, size_t* ret_size, unsigned* code) {
+    char small[4096];
+    const ssize_t first = pread(io->memfd, small, sizeof(small), 0);
+    size_t copied = (size_t)std::max<ssize_t>(first, 0);
+    size_t size = copied;
+    if (copied == sizeof(small)) {
+        map_reply(io, code);
+        size = io->shared_size;
+    }
+    if (*code != KS_OK) {
+        return nullptr;
+    }
+    char* reply = static_cast<char*>(malloc(size));
     KS_REQUIRE_IN("ks_ez_call", reply != nullptr, "(*recv = realloc(*recv, io->shared_size))",
                   "cannot realloc recv memory");
-    size_t copied = 0;
-    while (copied < *size) {
-        const ssize_t count = pread(io->memfd, static_cast<char*>(reply) + copied, *size - copied, (off_t)copied);
+    memcpy(reply, small, std::min(copied, size));
+    while (copied < size) {
+        const ssize_t count = pread(io->memfd, reply + copied, size - copied, (off_t)copied);
         if (count <= 0) {
             break;
         }
         copied += (size_t)count;
     }
-    *size = copied;
+    *ret_size = std::min(copied, size);
     return reply;
 }
 
@@ -346,18 +360,10 @@ unsigned ks_ez_call(const char* name, const char* command, const void* data, siz
         code = call(name, command, io, small ? request : payload{nullptr, 0}, timeout_s, passfd);
     }
     if (code == KS_OK && recv != nullptr) {
-        // Not from a mapping: the service has a hand on the file and could shorten it under us. But a file that is no
-        // small one has to be one that can be mapped, before memory of its size is asked for.
-        size_t size = ks_io_size(io);
-        if (size > kSmallSize) {
-            map_reply(io, &code);
-            size = io->shared_size;
-        }
-        if (code == KS_OK) {
-            *recv = copy_reply(io, &size);
-            if (rsize != nullptr) {
-                *rsize = size;
-            }
+        size_t size = 0;
+        *recv = copy_reply(io, &size, &code);
+        if (code == KS_OK && rsize != nullptr) {
+            *rsize = size;
         }
     }
     ks_io_free(io);
