@@ -1,5 +1,6 @@
 """What bench/run and bench/compare share: the measurements, how one is taken, and the machine that took it."""
 
+import argparse
 import dataclasses
 import datetime
 import json
@@ -9,7 +10,6 @@ import platform
 import random
 import statistics
 import subprocess
-import sys
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent
 TIME_MS = 100  # of one measurement; a pair of them takes about a third of a second
@@ -64,7 +64,8 @@ class Row:
     most_pairs: int = 1000
 
     def meets_aim(self, ratio):
-        return self.aim is None or (ratio >= self.aim if self.unit == CALLS else ratio <= self.aim)
+        shown = round(ratio, 2)
+        return self.aim is None or (shown >= self.aim if self.unit == CALLS else shown <= self.aim)
 
     def aim_text(self):
         return "" if self.aim is None else f"{'>=' if self.unit == CALLS else '<='} {self.aim:.2f}"
@@ -229,7 +230,8 @@ def describe_machine():
 
 
 def build_folder(text):
+    """For argparse: a folder that the project was built in."""
     folder = pathlib.Path(text)
-    if not (folder / "bench").is_dir():
-        sys.exit(f"{sys.argv[0]}: {folder} has no bench/; build it first (cmake --build --preset default)")
+    if not (folder / "lib").is_dir():
+        raise argparse.ArgumentTypeError(f"no build is in {folder} (cmake --build --preset default)")
     return folder
