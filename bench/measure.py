@@ -152,9 +152,11 @@ def take(measurement, build, subject=None):
     """Runs it once and returns the value; raises Failed. `build` has the programs that measure; `subject` has the
     library and the daemon that are measured, if those are not its own."""
     build, subject = pathlib.Path(build).resolve(), pathlib.Path(subject or build).resolve()
-    processors = ",".join(map(str, chosen_processors(measurement.processors)))
+    processors = chosen_processors(measurement.processors)
+    if len(processors) < measurement.processors:
+        raise Failed(f"it takes {measurement.processors} processors")
     program = program_of(measurement, build, subject)
-    command = ["taskset", "-c", processors, str(program), *measurement.arguments]
+    command = ["taskset", "-c", ",".join(map(str, processors)), str(program), *measurement.arguments]
     if measurement.in_host:
         command = [str(ROOT / "hostsim" / "enter"), "--build", str(build), *command]
     if not program.exists():
