@@ -184,6 +184,14 @@ void fill_layer(const host_view& view) {
     for (const char* folder : {"/var/lib/hostsim/calls", "/var/lib/hostsim/knobs"}) {
         make_directory(kLayer + folder, 01777);
     }
+    // Where root is an ordinary user outside, the machine's files belong to nobody whom it knows, and cannot be
+    // changed. These are the host's own: the folders that it writes to, and a program that a test takes away.
+    make_directory(kLayer + "/var/log", 0755);
+    make_directory(kLayer + "/var/tmp", 01777);
+    if (fs::exists("/usr/bin/getfattr")) {
+        make_directory(kLayer + "/usr/bin", 0755);
+        fs::copy_file("/usr/bin/getfattr", kLayer + "/usr/bin/getfattr");
+    }
     make_file(kLayer + "/.hostsim", 0444); // how a nested hostsim/enter knows where it is
     copy_tree(view.project + "/hostsim/root", kLayer);
     copy_tree(view.build + "/hostsim-root", kLayer);
