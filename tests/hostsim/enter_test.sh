@@ -58,6 +58,12 @@ check "and the machine is not" "$(ls -d /{etc,tmp,run,usr/lib,dev/shm}/$probe /e
 check "no mount is left" "$(grep -c '^hostsim ' /proc/self/mounts)" 0
 queue=$("${enter[@]}" sh -c 'ipcmk -Q >/dev/null; ipcs -q' | grep -o '^0x[0-9a-f]*')
 check "queues are the host's own" "${#queue} $(ipcs -q | grep -c "$queue")" "10 0"
+check "a network of its own: loopback, which works" "$("${enter[@]}" sh -c '
+    sed -n "3,\$s/:.*//p" /proc/net/dev | tr -d " "
+    python3 -c "import socket
+server = socket.create_server((\"127.0.0.1\", 58080))
+socket.create_connection(server.getsockname())" && echo connected')" "lo
+connected"
 # The project's own mount may lie in /tmp, and the folders that lead to it.
 check "the next host is fresh" "$("${enter[@]}" sh -c 'find /tmp -xdev ! -type d; ipcs -q | grep -c 0x')" 0
 check "only its own processes" "$("${enter[@]}" sh -c 'set -- /proc/[0-9]*; echo $#')" 2
@@ -115,6 +121,8 @@ if [ "$(id -u)" = 0 ] && command -v setpriv >/dev/null; then
 a
 1
 4"
+        check "and writes where the host does" \
+            "$(as_user sh -c 'echo a >/var/log/probe && mkdir /var/tmp/probe && rm /usr/bin/getfattr && echo done')" done
     else
         echo "skip: this system gives ordinary users no namespaces"
     fi
