@@ -11,6 +11,7 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
+#include <sched.h>
 #include <set>
 #include <sstream>
 #include <string>
@@ -198,6 +199,25 @@ void fill_layer(const host_view& view) {
     install_tools(view.build + "/bin/hosttool", view.build + "/hostsim-tools.list", kLayer);
 }
 
+// Takes this mount namespace's mounts out of the machine's reach. In a plain chroot "/" is a folder of some mount,
+// which can be neither made private nor pivoted from: it is made a mount first, from outside of the chroot, because the
+// mount that it lies on may be one that the machine's own namespace shares.
+void make_mounts_private() {
+    if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0) {
+        return;
+    }
+    check(errno == EINVAL, "make the mounts private");
+    const unique_fd root(open("/", O_PATH | O_DIRECTORY | O_CLOEXEC));
+    const unique_fd mounts(open("/proc/self/ns/mnt", O_RDONLY | O_CLOEXEC));
+    check(root.ok() && mounts.ok() && setns(mounts.get(), CLONE_NEWNS) == 0, "leave the chroot (is /proc mounted?)");
+    check(mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0, "make the mounts private");
+    const unique_fd tree(open_tree(root.get(), "", OPEN_TREE_CLONE | OPEN_TREE_CLOEXEC | AT_RECURSIVE | AT_EMPTY_PATH));
+    check(tree.ok() &&
+              move_mount(tree.get(), "", root.get(), "", MOVE_MOUNT_F_EMPTY_PATH | MOVE_MOUNT_T_EMPTY_PATH) == 0,
+          "make / a mount point");
+    check(fchdir(tree.get()) == 0 && chroot(".") == 0, "return to the chroot");
+}
+
 void switch_root() {
     check(chdir(kRoot.c_str()) == 0, "enter the new root");
     // Both arguments the same directory: the old root ends up on top of the new one, and is dropped from there.
@@ -209,7 +229,7 @@ void switch_root() {
 } // namespace
 
 void become_host(const host_view& view) {
-    check(mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0, "make the mounts private");
+    make_mounts_private();
     std::vector<held_path> trees;
     trees.push_back(hold(view.project));
     if (!is_within(view.build, view.project)) {

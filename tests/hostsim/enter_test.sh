@@ -101,6 +101,24 @@ kill -KILL $!
 wait $! 2>/dev/null
 check "SIGKILL takes everything along" "$(eventually is_gone && echo gone)" gone
 
+# --- In a plain chroot: "/" is no mount point -------------------------------------------------------------------------
+# Its mount is one that others share, as under systemd: what the host mounts must stay in the host.
+in_chroot() {
+    unshare --mount --propagation private bash -c '
+        mount -t tmpfs none /run && mount --make-rshared / && mkdir /run/root && cd /run/root || exit
+        for folder in /*; do
+            if [ -L "$folder" ]; then ln -s "$(readlink "$folder")" ".$folder"
+            elif [ -d "$folder" ]; then mkdir ".$folder" && mount --rbind "$folder" ".$folder"; fi
+        done
+        chroot . "$@"; echo "$?, $(grep -c " hostsim " /proc/self/mountinfo) mounts left"' sh "$@"
+}
+if [ "$(id -u)" = 0 ]; then
+    check "a chroot is entered from" "$(in_chroot "${enter[@]}" sh -c '/sbin/cfgread CP_APP tvLounge -f /etc/kos.ui.cp.conf
+        echo a >/etc/hostsim_probe && cat /etc/hostsim_probe; exit 4')" "1
+a
+4, 0 mounts left"
+fi
+
 # --- Without root -----------------------------------------------------------------------------------------------------
 if [ "$(id -u)" = 0 ] && command -v setpriv >/dev/null; then
     user=(setpriv --reuid=65534 --regid=65534 --clear-groups)
