@@ -8,6 +8,7 @@
 #include "launcher.h"
 
 #include <array>
+#include <cstdint>
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
@@ -133,33 +134,57 @@ void mount_machine_root(const host_view& view, const std::vector<std::string>& f
     }
 }
 
-// The same for an ordinary user. A user namespace may not look below the mounts it was given, so "/" with its mounts
-// cannot be overlaid as a whole; each of its folders is, and those that hold mounts are shown read-only.
-void mount_machine_folders(const host_view& view) {
+// Shows a file of the machine in a folder that could not be overlaid: as a copy, or, when it is large, as it is.
+void show_file(const fs::path& path) {
+    constexpr std::uintmax_t kCopiedBytes = 1 << 20;
+    std::error_code unreadable;
+    if (fs::is_regular_file(path) && fs::file_size(path) <= kCopiedBytes &&
+        fs::copy_file(path, kRoot + path.string(), unreadable)) {
+        return;
+    }
+    bind_held(hold(path));
+    set_read_only(kRoot + path.string());
+}
+
+// The same as mount_machine_root() for an ordinary user. A user namespace may not look below the mounts it was given,
+// so
+// "/" with its mounts cannot be overlaid as a whole, nor can another folder that holds mounts: what is in them is shown
+// one by one.
+void show_folder(const fs::path& folder, const host_view& view, int* number) {
     static const std::set<std::string> kMadeLater = {"/proc", "/sys", "/dev", "/run", "/tmp"};
-    do_mount("hostsim", kRoot, "tmpfs", MS_NOSUID | MS_NODEV, "mode=0755"); // pivot_root wants a mount
-    int number = 0;
-    for (const auto& entry : fs::directory_iterator("/")) {
+    for (const auto& entry : fs::directory_iterator(folder)) {
         const std::string path = entry.path().string();
         if (entry.is_symlink()) {
-            fs::copy_symlink(entry.path(), kRoot + path);
-            continue;
-        }
-        if (!entry.is_directory()) {
-            continue;
-        }
-        make_directory(kRoot + path, 0755);
-        if (kMadeLater.count(path) == 0 && !overlay(path, view, ++number)) {
-            bind_held(hold(path));
-            set_read_only(kRoot + path);
+            fs::copy_symlink(path, kRoot + path);
+        } else if (!entry.is_directory()) {
+            if (folder != "/") {
+                show_file(entry.path());
+            }
+        } else {
+            make_directory(kRoot + path, 0755);
+            if (kMadeLater.count(path) == 0 && !overlay(path, view, ++*number)) {
+                if (access(path.c_str(), R_OK | X_OK) == 0) {
+                    show_folder(path, view, number);
+                } else {
+                    bind_held(hold(path));
+                    set_read_only(kRoot + path);
+                }
+            }
         }
     }
-    for (const auto& entry : fs::directory_iterator(kLayer)) { // what only the host has
-        const fs::path target = kRoot + "/" + entry.path().filename().string();
-        if (!fs::exists(target)) {
-            fs::copy(entry.path(), target, fs::copy_options::recursive);
+    for (const auto& entry :
+         fs::directory_iterator(fs::path(kLayer) / folder.relative_path())) { // what the host lays over it
+        const fs::path target = fs::path(kRoot) / entry.path().lexically_relative(kLayer);
+        if (!entry.is_directory() || !fs::exists(target)) {
+            fs::copy(entry.path(), target, fs::copy_options::recursive | fs::copy_options::overwrite_existing);
         }
     }
+}
+
+void mount_machine_folders(const host_view& view) {
+    do_mount("hostsim", kRoot, "tmpfs", MS_NOSUID | MS_NODEV, "mode=0755"); // pivot_root wants a mount
+    int number = 0;
+    show_folder("/", view, &number);
 }
 
 // A private /dev: the machine's harmless devices, and an ordinary file for the kernel log so that crash reports can be

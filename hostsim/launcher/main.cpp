@@ -183,7 +183,7 @@ int main(int argc, char** argv) {
     } catch (const std::exception& failure) {
         (void)fprintf(stderr,
                       "hostsim/enter: cannot make the simulated host: %s\n"
-                      "hostsim/enter: it needs root, or a system that lets users make user, mount and pid namespaces\n",
+                      "hostsim/enter: hostsim/probe tells what is missing, and the remedy\n",
                       failure.what());
         return kCannotEnter;
     }

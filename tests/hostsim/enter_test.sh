@@ -1,5 +1,5 @@
 #!/bin/bash
-# Tests hostsim/enter from outside: enter_test.sh ENTER BUILD
+# Tests hostsim/enter and hostsim/probe from outside: enter_test.sh ENTER BUILD
 set -uo pipefail
 
 enter=("$1" --build "$2")
@@ -110,13 +110,39 @@ in_chroot() {
             if [ -L "$folder" ]; then ln -s "$(readlink "$folder")" ".$folder"
             elif [ -d "$folder" ]; then mkdir ".$folder" && mount --rbind "$folder" ".$folder"; fi
         done
-        chroot . "$@"; echo "$?, $(grep -c " hostsim " /proc/self/mountinfo) mounts left"' sh "$@"
+        chroot . "$@" 2>&1; echo "$?, $(grep -c " hostsim " /proc/self/mountinfo) mounts left"' sh "$@"
 }
 if [ "$(id -u)" = 0 ]; then
     check "a chroot is entered from" "$(in_chroot "${enter[@]}" sh -c '/sbin/cfgread CP_APP tvLounge -f /etc/kos.ui.cp.conf
         echo a >/etc/hostsim_probe && cat /etc/hostsim_probe; exit 4')" "1
 a
 4, 0 mounts left"
+fi
+
+# --- The probe --------------------------------------------------------------------------------------------------------
+probe=${enter[0]%enter}probe
+none_here='hostsim/probe: no simulated host can be made here'
+check "the probe finds all that is needed" "$("$probe" 2>&1; echo $?)" 0
+check "and leaves nothing behind" "$(grep -c '^hostsim ' /proc/self/mounts)" 0
+check "it knows no option" "$(status_of "$probe" --nope)" 2
+if [ "$(id -u)" = 0 ]; then
+    check "it agrees with a chroot" "$(in_chroot "$probe")" "0, 0 mounts left"
+    check "users cannot enter from there" "$(in_chroot setpriv --reuid=65534 --clear-groups sh <"$probe")" \
+        "$none_here: \"/\" is no mount point (a plain chroot), and users make no namespaces there; run it as root
+1, 0 mounts left"
+    # Nobody in a chroot makes user namespaces: like a container that allows none.
+    check "root without the right" "$(in_chroot setpriv --bounding-set -sys_admin "$probe")" "$none_here: root may make \
+no namespaces (a container without CAP_SYS_ADMIN, or a filter); start it with docker or podman run --privileged, or as \
+hostsim/README.md says
+1, 0 mounts left"
+    check "root without a network" "$(setpriv --bounding-set -net_admin "$probe" 2>&1; echo $?)" "$none_here: root may \
+not raise the loopback interface (no CAP_NET_ADMIN); start it with docker or podman run --privileged, or as \
+hostsim/README.md says
+1"
+    limit=/proc/sys/user/max_mnt_namespaces
+    check "namespaces switched off" "$(unshare --user --map-root-user sh -c "echo 0 >$limit; '$probe' 2>&1; echo \$?")" \
+        "$none_here: namespaces are switched off: $limit is 0; as root: echo 10000 >$limit
+1"
 fi
 
 # --- Without root -----------------------------------------------------------------------------------------------------
