@@ -34,12 +34,17 @@ check "exit status" "$(status_of "${enter[@]}" sh -c 'exit 7')" 7
 check "death by a signal" "$(status_of "${enter[@]}" sh -c 'kill -KILL $$')" 137
 check "unknown command" "$(status_of "${enter[@]}" /nonexistent)" 127
 check "not executable" "$(status_of "${enter[@]}" /etc/passwd)" 126
-check "no command" "$(status_of "${enter[@]}")" 125
+check "no command" "$(status_of "${enter[@]}")" 2
+check "unknown option" "$(status_of "${enter[@]}" --nope true)" 2
+check "no such build folder" "$(status_of "$1" --build /nope true)" 2
 check "standard streams" "$(echo text | "${enter[@]}" sh -c 'cat; echo error >&2' 2>&1)" "text
 error"
 check "arguments" "$("${enter[@]}" printf '[%s]' 'two words' '' "*" -x)" "[two words][][*][-x]"
 check "current folder" "$(cd /usr/lib && "${enter[@]}" pwd)" /usr/lib
 check "environment" "$(ODD='a b' "${enter[@]}" sh -c 'echo "$ODD $HOSTSIM"')" "a b 1"
+if [ -e /etc/debian_version ]; then
+    check "prompt" "$(HOME=/ "${enter[@]}" bash -ic 'echo "${PS1@P}"' 2>/dev/null | grep -o '^(hostsim)')" "(hostsim)"
+fi
 check "nested use" "$("${enter[@]}" "${enter[@]}" sh -c 'echo $$; exit 3' && echo no || echo $?)" "2
 3"
 
@@ -166,7 +171,7 @@ a
 1
 4"
         check "and writes where the host does" \
-            "$(as_user sh -c 'echo a >/var/log/probe && mkdir /var/tmp/probe && rm /usr/bin/getfattr && echo done')" done
+            "$(as_user sh -c 'echo a >/var/log/probe && mkdir /var/tmp/probe && rm /usr/bin/getfattr && echo "it does"')" "it does"
     else
         echo "skip: this system gives ordinary users no namespaces"
     fi
