@@ -211,8 +211,10 @@ TEST_F(PopenTest, NoPipeToBeHadGivesNull) {
     EXPECT_TRUE(passes_in_own_process([] {
         const int first_free = ::dup(0);
         ::close(first_free);
+        struct rlimit limit = {};
+        ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &limit), 0);
         for (int more = 0; more < 4; ++more) { // no pipe, half of one, and the files beside it missing
-            const struct rlimit limit = {static_cast<rlim_t>(first_free + more), 20000};
+            limit.rlim_cur = static_cast<rlim_t>(first_free + more);
             ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &limit), 0);
             const bool enough = more == 3;
             FILE* stream = lyn_vexprod_corvo_popen_v2(nullptr, nullptr, nullptr, "r", "/bin/true", nullptr);
