@@ -7,6 +7,11 @@
 //         complain(kservice::describe(reply.error()));
 //     }
 //
+// And a service, with two workers:
+//
+//     kservice::service service("my-service", 2, [](kservice::request& request) { (void)request.reply("pong"); });
+//     service.start();
+//
 // Nothing here throws but result::value(), on an error, and the C++ library's own std::bad_alloc; the header compiles
 // with -fno-exceptions, where value() aborts instead. Misuse (a name too long for a service, a service started twice)
 // and exhausted descriptors abort with one line, as kservice.h says.
