@@ -1,5 +1,5 @@
-# What every target of the project shares: language level, warnings, sanitizers, output folders, and the two helpers
-# vexprod_add_library() and vexprod_add_test().
+# What every target of the project shares: language level, warnings, sanitizers, output folders, and the helpers
+# vexprod_add_library(), vexprod_add_test() and vexprod_add_pytest().
 
 include(GNUInstallDirs)
 include(GoogleTest)
@@ -92,4 +92,21 @@ function(vexprod_add_test name)
     add_dependencies(${name} hostsim)
     get_filename_component(folder "${CMAKE_CURRENT_SOURCE_DIR}" NAME)
     gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST PROPERTIES TIMEOUT ${ARG_TIMEOUT} LABELS ${folder})
+endfunction()
+
+# vexprod_add_pytest(NAME FILE.py ... [TIMEOUT seconds])
+# The files' tests as one ctest entry, in a fresh simulated host. They find the build folder in $BUILD, and c_service.c's
+# program in $C_SERVICE.
+function(vexprod_add_pytest name)
+    cmake_parse_arguments(ARG "" "TIMEOUT" "" ${ARGN})
+    if(NOT ARG_TIMEOUT)
+        set(ARG_TIMEOUT 600)
+    endif()
+    get_filename_component(folder "${CMAKE_CURRENT_SOURCE_DIR}" NAME)
+    # Debian's own interpreter: pytest is one of its packages.
+    add_test(NAME ${name} WORKING_DIRECTORY "${CMAKE_CURRENT_SOURCE_DIR}"
+        COMMAND "${PROJECT_SOURCE_DIR}/hostsim/enter" --build "${CMAKE_BINARY_DIR}"
+                /usr/bin/python3 -B -m pytest -q -p no:cacheprovider ${ARG_UNPARSED_ARGUMENTS})
+    set_tests_properties(${name} PROPERTIES
+        ENVIRONMENT "BUILD=${CMAKE_BINARY_DIR};C_SERVICE=${CMAKE_BINARY_DIR}/tests/c_service" TIMEOUT ${ARG_TIMEOUT} LABELS ${folder})
 endfunction()

@@ -1,6 +1,6 @@
 /* kservice: named local services over AF_UNIX sockets, with requests and replies in shared memory.
  *
- * This is the library's one public header, for C11 and C++. A service in ten lines:
+ * This is the library's interface, for C11 and C++; kservice.hpp wraps it for C++17. A service in ten lines:
  *
  *     static int serve(const char* command, ks_io* io, int fd) {
  *         (void)command; (void)fd;

@@ -1,0 +1,44 @@
+import os
+import subprocess
+import sys
+import tempfile
+from pathlib import Path
+
+import pytest
+
+PYTHON_TREE = Path(__file__).parents[2] / "python"
+PROGRAMS = Path(os.environ["BUILD"], "bin")
+sys.path.insert(0, str(PYTHON_TREE))
+
+
+@pytest.fixture
+def name():
+    """A service's name that nobody has."""
+    with tempfile.TemporaryDirectory() as folder:
+        yield f"@{folder}/s"
+
+
+class CService:
+    """The service of c_service.c."""
+
+    def __init__(self, name):
+        command = [os.environ["C_SERVICE"], name]
+        self._process = subprocess.Popen(command, stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
+        assert self._process.stdout.readline() == "ready\n"
+        self.pid = self._process.pid
+
+    def order(self, line):
+        self._process.stdin.write(line + "\n")
+        self._process.stdin.flush()
+        assert self._process.stdout.readline() == "done\n"
+
+    def end(self):
+        self._process.communicate()
+        return self._process.returncode
+
+
+@pytest.fixture
+def c_service(name):
+    service = CService(name)
+    yield service
+    assert service.end() == 0

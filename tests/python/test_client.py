@@ -1,0 +1,238 @@
+"""kservice.call() against services made with the C library, and against the real daemon."""
+
+import contextlib
+import os
+import signal
+import socket
+import subprocess
+import threading
+import time
+
+import kservice
+import pytest
+from conftest import PROGRAMS
+
+
+def open_descriptors():
+    return sorted(os.listdir("/proc/self/fd"))
+
+
+@contextlib.contextmanager
+def raw_service(name, talk, backlog=1):
+    """A socket that `talk` serves, byte by byte: talk(connection) for one caller."""
+    with socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) as listener:
+        listener.bind(name[1:])
+        listener.listen(backlog)
+
+        def serve():
+            connection, _ = listener.accept()
+            with connection:
+                talk(connection)
+
+        thread = threading.Thread(target=serve)
+        thread.start()
+        yield
+        thread.join()
+
+
+def directive(kind):
+    return bytes([kind]).ljust(259, b"\0")
+
+
+def test_reply_has_the_services_bytes(name, c_service):
+    assert kservice.call(name, "echo", b"a\0\xff\n") == b"a\0\xff\n"
+    assert kservice.call(name, "echo", "ü") == "ü".encode()
+    assert kservice.call(name, "echo") == b""
+    large = os.urandom(1 << 20) * 5
+    assert kservice.call(name, "echo", large) == large
+
+
+def test_service_learns_who_calls(name, c_service):
+    assert kservice.call(name, "who") == f"{os.getpid()} {os.getuid()} {os.getgid()}".encode()
+
+
+def test_extra_descriptor_is_handed_over_and_stays_the_callers(name, c_service):
+    reader, writer = os.pipe()
+    assert kservice.call(name, "print", extra_fd=writer) == b""
+    os.close(writer)
+    assert os.read(reader, 100) == b"printed"
+    assert os.read(reader, 100) == b""  # returns when the service has closed its copy
+    os.close(reader)
+
+
+def test_descriptor_that_is_not_open_is_the_callers_error(name, c_service):
+    reader, writer = os.pipe()
+    os.close(writer)
+    with pytest.raises(OSError, match="Bad file descriptor"):
+        kservice.call(name, "print", extra_fd=writer)
+    os.close(reader)
+
+
+def test_service_is_found_by_name():
+    assert kservice.socket_path("abc") == "/var/run/ks/A9993E36.sock"
+    assert kservice.socket_path("name-1") == "/var/run/ks/2D96D86.sock"  # of SHA-1 02d96d86...
+    assert kservice.socket_path("@/tmp/s") == "/tmp/s"
+    assert kservice.socket_path("@" + "x" * 63) == "x" * 63
+
+
+@pytest.mark.parametrize("service", ["", "@", "s" * 65, "a\0b"])
+def test_impossible_service_names_are_refused(service):
+    with pytest.raises(kservice.BadArgument):
+        kservice.call(service, "echo")
+
+
+@pytest.mark.parametrize("command", ["c" * 257, "a\0b"])
+def test_impossible_commands_are_refused(name, c_service, command):
+    with pytest.raises(kservice.BadArgument):
+        kservice.call(name, command)
+
+
+def test_nobody_listens(name):
+    with pytest.raises(kservice.NoService, match="No such file or directory") as caught:
+        kservice.call(name, "echo")
+    assert caught.value.code == 2
+    assert not caught.value.request_taken
+
+
+def test_service_is_paused(name, c_service):
+    c_service.order("pause")
+    with pytest.raises(kservice.Paused):
+        kservice.call(name, "echo")
+    c_service.order("resume")
+    assert kservice.call(name, "echo", "x") == b"x"
+
+
+def test_service_gives_no_reply(name, c_service):
+    with pytest.raises(kservice.NoReply) as caught:
+        kservice.call(name, "silent")
+    assert caught.value.request_taken
+    assert isinstance(caught.value, kservice.Disconnected)
+
+
+@pytest.mark.parametrize("kind, error", [(2, kservice.Busy), (4, kservice.Paused), (5, kservice.Refused)])
+def test_service_turns_the_caller_away(name, kind, error):
+    with raw_service(name, lambda connection: connection.send(directive(kind))):
+        with pytest.raises(error) as caught:
+            kservice.call(name, "echo")
+        assert not caught.value.request_taken
+
+
+@pytest.mark.parametrize("said", [b"", directive(7)[:258], b"\x09"])
+def test_connection_ends_before_the_request(name, said):
+    with raw_service(name, lambda connection: connection.send(said)):
+        with pytest.raises(kservice.Disconnected) as caught:
+            kservice.call(name, "echo")
+        assert not caught.value.request_taken
+        assert not isinstance(caught.value, kservice.NoReply)
+
+
+def test_time_out_before_and_after_the_request(name, c_service):
+    taken, timeout = False, 0.05
+    while not taken:  # a slow machine may need more until the service has it
+        with pytest.raises(kservice.Timeout) as caught:
+            kservice.call(name, "hold", timeout=timeout)
+        taken, timeout = caught.value.request_taken, timeout * 2
+    assert kservice.call(name, "echo", "x", timeout=None) == b"x"
+    assert kservice.call(name, "echo", "x", timeout=1e12) == b"x"
+    silent = threading.Event()
+    with raw_service(name + "2", lambda connection: silent.wait()):
+        with pytest.raises(kservice.Timeout) as caught:
+            kservice.call(name + "2", "echo", timeout=0.05)
+        silent.set()
+    assert not caught.value.request_taken
+
+
+def fill_backlog(listener):
+    """Connections until no more are taken."""
+    taken = []
+    while True:
+        connection = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
+        connection.setblocking(False)
+        try:
+            connection.connect(listener.getsockname())
+        except BlockingIOError:
+            connection.close()
+            return taken
+        taken.append(connection)
+
+
+def test_time_out_while_connecting(name):
+    with socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) as listener:
+        listener.bind(name[1:])
+        listener.listen(0)
+        taken = fill_backlog(listener)
+        with pytest.raises(kservice.Timeout):
+            kservice.call(name, "echo", timeout=0.05)
+        for connection in taken:
+            connection.close()
+
+
+def test_signal_while_connecting_does_not_end_the_wait(name):
+    with socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) as listener:
+        listener.bind(name[1:])
+        listener.listen(0)
+        taken = fill_backlog(listener)
+        seen = []
+        before = signal.signal(signal.SIGALRM, lambda *_: seen.append(1))
+        signal.setitimer(signal.ITIMER_REAL, 0.05)
+        with pytest.raises(kservice.Timeout):
+            kservice.call(name, "echo", timeout=0.5)
+        signal.signal(signal.SIGALRM, before)
+        assert seen == [1]
+        for connection in taken:
+            connection.close()
+
+
+def test_nothing_stays_open(name, c_service):
+    before = open_descriptors()
+    kservice.call(name, "echo", b"x")
+    for service, command in [(name, "silent"), (name + "2", "echo"), ("", "echo")]:
+        with pytest.raises(kservice.CallError):
+            kservice.call(service, command)
+    assert open_descriptors() == before
+
+
+def test_threads_call_side_by_side(name, c_service):
+    wrong = []
+
+    def caller(number):
+        for i in range(50):
+            text = f"{number} {i}".encode()
+            if kservice.call(name, "echo", text) != text:
+                wrong.append(text)
+
+    threads = [threading.Thread(target=caller, args=(i,)) for i in range(8)]
+    for thread in threads:
+        thread.start()
+    for thread in threads:
+        thread.join()
+    assert wrong == []
+
+
+@pytest.fixture
+def daemon():
+    process = subprocess.Popen([PROGRAMS / "vexprod"], stdin=subprocess.DEVNULL)
+    subprocess.run([PROGRAMS / "ksctl", "wait", "VexHubServer-vexprod"], check=True)
+    yield process
+    process.terminate()
+    assert process.wait() == 0
+
+
+def test_real_daemon_answers(daemon):
+    assert kservice.call("VexHubServer-vexprod", "get_vpd_channel") == b'{"result":0,"vpd_channel":"16"}\n'
+    with pytest.raises(kservice.NoReply):
+        kservice.call("VexHubServer-vexprod", "no_such_command")
+
+
+def test_module_is_a_program(name, c_service):
+    command = ["/usr/bin/python3", "-B", "-m", "kservice"]
+    environment = {**os.environ, "PYTHONPATH": os.path.dirname(os.path.dirname(kservice.__file__))}
+
+    def run(*arguments):
+        return subprocess.run([*command, *arguments], env=environment, capture_output=True, text=True)
+
+    assert run(name, "echo", "text").stdout == "text"
+    silent = run(name, "silent")
+    assert (silent.returncode, silent.stdout) == (15, "")
+    assert silent.stderr == f"{name}: the connection ended without a reply\n"
+    assert run(name).returncode == 2

@@ -1,0 +1,206 @@
+"""kservice.Service, called by ksctl, which is made with the C library, and by the package's own client."""
+
+import contextlib
+import os
+import resource
+import socket
+import stat
+import subprocess
+import threading
+
+import kservice
+import pytest
+from conftest import PROGRAMS
+
+TIMEOUT = 60
+
+
+def ksctl(*arguments):
+    return subprocess.run([PROGRAMS / "ksctl", *arguments], capture_output=True, timeout=TIMEOUT)
+
+
+def echo(request):
+    return request.command.encode() + b":" + request.body
+
+
+def connect(name):
+    connection = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
+    connection.connect(name[1:])  # without a time-out: one of Python's would not wait for room
+    connection.settimeout(TIMEOUT)
+    return connection
+
+
+def test_program_of_the_c_library_gets_its_reply(name):
+    with kservice.Service(name, echo):
+        assert ksctl("call", name, "echo", "text").stdout == b"echo:text"
+        assert ksctl("call", name, "c" * 256).stdout == b"c" * 256 + b":"
+
+
+def test_service_is_found_by_name():
+    with kservice.Service("name-1", echo) as service:
+        assert service.path == "/var/run/ks/2D96D86.sock"
+        assert ksctl("call", "name-1", "echo", "text").stdout == b"echo:text"
+
+
+def test_replies(name):
+    replies = {"text": "ü", "bytes": b"\0\xff", "empty": b"", "large": os.urandom(1 << 22)}
+    with kservice.Service(name, lambda request: replies[request.command]):
+        assert kservice.call(name, "text") == "ü".encode()
+        for command in ("bytes", "empty", "large"):
+            assert kservice.call(name, command, "request") == replies[command]
+
+
+def test_handler_without_a_reply(name, caplog):
+    def serve(request):
+        if request.command == "raise":
+            raise ValueError("as asked")
+        if request.command == "exit":
+            raise SystemExit
+        return None if request.command == "none" else "reply"
+
+    with kservice.Service(name, serve, workers=1):
+        for command in ("none", "raise", "exit"):
+            assert ksctl("call", name, command).returncode == 18
+            assert kservice.call(name, "other") == b"reply"
+    assert "as asked" in caplog.text
+
+
+def test_request_knows_its_caller(name):
+    def serve(request):
+        return f"{request.pid} {request.uid} {request.gid} {request.alive()} {request.extra_fd}"
+
+    with kservice.Service(name, serve):
+        assert kservice.call(name, "who").decode() == f"{os.getpid()} {os.getuid()} {os.getgid()} True None"
+
+
+def test_handler_sees_that_the_caller_has_gone(name):
+    gone = threading.Event()
+
+    def serve(request):
+        while request.alive():
+            pass
+        gone.set()
+
+    with kservice.Service(name, serve):
+        while not gone.wait(0.05):  # a slow machine may need more than one try until the service has the request
+            with pytest.raises(kservice.Timeout):
+                kservice.call(name, "wait", timeout=0.2)
+
+
+def test_extra_descriptor(name, tmp_path):
+    def serve(request):
+        os.write(request.extra_fd, b"printed")
+        return ""
+
+    with kservice.Service(name, serve):
+        assert ksctl("call", name, "print", "--output", str(tmp_path / "output")).returncode == 0
+        reader, writer = os.pipe()
+        kservice.call(name, "print", extra_fd=writer)
+        os.close(writer)
+        assert os.read(reader, 100) == b"printed"
+        assert os.read(reader, 100) == b""
+        os.close(reader)
+    assert (tmp_path / "output").read_text() == "printed"
+
+
+def test_anybody_may_call(name):
+    with kservice.Service(name, echo) as service:
+        assert stat.S_IMODE(os.stat(service.path).st_mode) == 0o777
+
+
+def test_pause_and_resume(name):
+    with kservice.Service(name, echo) as service:
+        service.pause()
+        assert ksctl("call", name, "echo").returncode == 13
+        service.resume()
+        assert ksctl("call", name, "echo").returncode == 0
+
+
+def test_the_thousand_and_first_waiting_caller_is_turned_away(name):
+    limits = resource.getrlimit(resource.RLIMIT_NOFILE)
+    resource.setrlimit(resource.RLIMIT_NOFILE, (limits[1], limits[1]))
+    busy, released = threading.Event(), threading.Event()
+
+    def serve(request):
+        busy.set()
+        released.wait(TIMEOUT)
+        return ""
+
+    with kservice.Service(name, serve, workers=1), contextlib.ExitStack() as callers:
+        first = threading.Thread(target=kservice.call, args=(name, "first"))
+        first.start()
+        assert busy.wait(TIMEOUT)
+        waiting = [callers.enter_context(connect(name)) for _ in range(1000)]
+        with pytest.raises(kservice.Busy):
+            kservice.call(name, "one too many")
+        for connection in waiting:  # they leave their places to others
+            connection.close()
+        still_busy = True
+        while still_busy:
+            with pytest.raises(kservice.CallError) as caught:
+                kservice.call(name, "waits", timeout=0.05)
+            still_busy = isinstance(caught.value, kservice.Busy)
+        released.set()
+        first.join()
+        assert kservice.call(name, "free again") == b""
+    resource.setrlimit(resource.RLIMIT_NOFILE, limits)
+
+
+def test_workers_serve_side_by_side(name):
+    together = threading.Barrier(3)
+
+    def serve(request):
+        together.wait(TIMEOUT)
+        return "met"
+
+    with kservice.Service(name, serve, workers=3):
+        replies = []
+        callers = [threading.Thread(target=lambda: replies.append(kservice.call(name, "meet"))) for _ in range(3)]
+        for caller in callers:
+            caller.start()
+        for caller in callers:
+            caller.join()
+    assert replies == [b"met"] * 3
+
+
+def test_stop_withdraws_the_service_and_does_not_wait_for_silent_callers(name):
+    before = sorted(os.listdir("/proc/self/fd"))
+    service = kservice.Service(name, echo, workers=1)
+    service.start()
+    with pytest.raises(RuntimeError):
+        service.start()
+    invited = connect(name)
+    assert invited.recv(259)[0] == 7
+    waiting = connect(name)
+    service.stop()
+    service.stop()
+    assert invited.recv(259) == b""
+    with contextlib.suppress(ConnectionResetError):  # if it was not yet accepted
+        assert waiting.recv(259) == b""
+    invited.close()
+    waiting.close()
+    assert not os.path.exists(service.path)
+    assert sorted(os.listdir("/proc/self/fd")) == before
+    service.start()
+    assert kservice.call(name, "again") == b"again:"
+    service.stop()
+
+
+def test_socket_that_was_left_behind_is_replaced_and_another_file_is_not(name):
+    with socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) as left_behind:
+        left_behind.bind(name[1:])
+    with kservice.Service(name, echo):
+        assert kservice.call(name, "x") == b"x:"
+    with open(name[1:], "w"):
+        pass
+    with pytest.raises(FileExistsError):
+        kservice.Service(name, echo).start()
+
+
+def test_impossible_services_are_refused(name):
+    with pytest.raises(kservice.BadArgument):
+        kservice.Service("n" * 65, echo)
+    with pytest.raises(ValueError):
+        kservice.Service(name, echo, workers=0)
+    with pytest.raises(OSError):
+        kservice.Service("@/nowhere/at/all", echo).start()
