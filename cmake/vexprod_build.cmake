@@ -7,7 +7,6 @@ include(GoogleTest)
 option(VEXPROD_WERROR "Treat warnings as errors" ON)
 option(VEXPROD_BENCH "Build the benchmarks" ON)
 option(VEXPROD_COVERAGE "Instrument for gcov" OFF)
-set(VEXPROD_DEBUG_SOURCES "${PROJECT_SOURCE_DIR}" CACHE PATH "Where debuggers shall look for the sources")
 set(VEXPROD_TEST_TIMEOUT 120 CACHE STRING "Seconds that a test may take that does not ask for more")
 set(VEXPROD_SANITIZE "" CACHE STRING "Sanitizers, as for -fsanitize= (address,undefined or thread)")
 
@@ -23,13 +22,13 @@ set(CMAKE_ARCHIVE_OUTPUT_DIRECTORY "${CMAKE_BINARY_DIR}/lib")
 
 find_program(VEXPROD_CCACHE ccache)
 if(VEXPROD_CCACHE)
-    # Relative paths below the project, but not in messages: what one clone has compiled serves another, if both name
-    # the same VEXPROD_DEBUG_SOURCES.
+    # Relative paths below the project, but not in messages: what one clone has compiled serves another.
     set(CMAKE_C_COMPILER_LAUNCHER env "CCACHE_BASEDIR=${PROJECT_SOURCE_DIR}" CCACHE_ABSSTDERR=1 "${VEXPROD_CCACHE}")
     set(CMAKE_CXX_COMPILER_LAUNCHER ${CMAKE_C_COMPILER_LAUNCHER})
 endif()
 
-add_compile_options("-fdebug-prefix-map=${PROJECT_SOURCE_DIR}=${VEXPROD_DEBUG_SOURCES}")
+# Debuggers find the sources when they are started in the project's folder, whichever clone that is.
+add_compile_options("-fdebug-prefix-map=${PROJECT_SOURCE_DIR}=.")
 add_compile_options(-Wall -Wextra -Wpedantic -Wshadow -Wconversion -fno-omit-frame-pointer)
 if(VEXPROD_WERROR)
     add_compile_options(-Werror)

@@ -8,9 +8,11 @@
 #include "launcher.h"
 
 #include <array>
+#include <cstdint>
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
+#include <sched.h>
 #include <set>
 #include <sstream>
 #include <string>
@@ -132,33 +134,57 @@ void mount_machine_root(const host_view& view, const std::vector<std::string>& f
     }
 }
 
-// The same for an ordinary user. A user namespace may not look below the mounts it was given, so "/" with its mounts
-// cannot be overlaid as a whole; each of its folders is, and those that hold mounts are shown read-only.
-void mount_machine_folders(const host_view& view) {
+// Shows a file of the machine in a folder that could not be overlaid: as a copy, or, when it is large, as it is.
+void show_file(const fs::path& path) {
+    constexpr std::uintmax_t kCopiedBytes = 1 << 20;
+    std::error_code unreadable;
+    if (fs::is_regular_file(path) && fs::file_size(path) <= kCopiedBytes &&
+        fs::copy_file(path, kRoot + path.string(), unreadable)) {
+        return;
+    }
+    bind_held(hold(path));
+    set_read_only(kRoot + path.string());
+}
+
+// The same as mount_machine_root() for an ordinary user. A user namespace may not look below the mounts it was given,
+// so
+// "/" with its mounts cannot be overlaid as a whole, nor can another folder that holds mounts: what is in them is shown
+// one by one.
+void show_folder(const fs::path& folder, const host_view& view, int* number) {
     static const std::set<std::string> kMadeLater = {"/proc", "/sys", "/dev", "/run", "/tmp"};
-    do_mount("hostsim", kRoot, "tmpfs", MS_NOSUID | MS_NODEV, "mode=0755"); // pivot_root wants a mount
-    int number = 0;
-    for (const auto& entry : fs::directory_iterator("/")) {
+    for (const auto& entry : fs::directory_iterator(folder)) {
         const std::string path = entry.path().string();
         if (entry.is_symlink()) {
-            fs::copy_symlink(entry.path(), kRoot + path);
-            continue;
-        }
-        if (!entry.is_directory()) {
-            continue;
-        }
-        make_directory(kRoot + path, 0755);
-        if (kMadeLater.count(path) == 0 && !overlay(path, view, ++number)) {
-            bind_held(hold(path));
-            set_read_only(kRoot + path);
+            fs::copy_symlink(path, kRoot + path);
+        } else if (!entry.is_directory()) {
+            if (folder != "/") {
+                show_file(entry.path());
+            }
+        } else {
+            make_directory(kRoot + path, 0755);
+            if (kMadeLater.count(path) == 0 && !overlay(path, view, ++*number)) {
+                if (access(path.c_str(), R_OK | X_OK) == 0) {
+                    show_folder(path, view, number);
+                } else {
+                    bind_held(hold(path));
+                    set_read_only(kRoot + path);
+                }
+            }
         }
     }
-    for (const auto& entry : fs::directory_iterator(kLayer)) { // what only the host has
-        const fs::path target = kRoot + "/" + entry.path().filename().string();
-        if (!fs::exists(target)) {
-            fs::copy(entry.path(), target, fs::copy_options::recursive);
+    for (const auto& entry :
+         fs::directory_iterator(fs::path(kLayer) / folder.relative_path())) { // what the host lays over it
+        const fs::path target = fs::path(kRoot) / entry.path().lexically_relative(kLayer);
+        if (!entry.is_directory() || !fs::exists(target)) {
+            fs::copy(entry.path(), target, fs::copy_options::recursive | fs::copy_options::overwrite_existing);
         }
     }
+}
+
+void mount_machine_folders(const host_view& view) {
+    do_mount("hostsim", kRoot, "tmpfs", MS_NOSUID | MS_NODEV, "mode=0755"); // pivot_root wants a mount
+    int number = 0;
+    show_folder("/", view, &number);
 }
 
 // A private /dev: the machine's harmless devices, and an ordinary file for the kernel log so that crash reports can be
@@ -184,10 +210,37 @@ void fill_layer(const host_view& view) {
     for (const char* folder : {"/var/lib/hostsim/calls", "/var/lib/hostsim/knobs"}) {
         make_directory(kLayer + folder, 01777);
     }
+    // Where root is an ordinary user outside, the machine's files belong to nobody whom it knows, and cannot be
+    // changed. These are the host's own: the folders that it writes to, and a program that a test takes away.
+    make_directory(kLayer + "/var/log", 0755);
+    make_directory(kLayer + "/var/tmp", 01777);
+    if (fs::exists("/usr/bin/getfattr")) {
+        make_directory(kLayer + "/usr/bin", 0755);
+        fs::copy_file("/usr/bin/getfattr", kLayer + "/usr/bin/getfattr");
+    }
     make_file(kLayer + "/.hostsim", 0444); // how a nested hostsim/enter knows where it is
     copy_tree(view.project + "/hostsim/root", kLayer);
     copy_tree(view.build + "/hostsim-root", kLayer);
     install_tools(view.build + "/bin/hosttool", view.build + "/hostsim-tools.list", kLayer);
+}
+
+// Takes this mount namespace's mounts out of the machine's reach. In a plain chroot "/" is a folder of some mount,
+// which can be neither made private nor pivoted from: it is made a mount first, from outside of the chroot, because the
+// mount that it lies on may be one that the machine's own namespace shares.
+void make_mounts_private() {
+    if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0) {
+        return;
+    }
+    check(errno == EINVAL, "make the mounts private");
+    const unique_fd root(open("/", O_PATH | O_DIRECTORY | O_CLOEXEC));
+    const unique_fd mounts(open("/proc/self/ns/mnt", O_RDONLY | O_CLOEXEC));
+    check(root.ok() && mounts.ok() && setns(mounts.get(), CLONE_NEWNS) == 0, "leave the chroot (is /proc mounted?)");
+    check(mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0, "make the mounts private");
+    const unique_fd tree(open_tree(root.get(), "", OPEN_TREE_CLONE | OPEN_TREE_CLOEXEC | AT_RECURSIVE | AT_EMPTY_PATH));
+    check(tree.ok() &&
+              move_mount(tree.get(), "", root.get(), "", MOVE_MOUNT_F_EMPTY_PATH | MOVE_MOUNT_T_EMPTY_PATH) == 0,
+          "make / a mount point");
+    check(fchdir(tree.get()) == 0 && chroot(".") == 0, "return to the chroot");
 }
 
 void switch_root() {
@@ -201,7 +254,7 @@ void switch_root() {
 } // namespace
 
 void become_host(const host_view& view) {
-    check(mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0, "make the mounts private");
+    make_mounts_private();
     std::vector<held_path> trees;
     trees.push_back(hold(view.project));
     if (!is_within(view.build, view.project)) {

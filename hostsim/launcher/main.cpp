@@ -14,10 +14,13 @@
 #include <exception>
 #include <fcntl.h>
 #include <filesystem>
+#include <net/if.h>
 #include <poll.h>
 #include <sched.h>
 #include <string>
+#include <sys/ioctl.h>
 #include <sys/prctl.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -88,6 +91,16 @@ void map_root(uid_t uid, gid_t gid) {
     write_file("/proc/self/gid_map", "0 " + std::to_string(gid) + " 1");
 }
 
+// A fresh network namespace has nothing but a loopback interface, and that one is down.
+void raise_loopback() {
+    const unique_fd any_socket(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    struct ifreq loopback {};
+    loopback.ifr_name[0] = 'l';
+    loopback.ifr_name[1] = 'o';
+    loopback.ifr_flags = IFF_UP | IFF_RUNNING;
+    check(any_socket.ok() && ioctl(any_socket.get(), SIOCSIFFLAGS, &loopback) == 0, "raise the loopback interface");
+}
+
 [[noreturn]] void run_command(char** command, const signal_state& before) {
     sigaction(SIGCHLD, &before.on_child, nullptr);
     sigprocmask(SIG_SETMASK, &before.mask, nullptr);
@@ -107,6 +120,7 @@ int inner(const host_view& view, char** command, const signal_state& before, int
     }
     const mode_t mask = umask(022);
     become_host(view);
+    raise_loopback();
     umask(mask);
     if (chdir(view.cwd.c_str()) != 0) {
         (void)fprintf(stderr, "hostsim/enter: %s does not exist inside, starting in /\n", view.cwd.c_str());
@@ -122,7 +136,7 @@ int inner(const host_view& view, char** command, const signal_state& before, int
 
 // A fork into new namespaces. Root needs no user namespace; anyone else, and a root without the right to mount, does.
 pid_t fork_into_namespaces(bool* ret_user_namespace) {
-    constexpr long kNamespaces = CLONE_NEWNS | CLONE_NEWPID | CLONE_NEWIPC | SIGCHLD;
+    constexpr long kNamespaces = CLONE_NEWNS | CLONE_NEWPID | CLONE_NEWIPC | CLONE_NEWNET | SIGCHLD;
     *ret_user_namespace = false;
     long child = syscall(SYS_clone, kNamespaces, nullptr, nullptr, nullptr, nullptr);
     if (child < 0 && errno == EPERM) {
@@ -169,7 +183,7 @@ int main(int argc, char** argv) {
     } catch (const std::exception& failure) {
         (void)fprintf(stderr,
                       "hostsim/enter: cannot make the simulated host: %s\n"
-                      "hostsim/enter: it needs root, or a system that lets users make user, mount and pid namespaces\n",
+                      "hostsim/enter: hostsim/probe tells what is missing, and the remedy\n",
                       failure.what());
         return kCannotEnter;
     }

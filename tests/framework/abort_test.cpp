@@ -3,6 +3,7 @@
 #include "framework_support.h"
 #include "internal.h"
 #include "kservice.h"
+#include "real_root.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -389,6 +390,7 @@ TEST_F(AbortDeathTest, ListeningSocketCannotBeMade) {
 }
 
 TEST_F(AbortDeathTest, SocketCannotBeBound) {
+    SKIP_WITHOUT_REAL_ROOT("Starts a service as another user");
     const char* line = "[ABORT] @ks_producer_worker_init() producer-worker bind listen socket fail: "
                        "`bind(producer_worker->sockfd[1], (struct sockaddr *) &sockaddr, sizeof(struct sockaddr_un)) "
                        "== 0'\n";
@@ -494,6 +496,7 @@ TEST_F(AbortDeathTest, EndOfTheLinkCannotBeSetUp) {
 }
 
 TEST_F(AbortDeathTest, ThreadOrProcessCannotBeMade) {
+    SKIP_WITHOUT_REAL_ROOT("Starts services as another user");
     ASSERT_EQ(chmod(dir_.path().c_str(), 0777), 0);
     for (const unsigned mode : {4U, 5U}) {
         EXPECT_ABORT(

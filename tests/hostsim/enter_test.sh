@@ -1,5 +1,6 @@
 #!/bin/bash
-# Tests hostsim/enter from outside: enter_test.sh ENTER BUILD
+# Tests hostsim/enter and hostsim/probe from outside: enter_test.sh ENTER BUILD
+# Exit status 77: all that could be checked here passed; what could not is named.
 set -uo pipefail
 
 enter=("$1" --build "$2")
@@ -15,6 +16,11 @@ check() { # check WHAT ACTUAL EXPECTED
         echo "FAIL $1: got '$2', expected '$3'"
         failed=1
     fi
+}
+skipped=0
+skip() { # skip REASON
+    echo "skip: $1"
+    skipped=1
 }
 status_of() { # runs the rest, prints only its status
     "$@" >/dev/null 2>&1
@@ -34,12 +40,17 @@ check "exit status" "$(status_of "${enter[@]}" sh -c 'exit 7')" 7
 check "death by a signal" "$(status_of "${enter[@]}" sh -c 'kill -KILL $$')" 137
 check "unknown command" "$(status_of "${enter[@]}" /nonexistent)" 127
 check "not executable" "$(status_of "${enter[@]}" /etc/passwd)" 126
-check "no command" "$(status_of "${enter[@]}")" 125
+check "no command" "$(status_of "${enter[@]}")" 2
+check "unknown option" "$(status_of "${enter[@]}" --nope true)" 2
+check "no such build folder" "$(status_of "$1" --build /nope true)" 2
 check "standard streams" "$(echo text | "${enter[@]}" sh -c 'cat; echo error >&2' 2>&1)" "text
 error"
 check "arguments" "$("${enter[@]}" printf '[%s]' 'two words' '' "*" -x)" "[two words][][*][-x]"
 check "current folder" "$(cd /usr/lib && "${enter[@]}" pwd)" /usr/lib
 check "environment" "$(ODD='a b' "${enter[@]}" sh -c 'echo "$ODD $HOSTSIM"')" "a b 1"
+if [ -e /etc/debian_version ]; then
+    check "prompt" "$(HOME=/ "${enter[@]}" bash -ic 'echo "${PS1@P}"' 2>/dev/null | grep -o '^(hostsim)')" "(hostsim)"
+fi
 check "nested use" "$("${enter[@]}" "${enter[@]}" sh -c 'echo $$; exit 3' && echo no || echo $?)" "2
 3"
 
@@ -58,6 +69,12 @@ check "and the machine is not" "$(ls -d /{etc,tmp,run,usr/lib,dev/shm}/$probe /e
 check "no mount is left" "$(grep -c '^hostsim ' /proc/self/mounts)" 0
 queue=$("${enter[@]}" sh -c 'ipcmk -Q >/dev/null; ipcs -q' | grep -o '^0x[0-9a-f]*')
 check "queues are the host's own" "${#queue} $(ipcs -q | grep -c "$queue")" "10 0"
+check "a network of its own: loopback, which works" "$("${enter[@]}" sh -c '
+    sed -n "3,\$s/:.*//p" /proc/net/dev | tr -d " "
+    python3 -c "import socket
+server = socket.create_server((\"127.0.0.1\", 58080))
+socket.create_connection(server.getsockname())" && echo connected')" "lo
+connected"
 # The project's own mount may lie in /tmp, and the folders that lead to it.
 check "the next host is fresh" "$("${enter[@]}" sh -c 'find /tmp -xdev ! -type d; ipcs -q | grep -c 0x')" 0
 check "only its own processes" "$("${enter[@]}" sh -c 'set -- /proc/[0-9]*; echo $#')" 2
@@ -95,8 +112,56 @@ kill -KILL $!
 wait $! 2>/dev/null
 check "SIGKILL takes everything along" "$(eventually is_gone && echo gone)" gone
 
+# --- In a plain chroot: "/" is no mount point -------------------------------------------------------------------------
+# Its mount is one that others share, as under systemd: what the host mounts must stay in the host.
+in_chroot() {
+    unshare --mount --propagation private bash -c '
+        mount -t tmpfs none /run && mount --make-rshared / && mkdir /run/root && cd /run/root || exit
+        for folder in /*; do
+            if [ -L "$folder" ]; then ln -s "$(readlink "$folder")" ".$folder"
+            elif [ -d "$folder" ]; then mkdir ".$folder" && mount --rbind "$folder" ".$folder"; fi
+        done
+        chroot . "$@" 2>&1; echo "$?, $(grep -c " hostsim " /proc/self/mountinfo) mounts left"' sh "$@"
+}
+if [ "$(id -u)" != 0 ]; then
+    skip "entering from a chroot: only root can make one"
+else
+    check "a chroot is entered from" "$(in_chroot "${enter[@]}" sh -c '/sbin/cfgread CP_APP tvLounge -f /etc/kos.ui.cp.conf
+        echo a >/etc/hostsim_probe && cat /etc/hostsim_probe; exit 4')" "1
+a
+4, 0 mounts left"
+fi
+
+# --- The probe --------------------------------------------------------------------------------------------------------
+probe=${enter[0]%enter}probe
+none_here='hostsim/probe: no simulated host can be made here'
+check "the probe finds all that is needed" "$("$probe" 2>&1; echo $?)" 0
+check "and leaves nothing behind" "$(grep -c '^hostsim ' /proc/self/mounts)" 0
+check "it knows no option" "$(status_of "$probe" --nope)" 2
+if [ "$(id -u)" = 0 ]; then
+    check "it agrees with a chroot" "$(in_chroot "$probe")" "0, 0 mounts left"
+    check "users cannot enter from there" "$(in_chroot setpriv --reuid=65534 --clear-groups sh <"$probe")" \
+        "$none_here: \"/\" is no mount point (a plain chroot), and users make no namespaces there; run it as root
+1, 0 mounts left"
+    # Nobody in a chroot makes user namespaces: like a container that allows none.
+    check "root without the right" "$(in_chroot setpriv --bounding-set -sys_admin "$probe")" "$none_here: root may make \
+no namespaces (a container without CAP_SYS_ADMIN, or a filter); start it with docker or podman run --privileged, or as \
+hostsim/README.md says
+1, 0 mounts left"
+    check "root without a network" "$(setpriv --bounding-set -net_admin "$probe" 2>&1; echo $?)" "$none_here: root may \
+not raise the loopback interface (no CAP_NET_ADMIN); start it with docker or podman run --privileged, or as \
+hostsim/README.md says
+1"
+    limit=/proc/sys/user/max_mnt_namespaces
+    check "namespaces switched off" "$(unshare --user --map-root-user sh -c "echo 0 >$limit; '$probe' 2>&1; echo \$?")" \
+        "$none_here: namespaces are switched off: $limit is 0; as root: echo 10000 >$limit
+1"
+fi
+
 # --- Without root -----------------------------------------------------------------------------------------------------
-if [ "$(id -u)" = 0 ] && command -v setpriv >/dev/null; then
+if [ "$(id -u)" != 0 ]; then
+    skip "entering as another user: only root can become one"
+else
     user=(setpriv --reuid=65534 --regid=65534 --clear-groups)
     if "${user[@]}" unshare --user --map-root-user --mount --pid --fork true 2>/dev/null; then
         # The project may stand in a folder that is closed to others, such as root's home: the user gets it elsewhere.
@@ -115,8 +180,10 @@ if [ "$(id -u)" = 0 ] && command -v setpriv >/dev/null; then
 a
 1
 4"
+        check "and writes where the host does" \
+            "$(as_user sh -c 'echo a >/var/log/probe && mkdir /var/tmp/probe && rm /usr/bin/getfattr && echo "it does"')" "it does"
     else
-        echo "skip: this system gives ordinary users no namespaces"
+        skip "this system gives ordinary users no namespaces"
     fi
     # Without the right to make namespaces: the largest numbers of them set to 0 for a child user namespace.
     refused=$(unshare --user --map-root-user sh -c 'echo 0 >/proc/sys/user/max_mnt_namespaces
@@ -124,4 +191,5 @@ a
     check "a refusal is plain" "$(tail -n 1 <<<"$refused") $(grep -c '^hostsim/enter: ' <<<"$refused")" "125 2"
 fi
 
-exit $failed
+[ $failed = 0 ] || exit 1
+[ $skipped = 0 ] || exit 77

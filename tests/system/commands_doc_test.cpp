@@ -177,6 +177,8 @@ class CommandsDocumentTest : public testing::Test {
 protected:
     void SetUp() override {
         commands_ = read_command_document(read_file(COMMANDS_DOCUMENT));
+        all_commands_ = commands_;
+        left_out_ = leave_out_unpreparable(commands_);
         ASSERT_TRUE(daemon_.serves());
     }
     answer run_example(const documented_command& command) {
@@ -193,13 +195,15 @@ protected:
     }
 
     daemon_process daemon_;
-    std::vector<documented_command> commands_;
+    std::vector<documented_command> all_commands_;
+    std::vector<documented_command> commands_; // those whose examples can be prepared
+    std::string left_out_;
 };
 
 TEST_F(CommandsDocumentTest, NamesAndTheirOrderAreTheTables) {
     const auto documented = [this](const char* service) {
         std::vector<std::string> names;
-        for (const documented_command& each : commands_) {
+        for (const documented_command& each : all_commands_) {
             if (each.service == service) {
                 names.push_back(each.name);
             }
@@ -215,7 +219,14 @@ TEST_F(CommandsDocumentTest, NamesAndTheirOrderAreTheTables) {
     };
     EXPECT_THAT(documented("VexHubServer-vexprod"), ElementsAreArray(served(main_commands())));
     EXPECT_THAT(documented("VexHubServer_send_mail-vexprod"), ElementsAreArray(served(mail_commands())));
-    EXPECT_EQ(commands_.size(), main_commands().size() + mail_commands().size());
+    EXPECT_EQ(all_commands_.size(), main_commands().size() + mail_commands().size());
+}
+
+TEST_F(CommandsDocumentTest, EveryExampleCanBePreparedHere) {
+    if (!left_out_.empty()) {
+        GTEST_SKIP() << left_out_;
+    }
+    EXPECT_EQ(commands_.size(), all_commands_.size());
 }
 
 TEST_F(CommandsDocumentTest, EveryEntryHasASummaryOnOneLineAndAnExample) {

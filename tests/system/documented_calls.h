@@ -28,6 +28,9 @@ Json::Value parsed(const std::string& text);
 /// On one line.
 std::string written(const Json::Value& value);
 
+/// Takes the commands out whose examples this process may not prepare. @return Their names, and why; or "".
+std::string leave_out_unpreparable(std::vector<documented_command>& commands);
+
 /// Makes the host what the entry's "Given" lines ask for.
 void provide_all(const documented_command& command);
 

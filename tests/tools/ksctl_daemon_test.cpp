@@ -63,7 +63,9 @@ protected:
 // ---- describe
 
 TEST_F(KsctlDaemonTest, DescribedExamplesCanBePasted) {
-    for (const documented_command& command : read_command_document(read_file(COMMANDS_DOCUMENT))) {
+    std::vector<documented_command> commands = read_command_document(read_file(COMMANDS_DOCUMENT));
+    (void)leave_out_unpreparable(commands); // commands_doc_test tells which
+    for (const documented_command& command : commands) {
         SCOPED_TRACE(command.name);
         provide_all(command);
         const finished description = ksctl({"describe", command.name, "--service", command.section});

@@ -1,0 +1,31 @@
+#!/bin/bash
+# Every script knows --help and refuses what it does not know: options_test.sh PROJECT
+set -uo pipefail
+cd "$1" || exit
+failed=0
+
+check() { # check WHAT ACTUAL EXPECTED
+    if [ "$2" = "$3" ]; then
+        echo "ok   $1"
+    else
+        echo "FAIL $1: got '$2', expected '$3'"
+        failed=1
+    fi
+}
+status_of() { # runs the rest, which ends at once, prints only its status
+    timeout 20 "$@" >/dev/null 2>&1 </dev/null
+    echo $?
+}
+
+for script in scripts/* hostsim/enter hostsim/probe hostsim/smtp_sink; do
+    check "$script --help" "$(status_of "$script" --help)" 0
+    check "$script --help names it" "$(timeout 20 "$script" --help | grep -qF "$script" && echo named)" named
+    check "$script --nope" "$(status_of "$script" --nope)" 2
+done
+check "what is refused is named" "$(timeout 20 scripts/demo --shell --nope 2>&1 | grep -o -e '--nope')" --nope
+check "an unknown preset" "$(status_of scripts/test nope)" 2
+check "an option without its value" "$(status_of scripts/test asan -R)" 2
+check "help after other words" "$(status_of scripts/test -R asan --help)" 0
+check "sources that nobody compiles" "$(status_of scripts/check-tidy README.md)" 2
+
+exit $failed
