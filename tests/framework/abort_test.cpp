@@ -146,12 +146,6 @@ TEST_F(AbortDeathTest, MemoryFileCannotBeMade) {
             (void)ks_io_fileno(ks_io_create());
         },
         line);
-    EXPECT_ABORT(
-        {
-            fail_system_call(SYS_fcntl, EPERM, F_SETFL);
-            (void)ks_io_fileno(ks_io_create());
-        },
-        line);
 }
 
 TEST_F(AbortDeathTest, MemoryFileCannotBeResized) {
