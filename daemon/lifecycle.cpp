@@ -285,7 +285,7 @@ int run_daemon(int argc, char** argv) {
         return kExitRefused;
     }
     char log_directory[256];
-    (void)std::snprintf(log_directory, sizeof(log_directory), "%s/.log", install_path.c_str());
+    (void)std::snprintf(log_directory, sizeof(log_directory), "%s/%s", install_path.c_str(), kLogFolder);
     log_set_dir(log_directory);
     dbg_printf2("[%s][%d] lyn-ks-vexprod start, Server:%s.", kMain, __LINE__, kMainService);
 

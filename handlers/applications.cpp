@@ -5,6 +5,7 @@
 #include "environment.h"
 #include "handler_call.h"
 #include "handlers.h"
+#include "host_config.h"
 #include "host_paths.h"
 #include "json_helpers.h"
 #include "log.h"

@@ -1,12 +1,9 @@
-// The host's fixed paths and names, each once. The few that util/ needs as well stand in host_config.h.
+// The host's fixed paths and names, each once. The few that util/ or tools/ need as well stand in host_config.h.
 #ifndef VEXPROD_HANDLERS_HOST_PATHS_H
 #define VEXPROD_HANDLERS_HOST_PATHS_H
 
-// The package registry, an INI file, and this package's section in it.
-inline constexpr const char* kPackageRegistry = "/etc/config/zpkg.conf";
-inline constexpr const char* kPackage = "VexHubServer";
-inline constexpr const char* kInstallPathField = "Install_Path"; ///< Folder the package is installed in.
-inline constexpr const char* kControlScriptField = "Shell";      ///< Its control script, run with one action.
+// In this package's section of the package registry, whose path is host_config.h's.
+inline constexpr const char* kControlScriptField = "Shell"; ///< Its control script, run with one action.
 
 // The two services that the daemon publishes.
 inline constexpr const char* kMainService = "VexHubServer-vexprod";

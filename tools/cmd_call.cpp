@@ -1,6 +1,7 @@
 // ksctl call: one request, its reply to standard output.
-#include "command_list.h"
+#include "commands.h"
 #include "exchange.h"
+#include "explain.h"
 #include "ksctl.h"
 #include "pretty_json.h"
 #include "service_socket.h"
@@ -28,6 +29,8 @@ struct call_options {
     std::string output_path;
     unsigned timeout_s = 30;
     bool pretty = false;
+    bool check = false;
+    bool verbose = false;
 };
 
 // Appends what `fd` has to give. False and errno when it cannot be read.
@@ -71,12 +74,25 @@ std::optional<std::string> request_text(const std::optional<std::string>& argume
     return text;
 }
 
-// Tells of a command that the service's list does not have but nearly has. The list may be older than the service, so
-// what was asked is sent all the same.
-void hint_at_near_command(const call_options& options) {
-    if (const command_summary* near = near_command(options.service, options.command)) {
-        (void)fail(kSuccess, "%s is not known to have a command %s; did you mean %s?", near->service,
-                   options.command.c_str(), near->name);
+// Tells of a command that the service's list does not have. The list may be older than the service, so what was asked
+// is sent all the same.
+void hint_at_unknown_command(const call_options& options) {
+    const std::string hint = about_unknown_command(options.service, options.command);
+    if (!hint.empty()) {
+        (void)fail(kSuccess, "%s", hint.c_str());
+    }
+}
+
+// Tells a person why the call failed, as far as the description knows. @param reply  Nothing = none came.
+void hint_at_reason(const call_options& options, const std::string& request, const std::optional<std::string>& reply) {
+    if (!options.verbose && isatty(STDERR_FILENO) == 0) {
+        return;
+    }
+    const documented_command* command = find_command(options.service, options.command);
+    if (command != nullptr && (!reply || says_failure(command, *reply))) {
+        if (const std::string reason = explain(*command, request, reply); !reason.empty()) {
+            (void)fail(kSuccess, "%s: %s", options.command.c_str(), reason.c_str());
+        }
     }
 }
 
@@ -100,14 +116,23 @@ int call(const call_options& options) {
             return fail(kFailure, "cannot write %s: %s", options.output_path.c_str(), strerror(errno));
         }
     }
-    hint_at_near_command(options);
+    hint_at_unknown_command(options);
     const outcome ended =
         exchange(options.service, options.command, std::move(request), options.timeout_s, output.get());
     if (ended.status != kSuccess) {
-        return fail(ended.status, "%s", ended.error.c_str());
+        (void)fail(ended.status, "%s", ended.error.c_str());
+        if (ended.status == kNoReply) {
+            hint_at_reason(options, *text, std::nullopt);
+        }
+        return ended.status;
     }
     const std::string reply = read_all(ended.reply.get());
-    return print(options.pretty ? indent_json(reply) : reply) ? kSuccess : kFailure;
+    if (!print(options.pretty ? indent_json(reply) : reply)) {
+        return kFailure;
+    }
+    hint_at_reason(options, *text, reply);
+    const bool failed = options.check && says_failure(find_command(options.service, options.command), reply);
+    return failed ? kSaysFailure : kSuccess;
 }
 
 std::function<int()> declare(CLI::App& app) {
@@ -116,8 +141,9 @@ std::function<int()> declare(CLI::App& app) {
     app.add_option("COMMAND", options->command, "The command's name")->required();
     app.add_option("REQUEST", options->request,
                    "The request's text, @FILE for a file's content, or - for standard input; none = empty");
-    app.add_option("--timeout", options->timeout_s,
-                   "Seconds to wait for the reply; below 5 counts as 5, as in every call through the library")
+    app.add_option(
+           "--timeout", options->timeout_s,
+           "Seconds to wait for the reply, 0 = without limit; 1 to 4 count as 5, as in every call through the library")
         ->type_name("S")
         ->capture_default_str();
     app.add_option(
@@ -125,6 +151,11 @@ std::function<int()> declare(CLI::App& app) {
            "Hand over this file, created or truncated, as the command's own standard output; not for its tools'")
         ->type_name("FILE");
     app.add_flag("--pretty", options->pretty, "Indent the reply if it is JSON; otherwise it is printed as it came");
+    app.add_flag("--check", options->check,
+                 "End with status 19 when the reply says failure: it has an \"error_msg\", or an \"error_code\" or a "
+                 "\"result\" other than 0");
+    app.add_flag("-v,--verbose", options->verbose,
+                 "Say on standard error why a request was refused or failed, as on a terminal");
     return [options] { return call(*options); };
 }
 
@@ -132,7 +163,8 @@ std::function<int()> declare(CLI::App& app) {
 
 const command cmd_call = {
     "call", "Call a service and print its reply",
-    "The reply is printed byte for byte. A request text that begins with \"-\" goes after \"--\".",
-    "ksctl call VexHubServer-vexprod get_hwsn '{}' --pretty", declare};
+    "The reply is printed byte for byte. A request text that begins with \"-\" goes after \"--\".\n"
+    "ksctl describe COMMAND tells which keys a request has.",
+    "ksctl call main get_hwsn --pretty", declare};
 
 } // namespace ksctl

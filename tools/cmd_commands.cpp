@@ -1,47 +1,43 @@
 // ksctl commands: what the daemon can be asked.
-#include "command_list.h"
+#include "commands.h"
 #include "ksctl.h"
+#include "service_socket.h"
 
 #include <CLI/CLI.hpp>
 
 #include <algorithm>
 #include <cstddef>
 #include <memory>
-#include <set>
 #include <string>
-#include <string_view>
 
 namespace ksctl {
 
 namespace {
 
 // Columns as wide as the widest entry of the whole list, so that a part of it looks like the whole.
-int list_commands(const std::string& section) {
+int list_commands(const std::string& service) {
+    if (!check_has_commands(service, "commands")) {
+        return kUsage;
+    }
     std::size_t width = 0;
-    for (const command_summary& each : command_list()) {
-        width = std::max(width, std::string_view(each.name).size());
+    for (const documented_command& each : commands()) {
+        width = std::max(width, each.name.size());
     }
     std::string table;
-    for (const command_summary& each : command_list()) {
-        if (section.empty() || section == each.section) {
+    for (const documented_command& each : commands()) {
+        if (service.empty() || full_service_name(service) == each.service) {
             std::string name = each.name;
             name.resize(width, ' ');
-            table += std::string(each.section) + "  " + name + "  " + each.summary + '\n';
+            table += each.section + "  " + name + "  " + each.summary + '\n';
         }
     }
     return print(table) ? kSuccess : kFailure;
 }
 
 std::function<int()> declare(CLI::App& app) {
-    auto section = std::make_shared<std::string>();
-    std::set<std::string> sections;
-    for (const command_summary& each : command_list()) {
-        sections.insert(each.section);
-    }
-    app.add_option("--service", *section, "Only this service's: main or mail")
-        ->type_name("NAME")
-        ->check(CLI::IsMember(sections));
-    return [section] { return list_commands(*section); };
+    auto service = std::make_shared<std::string>();
+    app.add_option("--service", *service, "Only this service's: main or mail")->type_name("NAME");
+    return [service] { return list_commands(*service); };
 }
 
 } // namespace

@@ -18,16 +18,11 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr const char* kDirectory = "/var/run/ks";
-
 // A socket's name does not tell the service's, so those that this system has are looked for.
-constexpr std::array kKnownServices = {"VexHubServer-vexprod", "VexHubServer_send_mail-vexprod",
-                                       "VexHubServer_notify-vexprod"};
-
-const char* known_service(const std::string& path) {
+const char* name_at(const std::string& path) {
     const auto* found = std::find_if(kKnownServices.begin(), kKnownServices.end(),
-                                     [&path](const char* name) { return service_path(name) == path; });
-    return found != kKnownServices.end() ? *found : "-";
+                                     [&path](const known_service& each) { return service_path(each.name) == path; });
+    return found != kKnownServices.end() ? found->name : "-";
 }
 
 const char* state_of(const std::string& path) {
@@ -45,21 +40,23 @@ const char* state_of(const std::string& path) {
 int list() {
     std::vector<std::string> sockets;
     std::error_code error;
-    for (fs::directory_iterator entry(kDirectory, error), end; !error && entry != end; entry.increment(error)) {
+    for (fs::directory_iterator entry(kSocketDirectory, error), end; !error && entry != end; entry.increment(error)) {
         std::error_code gone; // it may go while we look
         if (fs::is_socket(entry->symlink_status(gone))) {
             sockets.push_back(entry->path().string());
         }
     }
     if (error && error != std::errc::no_such_file_or_directory) {
-        return fail(kFailure, "cannot read %s: %s", kDirectory, error.message().c_str());
+        return fail(kFailure, "cannot read %s: %s", kSocketDirectory, error.message().c_str());
+    }
+    if (sockets.empty()) {
+        (void)fail(kSuccess, "no service has a socket in %s", kSocketDirectory);
     }
     std::sort(sockets.begin(), sockets.end());
     std::string table;
     for (const std::string& path : sockets) {
         std::array<char, 512> line{};
-        (void)snprintf(line.data(), line.size(), "%-26s  %-4s  %s\n", path.c_str(), state_of(path),
-                       known_service(path));
+        (void)snprintf(line.data(), line.size(), "%-26s  %-4s  %s\n", path.c_str(), state_of(path), name_at(path));
         table += line.data();
     }
     return print(table) ? kSuccess : kFailure;

@@ -6,6 +6,7 @@
 #include "exchange.h"
 #include "ksctl.h"
 #include "service_socket.h"
+#include "stop_signals.h"
 #include "unique_fd.h"
 
 #include <CLI/CLI.hpp>
@@ -13,16 +14,13 @@
 #include <array>
 #include <atomic>
 #include <cerrno>
-#include <csignal>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <memory>
-#include <poll.h>
 #include <string>
 #include <sys/eventfd.h>
-#include <sys/signalfd.h>
 #include <system_error>
 #include <unistd.h>
 
@@ -133,13 +131,7 @@ int listen_as(const listen_options& options) {
     if (const int status = check_publishable(options.service, service_path(options.service)); status != kSuccess) {
         return status;
     }
-    // Blocked before any thread exists, so that all inherit it and the signals arrive here alone.
-    sigset_t ending;
-    sigemptyset(&ending);
-    sigaddset(&ending, SIGINT);
-    sigaddset(&ending, SIGTERM);
-    (void)pthread_sigmask(SIG_BLOCK, &ending, nullptr);
-    const unique_fd signals = above_standard_streams(unique_fd(signalfd(-1, &ending, SFD_CLOEXEC)));
+    const stop_signals signals;
     const unique_fd done = above_standard_streams(unique_fd(eventfd(0, EFD_CLOEXEC)));
     if (!signals.ok() || !done.ok()) {
         return fail(kFailure, "cannot wait for signals: %s", strerror(errno));
@@ -147,11 +139,10 @@ int listen_as(const listen_options& options) {
     state.reply = options.reply;
     state.left = options.count;
     state.done_fd = done.get();
-    const unique_service service(ks_create(options.service.c_str(), KS_STANDALONE | KS_PTHREAD_MODE, 1, serve));
+    const unique_service service(
+        ks_create(full_service_name(options.service).c_str(), KS_STANDALONE | KS_PTHREAD_MODE, 1, serve));
     ks_start(service.get());
-    std::array<pollfd, 2> watched = {{{signals.get(), POLLIN, 0}, {done.get(), POLLIN, 0}}};
-    while (poll(watched.data(), watched.size(), -1) < 0 && errno == EINTR) {
-    }
+    (void)signals.came_before(done.get());
     ks_stop(service.get()); // waits for the worker
     return state.status;
 }

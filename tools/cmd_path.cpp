@@ -24,7 +24,6 @@ std::function<int()> declare(CLI::App& app) {
 
 } // namespace
 
-const command cmd_path = {"path", "Print the path of a service's socket", "", "ksctl path VexHubServer-vexprod",
-                          declare};
+const command cmd_path = {"path", "Print the path of a service's socket", "", "ksctl path main", declare};
 
 } // namespace ksctl

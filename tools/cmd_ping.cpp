@@ -2,16 +2,25 @@
 #include "exchange.h"
 #include "ksctl.h"
 #include "service_socket.h"
+#include "stop_signals.h"
+#include "unique_fd.h"
 
 #include <CLI/CLI.hpp>
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <chrono>
 #include <cstdio>
+#include <cstring>
+#include <limits>
 #include <memory>
+#include <mutex>
 #include <numeric>
 #include <string>
+#include <sys/eventfd.h>
+#include <thread>
+#include <unistd.h>
 #include <vector>
 
 namespace ksctl {
@@ -50,29 +59,63 @@ std::string statistics(std::vector<double> times_ms, unsigned calls) {
     return line + '\n';
 }
 
+// What the calling thread has found out so far.
+struct results {
+    std::mutex lock;
+    std::vector<double> times_ms;
+    unsigned calls = 0;
+    int status = kSuccess; // of the last call that failed
+    bool printed = true;   // standard output has taken every line
+};
+
+void call_and_note(const ping_options& options, results* found) {
+    for (unsigned i = 1; i <= options.count; ++i) {
+        {
+            const std::lock_guard guard(found->lock);
+            found->calls = i;
+        }
+        const auto begin = std::chrono::steady_clock::now();
+        const outcome ended = exchange(options.service, options.command, make_request(""), options.timeout_s, -1);
+        const std::chrono::duration<double, std::milli> took = std::chrono::steady_clock::now() - begin;
+        const std::lock_guard guard(found->lock);
+        if (ended.status != kSuccess) {
+            found->status = fail(ended.status, "%u: %s", i, ended.error.c_str());
+            continue;
+        }
+        found->times_ms.push_back(took.count());
+        if (!print(format("%u: %zu bytes in %.3f ms\n", i, ks_io_size(ended.reply.get()), took.count()))) {
+            found->printed = false;
+            return;
+        }
+    }
+}
+
+// The calls are made by a thread of their own, so that a signal ends a ping that waits for its service, too.
 int ping(const ping_options& options) {
     if (!check_service_name(options.service)) {
         return kBadArgument;
     }
-    std::vector<double> times_ms;
-    int status = kSuccess;
-    for (unsigned i = 1; i <= options.count; ++i) {
-        const auto begin = std::chrono::steady_clock::now();
-        const outcome ended = exchange(options.service, options.command, make_request(""), options.timeout_s, -1);
-        const std::chrono::duration<double, std::milli> took = std::chrono::steady_clock::now() - begin;
-        std::string line = format("%u: ", i);
-        if (ended.status == kSuccess) {
-            times_ms.push_back(took.count());
-            line += format("%zu bytes in %.3f ms\n", ks_io_size(ended.reply.get()), took.count());
-        } else {
-            status = ended.status;
-            line += ended.error + '\n';
-        }
-        if (!print(line)) {
-            return kFailure;
-        }
+    const stop_signals signals;
+    const unique_fd done = above_standard_streams(unique_fd(eventfd(0, EFD_CLOEXEC)));
+    if (!signals.ok() || !done.ok()) {
+        return fail(kFailure, "cannot wait for signals: %s", strerror(errno));
     }
-    return print(statistics(std::move(times_ms), options.count)) ? status : static_cast<int>(kFailure);
+    results found;
+    std::thread caller([&] {
+        call_and_note(options, &found);
+        (void)eventfd_write(done.get(), 1); // cannot fail: the counter is far from full
+    });
+    const bool interrupted = signals.came_before(done.get());
+    if (!interrupted) {
+        caller.join();
+    }
+    std::unique_lock guard(found.lock); // after a signal for good: nothing may follow the statistics
+    const bool printed = found.printed && print(statistics(found.times_ms, found.calls));
+    const int status = printed ? found.status : static_cast<int>(kFailure);
+    if (interrupted) {
+        _exit(status); // the caller may wait for its service as long as it likes
+    }
+    return status;
 }
 
 std::function<int()> declare(CLI::App& app) {
@@ -80,12 +123,13 @@ std::function<int()> declare(CLI::App& app) {
     app.add_option("SERVICE", options->service, "The service's name")->required();
     app.add_option("-c,--count", options->count, "Number of calls, one after the other")
         ->type_name("N")
-        ->check(CLI::PositiveNumber)
+        ->check(CLI::Range(1U, std::numeric_limits<unsigned>::max()).description(""))
         ->capture_default_str();
     app.add_option("--command", options->command, "The command to call, with an empty request")
         ->type_name("COMMAND")
         ->capture_default_str();
-    app.add_option("--timeout", options->timeout_s, "Seconds to wait for each reply; below 5 counts as 5")
+    app.add_option("--timeout", options->timeout_s,
+                   "Seconds to wait for each reply, 0 = without limit; 1 to 4 count as 5")
         ->type_name("S")
         ->capture_default_str();
     return [options] { return ping(*options); };
@@ -95,8 +139,9 @@ std::function<int()> declare(CLI::App& app) {
 
 const command cmd_ping = {
     "ping", "Measure how long calls take",
-    "Prints one line for each call, and a line of statistics of those that were answered at the end.\n"
-    "The exit status is that of the last call that failed, or 0.",
-    "ksctl ping VexHubServer-vexprod -c 100", declare};
+    "Prints one line for each call that was answered, and at the end, or on SIGINT and SIGTERM, a line of\n"
+    "statistics of them. Failed calls are told of on standard error. The exit status is that of the last call\n"
+    "that failed, or 0.",
+    "ksctl ping main -c 100", declare};
 
 } // namespace ksctl

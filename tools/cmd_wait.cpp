@@ -5,6 +5,7 @@
 #include <CLI/CLI.hpp>
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <memory>
 #include <string>
@@ -15,6 +16,8 @@ namespace ksctl {
 namespace {
 
 using std::chrono::steady_clock;
+
+constexpr double kLongestTimeoutS = 1e6;
 
 struct wait_options {
     std::string service;
@@ -32,10 +35,12 @@ int wait_for(const wait_options& options) {
     const auto allowed = std::chrono::duration<double>(options.timeout_s);
     const auto begin = steady_clock::now();
     while (probe(path) != presence::up) {
+        const int error = errno;
         const auto left = allowed - (steady_clock::now() - begin);
         if (left.count() <= 0) {
-            return fail(kTimeout, "time-out: %s (%s) accepted no connection within %g s", options.service.c_str(),
-                        path.c_str(), options.timeout_s);
+            const std::string name = full_service_name(options.service);
+            return fail(kTimeout, "time-out: %s (%s) accepted no connection within %g s: %s", name.c_str(),
+                        path.c_str(), options.timeout_s, why_absent(options.service, error).c_str());
         }
         std::this_thread::sleep_for(std::min<std::chrono::duration<double>>(left, kInterval));
     }
@@ -47,7 +52,7 @@ std::function<int()> declare(CLI::App& app) {
     app.add_option("SERVICE", options->service, "The service's name")->required();
     app.add_option("--timeout", options->timeout_s, "Seconds to wait, 0 = look once")
         ->type_name("S")
-        ->check(CLI::NonNegativeNumber)
+        ->check(CLI::Range(0.0, kLongestTimeoutS).description(""))
         ->capture_default_str();
     return [options] { return wait_for(*options); };
 }
@@ -55,6 +60,6 @@ std::function<int()> declare(CLI::App& app) {
 } // namespace
 
 const command cmd_wait = {"wait", "Wait until a service accepts connections", "",
-                          "ksctl wait VexHubServer-vexprod --timeout 10 && ksctl list", declare};
+                          "ksctl wait main --timeout 10 && ksctl list", declare};
 
 } // namespace ksctl

@@ -51,6 +51,7 @@ outcome failure(unsigned code, bool taken, const std::string& service, const std
     return {kDisconnected, "connection failed before the request was taken: " + service + " (" + where + ")", nullptr};
 }
 
+// At most what poll(2) can count.
 unsigned milliseconds_until(steady_clock::time_point deadline) {
     const auto left = std::chrono::ceil<milliseconds>(deadline - steady_clock::now()).count();
     return static_cast<unsigned>(std::clamp<int64_t>(left, 0, std::numeric_limits<int>::max()));
@@ -74,25 +75,30 @@ unique_io make_request(std::string_view payload) {
     return write_all(request.get(), payload) ? std::move(request) : nullptr;
 }
 
-outcome exchange(const std::string& service, const std::string& command, unique_io request, unsigned timeout_s,
+outcome exchange(const std::string& given_service, const std::string& command, unique_io request, unsigned timeout_s,
                  int passfd) {
+    const std::string service = full_service_name(given_service);
     const unique_epoll epoll(ks_epoll_create());
     const unsigned allowed_s = std::max(timeout_s, kShortestTimeoutS);
-    const auto deadline = steady_clock::now() + std::chrono::seconds(allowed_s);
+    const auto deadline = timeout_s == kNoTimeout ? steady_clock::time_point::max()
+                                                  : steady_clock::now() + std::chrono::seconds(allowed_s);
     unsigned code = ks_epoll_call(epoll.get(), service.c_str(), command.c_str(), request.get(), passfd);
     if (code == KS_NO_SERVICE) {
-        const char* reason = strerror(errno);
-        return {kNoService, "no such service: " + service + " (" + service_path(service) + "): " + reason, nullptr};
+        const int error = errno;
+        return {kNoService,
+                "no such service: " + service + " (" + service_path(service) + "): " + why_absent(given_service, error),
+                nullptr};
     }
     if (code != KS_OK) {
         return failure(code, false, service, "", allowed_s);
     }
     bool taken = false;
     while (ks_epoll_perform(epoll.get(), milliseconds_until(deadline), &code) == nullptr) {
-        if (code == KS_TIMEOUT) {
+        if (code != KS_TIMEOUT) {
+            taken = true; // no request ended and no time-out: this pass sent ours
+        } else if (timeout_s != kNoTimeout) {
             break;
         }
-        taken = true; // no request ended and no time-out: this pass sent ours
     }
     if (code != KS_OK) {
         return failure(code, taken, service, service_path(service), allowed_s);

@@ -10,8 +10,9 @@
 
 namespace ksctl {
 
-/// Below this the library's own calls do not go, and neither do these.
+/// Below this the library's own calls do not go, and neither do these, unless they wait without a limit.
 constexpr unsigned kShortestTimeoutS = 5;
+constexpr unsigned kNoTimeout = 0;
 
 /// How a call ended.
 struct outcome {
@@ -28,8 +29,9 @@ struct outcome {
 unique_io make_request(std::string_view payload);
 
 /// Calls `service` and waits.
+/// @param service    May be an alias.
 /// @param request    Taken over.
-/// @param timeout_s  Raised to kShortestTimeoutS.
+/// @param timeout_s  Raised to kShortestTimeoutS; kNoTimeout waits for ever.
 /// @param passfd     Borrowed descriptor to hand over, or -1.
 outcome exchange(const std::string& service, const std::string& command, unique_io request, unsigned timeout_s,
                  int passfd);

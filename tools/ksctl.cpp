@@ -1,8 +1,12 @@
 // ksctl: talks to local services from the command line, for people and scripts.
 #include "ksctl.h"
 
+#include "completion.h"
+#include "near_name.h"
+
 #include <CLI/CLI.hpp>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <csignal>
@@ -12,16 +16,20 @@
 #include <exception>
 #include <iostream>
 #include <string>
+#include <string_view>
 #include <unistd.h>
+#include <vector>
 
 namespace ksctl {
 
 namespace {
 
-constexpr std::array kCommands = {&cmd_call, &cmd_commands, &cmd_listen, &cmd_list, &cmd_path, &cmd_ping, &cmd_wait};
+constexpr std::array kCommands = {&cmd_call, &cmd_commands, &cmd_describe, &cmd_doctor, &cmd_listen,
+                                  &cmd_list, &cmd_path,     &cmd_ping,     &cmd_wait};
 
 constexpr const char* kFooter =
-    "A SERVICE is a name, or \"@/path\" for a service that is published at a path of its own.\n"
+    "A SERVICE is a name, main for VexHubServer-vexprod, mail for VexHubServer_send_mail-vexprod, or \"@/path\"\n"
+    "for a service that is published at a path of its own.\n"
     "\n"
     "Exit status:\n"
     "   0  success; for a call: the reply has been printed\n"
@@ -35,8 +43,49 @@ constexpr const char* kFooter =
     "  16  the service is busy\n"
     "  17  bad argument: service name over 64 or command over 256 characters\n"
     "  18  the request was taken, and the connection ended without a reply\n"
+    "  19  call --check: the reply says failure\n"
+    "  20  doctor: something is not well\n"
     "\n"
     "ksctl COMMAND --help tells about one command.";
+
+// What the shells' completion (completions/) asks; no subcommand for people.
+constexpr std::string_view kComplete = "complete";
+
+// Prints what may stand in place of the last of `words`, which follow "ksctl" on the command line.
+int complete(const std::vector<std::string>& words, const CLI::App& app) {
+    std::vector<subcommand_words> subcommands;
+    for (const CLI::App* each : app.get_subcommands([](const CLI::App*) { return true; })) {
+        subcommand_words known = {each->get_name(), each->get_description(), {}, {}};
+        for (const CLI::Option* option : each->get_options()) {
+            if (option->get_positional()) {
+                known.arguments.push_back(option->get_name(true));
+            } else {
+                known.options.push_back({"--" + option->get_lnames().front(), option->get_description(),
+                                         option->get_items_expected_max() > 0});
+            }
+        }
+        subcommands.push_back(std::move(known));
+    }
+    std::string lines;
+    for (const candidate& each : candidates(words, subcommands)) {
+        lines += each.text + '\t' + each.meaning + '\n';
+    }
+    return print(lines) ? kSuccess : kFailure;
+}
+
+bool is_subcommand(std::string_view word) {
+    return std::any_of(kCommands.begin(), kCommands.end(), [word](const command* each) { return word == each->name; });
+}
+
+int unknown_subcommand(const char* given) {
+    std::vector<std::string> names;
+    for (const command* each : kCommands) {
+        names.emplace_back(each->name);
+    }
+    const std::string question = did_you_mean(near_names(given, names));
+    return fail(kUsage, "no subcommand %s%s%s (see ksctl --help)", given, question.empty() ? "" : "; ",
+                question.c_str());
+}
 
 int parse_and_run(int argc, char** argv) {
     CLI::App app("Calls, watches and stands in for local services.", "ksctl");
@@ -44,8 +93,10 @@ int parse_and_run(int argc, char** argv) {
     app.footer(kFooter);
     // Exactly one: the words after a subcommand are its own, also when one reads like another subcommand's name.
     app.require_subcommand(1, 1);
-    app.failure_message([](const CLI::App*, const CLI::Error& error) {
-        return std::string("ksctl: ") + error.what() + " (see ksctl --help)\n";
+    app.failure_message([](const CLI::App* main, const CLI::Error& error) {
+        const std::vector<CLI::App*> begun = main->get_subcommands(); // what the words before the mistake chose
+        const std::string chosen = begun.empty() ? "" : " " + begun.front()->get_name();
+        return std::string("ksctl: ") + error.what() + " (see ksctl" + chosen + " --help)\n";
     });
     std::function<int()> action;
     for (const command* each : kCommands) {
@@ -53,6 +104,12 @@ int parse_and_run(int argc, char** argv) {
         const std::string details = each->details;
         subcommand->footer(details + (details.empty() ? "" : "\n\n") + "Example:\n  " + each->example);
         subcommand->callback([&action, body = each->declare(*subcommand)] { action = body; });
+    }
+    if (argc > 1 && argv[1] == kComplete) {
+        return complete({argv + 2, argv + argc}, app);
+    }
+    if (argc > 1 && *argv[1] != '-' && !is_subcommand(argv[1])) {
+        return unknown_subcommand(argv[1]);
     }
     try {
         app.parse(argc, argv);

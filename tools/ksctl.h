@@ -13,7 +13,7 @@ class App;
 
 namespace ksctl {
 
-/// Exit statuses; scripts rely on them. From 11 on they are 10 + the library's result code, and one of our own.
+/// Exit statuses; scripts rely on them. From 11 on they are 10 + the library's result code, and from 18 our own.
 enum exit_status : int {
     kSuccess = 0,
     kFailure = 1,       ///< a file or standard output, or anything else on this side
@@ -26,6 +26,8 @@ enum exit_status : int {
     kBusy = 16,         ///< the service's waiting list is full
     kBadArgument = 17,  ///< the service name or the command is too long, or no name at all
     kNoReply = 18,      ///< the request was taken, and the connection ended without a reply
+    kSaysFailure = 19,  ///< there is a reply, and it says failure
+    kNotWell = 20,      ///< doctor has found something
 };
 
 /// One subcommand.
@@ -40,6 +42,8 @@ struct command {
 
 extern const command cmd_call;
 extern const command cmd_commands;
+extern const command cmd_describe;
+extern const command cmd_doctor;
 extern const command cmd_listen;
 extern const command cmd_list;
 extern const command cmd_path;

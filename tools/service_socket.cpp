@@ -2,6 +2,7 @@
 
 #include "ksctl.h"
 #include "kservice.h"
+#include "near_name.h"
 #include "unique_fd.h"
 
 #include <algorithm>
@@ -9,12 +10,19 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
+#include <system_error>
+#include <unistd.h>
+#include <vector>
 
 namespace ksctl {
 
 namespace {
+
+namespace fs = std::filesystem;
 
 constexpr size_t kLongestPath = 63; // the library formats paths into 64 bytes
 
@@ -33,7 +41,14 @@ bool check_service_name(const std::string& name) {
     return true;
 }
 
-std::string service_path(const std::string& name) {
+std::string full_service_name(const std::string& given) {
+    const auto* found = std::find_if(kKnownServices.begin(), kKnownServices.end(),
+                                     [&](const known_service& each) { return !given.empty() && given == each.alias; });
+    return found != kKnownServices.end() ? found->name : given;
+}
+
+std::string service_path(const std::string& given) {
+    const std::string name = full_service_name(given);
     if (name.front() == '@') {
         return name.substr(1, kLongestPath);
     }
@@ -55,6 +70,50 @@ presence probe(const std::string& path) {
         return presence::up;
     }
     return errno == EAGAIN ? presence::full : presence::down;
+}
+
+std::string who_keeps_out(const std::string& path) {
+    std::error_code error;
+    const fs::path resolved = fs::weakly_canonical(path, error);
+    fs::path folder;
+    for (const fs::path& part : error ? fs::path(path).parent_path() : resolved.parent_path()) {
+        folder /= part;
+        struct stat found = {};
+        if (access(folder.c_str(), X_OK) != 0 && errno == EACCES && stat(folder.c_str(), &found) == 0) {
+            std::array<char, 64> mode{};
+            (void)snprintf(mode.data(), mode.size(), " keeps others out (owner %u, mode %04o)", found.st_uid,
+                           found.st_mode & 07777U);
+            return folder.string() + mode.data();
+        }
+    }
+    return "";
+}
+
+std::string why_absent(const std::string& name, int error) {
+    const std::string reason = std::string(strerror(error)) + "; ";
+    if (error == ECONNREFUSED) {
+        return reason + "it was started and is gone: nobody listens on the socket any more";
+    }
+    if (error == EACCES) {
+        const std::string keeper = who_keeps_out(service_path(name));
+        return reason + (keeper.empty() ? "the socket's mode does not allow it" : keeper);
+    }
+    if (error != ENOENT) {
+        return strerror(error);
+    }
+    std::vector<std::string> names;
+    for (const known_service& each : kKnownServices) {
+        if (full_service_name(name) == each.name) {
+            return reason + "it has not been started";
+        }
+        for (const char* known : {each.alias, each.name}) {
+            if (*known != '\0') {
+                names.emplace_back(known);
+            }
+        }
+    }
+    const std::string question = name.front() == '@' ? "" : did_you_mean(near_names(name, names));
+    return reason + (question.empty() ? "nothing is published there" : question);
 }
 
 } // namespace ksctl

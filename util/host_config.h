@@ -7,6 +7,9 @@
 // Where the host keeps what is asked here.
 inline constexpr const char* kConfigReader = "/sbin/cfgread";
 inline constexpr const char* kHardwareTool = "/sbin/hwctl";
+inline constexpr const char* kPackageRegistry = "/etc/config/zpkg.conf"; ///< INI file of all packages.
+inline constexpr const char* kPackage = "VexHubServer";                  ///< This package's section in it.
+inline constexpr const char* kInstallPathField = "Install_Path";         ///< Folder the package is installed in.
 inline constexpr const char* kChainCertificate = "/etc/stunnel/uca.pem"; ///< Not every host has one.
 
 /// Reads one value of the host's configuration by kConfigReader.

@@ -108,7 +108,7 @@ void log_set_dir(const char* dir) {
         }
     }
     (void)std::snprintf(cLogDirPath, sizeof cLogDirPath, "%s", dir);
-    (void)std::snprintf(cLogFilePath, sizeof cLogFilePath, "%s/%s", cLogDirPath, ".lyn_ks_vexprod.log");
+    (void)std::snprintf(cLogFilePath, sizeof cLogFilePath, "%s/%s", cLogDirPath, kLogFileName);
     (void)current_prefix(); // the first reading of the time zone, while there is one thread
 }
 

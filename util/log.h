@@ -9,6 +9,9 @@
 #ifndef VEXPROD_UTIL_LOG_H
 #define VEXPROD_UTIL_LOG_H
 
+inline constexpr const char* kLogFolder = ".log"; ///< The daemon's, under the install path.
+inline constexpr const char* kLogFileName = ".lyn_ks_vexprod.log";
+
 extern char cLogDirPath[256];  ///< The directory as passed to log_set_dir(), cut to fit; empty before.
 extern char cLogFilePath[512]; ///< The log file in it, ".lyn_ks_vexprod.log"; empty before.
 

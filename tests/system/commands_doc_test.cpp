@@ -176,7 +176,7 @@ void expect_documented_traces(const documented_command& command) {
 class CommandsDocumentTest : public testing::Test {
 protected:
     void SetUp() override {
-        commands_ = read_command_document(COMMANDS_DOCUMENT);
+        commands_ = read_command_document(read_file(COMMANDS_DOCUMENT));
         all_commands_ = commands_;
         left_out_ = leave_out_unpreparable(commands_);
         ASSERT_TRUE(daemon_.serves());
@@ -261,7 +261,7 @@ TEST_F(CommandsDocumentTest, EveryKeyIsNeededInItsTypeAndTheExampleHasNoOthers) 
         SCOPED_TRACE(command.service + " " + command.name);
         const Json::Value example = parsed(command.request);
         std::vector<std::string> names;
-        for (const documented_key& key : keys_of(command)) {
+        for (const documented_key& key : command.keys()) {
             names.push_back(key.name);
             if (!key.required) {
                 continue;

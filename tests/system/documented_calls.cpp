@@ -111,16 +111,6 @@ void provide_all(const documented_command& command) {
     }
 }
 
-std::vector<documented_key> keys_of(const documented_command& command) {
-    std::vector<documented_key> keys;
-    for (const documented_line& line : command.lines_of("Key")) { // "`NAME` (TYPE…): what"
-        const std::string kind = line.text.substr(2, line.text.find(')') - 2);
-        keys.push_back({line.code.at(0), kind.substr(0, kind.find_first_of(", ")),
-                        kind == "string" || kind == "int" || kind == "array"});
-    }
-    return keys;
-}
-
 std::vector<std::string> requests_without(const documented_command& command, const documented_key& key) {
     Json::Value request = parsed(command.request);
     request.removeMember(key.name);

@@ -34,14 +34,6 @@ std::string leave_out_unpreparable(std::vector<documented_command>& commands);
 /// Makes the host what the entry's "Given" lines ask for.
 void provide_all(const documented_command& command);
 
-struct documented_key {
-    std::string name;
-    std::string type; ///< Up to the first comma or blank.
-    bool required;    ///< Of the request itself, and without a default.
-};
-
-std::vector<documented_key> keys_of(const documented_command& command);
-
 /// The example's request without `key`, and with a value of another type in its place.
 std::vector<std::string> requests_without(const documented_command& command, const documented_key& key);
 

@@ -95,7 +95,7 @@ class LoadTest : public testing::Test {
 protected:
     void SetUp() override {
         ASSERT_NE(getenv("HOSTSIM"), nullptr) << "runs in the simulated host only";
-        commands_ = read_command_document(COMMANDS_DOCUMENT);
+        commands_ = read_command_document(read_file(COMMANDS_DOCUMENT));
         (void)leave_out_unpreparable(commands_); // commands_doc_test tells which
         ASSERT_TRUE(daemon_.serves());
         for (const documented_command& command : commands_) {
@@ -119,7 +119,7 @@ protected:
             sound_.push_back({command.service, command.name, command.request, example});
         }
         std::vector<std::string> texts = {"{", "\x01\xff", "{\"a\":"};
-        for (const documented_key& key : keys_of(command)) {
+        for (const documented_key& key : command.keys()) {
             if (key.required) {
                 const auto spoilt = requests_without(command, key);
                 texts.insert(texts.end(), spoilt.begin(), spoilt.end());

@@ -149,23 +149,40 @@ TEST_F(KsctlSuggestionTest, NamesANearCommandAndSendsWhatWasAsked) {
     EXPECT_EQ(said(kMain, "get_hwns"),
               "ksctl: VexHubServer-vexprod is not known to have a command get_hwns; did you mean get_hwsn?\n");
     EXPECT_THAT(said(kMain, "get_all_user"), HasSubstr("did you mean get_all_users?"));
-    EXPECT_THAT(said(kMain, "Exec_CLI"), IsEmpty()); // four letters differ
     EXPECT_THAT(said(kMain, "exec_cli "), HasSubstr("did you mean exec_cli?"));
 }
 
 TEST_F(KsctlSuggestionTest, ReachesTwoLettersFar) {
     start(kMain);
-    EXPECT_THAT(said(kMain, "getvpd_channe"), HasSubstr("did you mean get_vpd_channel?"));     // two left out
-    EXPECT_THAT(said(kMain, "get_vpd__channels"), HasSubstr("did you mean get_vpd_channel?")); // two put in
+    EXPECT_THAT(said(kMain, "gtvpd_chanel"), HasSubstr("did you mean get_vpd_channel?"));      // two left out
+    EXPECT_THAT(said(kMain, "geet_vpd_channels"), HasSubstr("did you mean get_vpd_channel?")); // two put in
     EXPECT_THAT(said(kMain, "set_vpd_channer"), HasSubstr("did you mean get_vpd_channel?"));   // two replaced
-    EXPECT_THAT(said(kMain, "getvpdchanne"), IsEmpty());                                       // three left out
-    EXPECT_THAT(said(kMain, "frobnicate"), IsEmpty());
+    EXPECT_EQ(said(kMain, "gtvpdchnne"), "ksctl: VexHubServer-vexprod is not known to have a command gtvpdchnne; ksctl "
+                                         "commands lists those that it has\n"); // three left out
 }
 
-TEST_F(KsctlSuggestionTest, PrefersTheNearestAndThenTheFirst) {
+TEST_F(KsctlSuggestionTest, CaseAndSeparatorsDoNotCount) {
+    start(kMain);
+    EXPECT_THAT(said(kMain, "Exec_CLI"), HasSubstr("did you mean exec_cli?"));
+    EXPECT_THAT(said(kMain, "get-vpd-channel"), HasSubstr("did you mean get_vpd_channel?"));
+    EXPECT_THAT(said(kMain, "GetHwSn"), HasSubstr("did you mean get_hwsn?"));
+}
+
+TEST_F(KsctlSuggestionTest, NamesThatBeginWithWhatWasAskedOrContainIt) {
+    start(kMain);
+    EXPECT_THAT(said(kMain, "system_vxb"), HasSubstr("did you mean system_vxb_smb_setfolder_priv?"));
+    EXPECT_THAT(said(kMain, "get_all"), HasSubstr("did you mean get_all_users or get_all_groups?"));
+    EXPECT_THAT(said(kMain, "get_vpd"),
+                HasSubstr("did you mean get_vpd_productnamed, get_vpd_eepkey, get_vpd_channel or one of 1 more?"));
+    EXPECT_THAT(said(kMain, "findly_list"), HasSubstr("did you mean system_call_findly_list_add?"));
+    EXPECT_THAT(said(kMain, "hos_get_hwsn_handler"), HasSubstr("did you mean get_hwsn?"));
+}
+
+TEST_F(KsctlSuggestionTest, PrefersTheNearest) {
     start(kMain);
     EXPECT_THAT(said(kMain, "system_call_cloud_analysis_uregister"),
-                HasSubstr("did you mean system_call_cloud_analysis_register?")); // one letter from both
+                HasSubstr("did you mean system_call_cloud_analysis_register or "
+                          "system_call_cloud_analysis_unregister?")); // one letter from both
     EXPECT_THAT(said(kMain, "system_call_cloud_analysis_unregiste"),
                 HasSubstr("did you mean system_call_cloud_analysis_unregister?"));
 }
@@ -179,10 +196,26 @@ TEST_F(KsctlSuggestionTest, SaysNothingAboutCommandsThatTheServiceHas) {
 TEST_F(KsctlSuggestionTest, KnowsEachServicesOwnCommands) {
     start(kMain);
     start(kMail);
-    EXPECT_THAT(said(kMain, "sendmai"), IsEmpty());
     EXPECT_EQ(said(kMail, "sendmai"),
               "ksctl: VexHubServer_send_mail-vexprod is not known to have a command sendmai; did you mean sendmail?\n");
-    EXPECT_THAT(said(kMail, "get_hwns"), IsEmpty());
+    EXPECT_EQ(said(kMain, "sendmail"), "ksctl: VexHubServer-vexprod is not known to have a command sendmail; mail "
+                                       "(VexHubServer_send_mail-vexprod) has it\n");
+    EXPECT_EQ(said(kMail, "get_hwsn"), "ksctl: VexHubServer_send_mail-vexprod is not known to have a command get_hwsn; "
+                                       "main (VexHubServer-vexprod) has it\n");
+}
+
+TEST_F(KsctlSuggestionTest, MainAndMailStandForTheServices) {
+    start(kMain);
+    start(kMail);
+    EXPECT_THAT(said("main", "get_hwsn"), IsEmpty());
+    EXPECT_THAT(said("mail", "sendmail"), IsEmpty());
+    EXPECT_THAT(said("mail", "sendmai"), HasSubstr("did you mean sendmail?"));
+    EXPECT_EQ(ksctl({"path", "main"}).out, ksctl({"path", kMain}).out);
+    EXPECT_EQ(ksctl({"path", "mail"}).out, ksctl({"path", kMail}).out);
+    EXPECT_EQ(ksctl({"wait", "main", "--timeout", "0"}).status, 0);
+    EXPECT_EQ(ksctl({"ping", "mail", "-c", "1"}).status, 0);
+    EXPECT_EQ(ksctl({"commands", "--service", kMail}).out, ksctl({"commands", "--service", "mail"}).out);
+    EXPECT_EQ(ksctl({"listen", "main"}).err, "ksctl: somebody else serves main (/var/run/ks/5C7A9C5E.sock)\n");
 }
 
 TEST_F(KsctlSuggestionTest, SaysNothingAboutOtherServices) {

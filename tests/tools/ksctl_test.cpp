@@ -56,10 +56,13 @@ int serve(const char* command, ks_io* io, int fd) {
     } else if (what == "print") {
         (void)!write(fd, "printed", 7);
         reply = "done";
-    } else if (what == "test") {
+    } else if (what == "test" || what == "late") {
         reply = "tested";
     } else if (what == "has_fd") {
         reply = fd >= 0 ? "yes" : "no";
+    }
+    if (what == "late") {
+        std::this_thread::sleep_for(std::chrono::seconds(6));
     }
     if (what == "never") { // until the caller gives up
         while (ks_io_alive(io) != 0) {
@@ -241,12 +244,52 @@ TEST_F(KsctlTest, CallOfAnAbsentServiceIsStatus12) {
     const finished call = ksctl({"call", name_, "echo"});
     EXPECT_EQ(call.status, 12);
     EXPECT_THAT(call.out, IsEmpty());
-    EXPECT_EQ(call.err, "ksctl: no such service: " + name_ + " (" + folder_ + "/s): No such file or directory\n");
+    EXPECT_EQ(call.err, "ksctl: no such service: " + name_ + " (" + folder_ +
+                            "/s): No such file or directory; nothing is published there\n");
     { raw_service left_behind(folder_ + "/s"); }
     EXPECT_EQ(ksctl({"call", name_, "echo"}).err,
-              "ksctl: no such service: " + name_ + " (" + folder_ + "/s): Connection refused\n");
-    EXPECT_THAT(ksctl({"call", "abc", "echo"}).err,
-                StartsWith("ksctl: no such service: abc (/var/run/ks/A9993E36.sock)"));
+              "ksctl: no such service: " + name_ + " (" + folder_ +
+                  "/s): Connection refused; it was started and is gone: nobody listens on the socket any more\n");
+    EXPECT_EQ(ksctl({"call", "abc", "echo"}).err,
+              "ksctl: no such service: abc (/var/run/ks/A9993E36.sock): No such file "
+              "or directory; nothing is published there\n");
+}
+
+TEST_F(KsctlTest, AbsentServiceIsToldFromAMisspeltOne) {
+    const auto why = [](const char* name) {
+        const std::string error = ksctl({"call", name, "test"}).err;
+        return error.substr(error.rfind("; ") + 2);
+    };
+    EXPECT_EQ(why("main"), "it has not been started\n");
+    EXPECT_EQ(why("VexHubServer_notify-vexprod"), "it has not been started\n");
+    EXPECT_EQ(why("VexHubServer-vexprd"), "did you mean VexHubServer-vexprod?\n");
+    EXPECT_EQ(why("vexhubserver-notify"), "did you mean VexHubServer_notify-vexprod?\n");
+    EXPECT_EQ(why("mial"), "did you mean mail?\n");
+    EXPECT_EQ(why("Main"), "did you mean main?\n");
+    EXPECT_THAT(ksctl({"ping", "main", "-c", "1"}).err, HasSubstr("; it has not been started\n"));
+    EXPECT_THAT(ksctl({"wait", "main", "--timeout", "0"}).err, HasSubstr("; it has not been started\n"));
+}
+
+// As a user who is nobody's owner.
+TEST_F(KsctlTest, ServiceBehindAClosedFolderIsNotAllowed) {
+    const std::vector<std::string> nobody = {"/usr/bin/setpriv", "--reuid=65534", "--regid=65534", "--clear-groups"};
+    std::vector<std::string> argv = nobody;
+    argv.emplace_back("/bin/true");
+    if (run_program(argv).status != 0) {
+        GTEST_SKIP() << "another user's id cannot be taken here: run as root";
+    }
+    // Where that user can read it, whatever the folders above the build are like.
+    const std::string program = folder_ + "-ksctl";
+    std::filesystem::copy_file(KSCTL_PROGRAM, program);
+    start_service(name_);
+    ASSERT_EQ(chmod(folder_.c_str(), 0700), 0);
+    argv = nobody;
+    argv.insert(argv.end(), {program, "call", name_, "echo"});
+    const finished call = run_program(argv);
+    EXPECT_EQ(call.status, 12);
+    EXPECT_EQ(call.err, "ksctl: no such service: " + name_ + " (" + folder_ + "/s): Permission denied; " + folder_ +
+                            " keeps others out (owner 0, mode 0700)\n");
+    std::filesystem::remove(program);
 }
 
 TEST_F(KsctlTest, CallOfAPausedServiceIsStatus13) {
@@ -331,6 +374,29 @@ TEST_F(KsctlTest, CallGivesUpAfterFiveSecondsAtLeastWithStatus11) {
     EXPECT_LT(took, std::chrono::seconds(15));
 }
 
+TEST_F(KsctlTest, TimeoutZeroWaitsWithoutALimit) {
+    start_service(name_);
+    const finished call = ksctl({"call", name_, "late", "--timeout", "0"});
+    EXPECT_EQ(call.status, 0) << call.err;
+    EXPECT_EQ(call.out, "tested");
+}
+
+// A reply says failure by three keys; one that is no JSON object says nothing.
+TEST_F(KsctlTest, CheckedCallTellsAReplyThatSaysFailure) {
+    start_service(name_);
+    for (const char* reply :
+         {R"({"error_msg":"x"})", R"({"error_code":-1})", R"({"result":-1})", R"({"result":32512})"}) {
+        const finished call = ksctl({"call", name_, "echo", reply, "--check"});
+        EXPECT_EQ(call.status, 19) << reply;
+        EXPECT_EQ(call.out, reply);
+        EXPECT_THAT(call.err, IsEmpty());
+        EXPECT_EQ(ksctl({"call", name_, "echo", reply}).status, 0) << reply;
+    }
+    for (const char* reply : {R"({"result":0,"error_code":0})", R"({"result":"text"})", "text", "-1", "[1]", ""}) {
+        EXPECT_EQ(ksctl({"call", name_, "echo", "--check", "--", reply}).status, 0) << reply;
+    }
+}
+
 TEST_F(KsctlTest, CallTellsWhenNobodyTookTheRequestInTime) {
     raw_service nobody(folder_ + "/s");
     const finished call = ksctl({"call", name_, "echo", "--timeout", "5"});
@@ -400,8 +466,14 @@ TEST_F(KsctlTest, PathFollowsTheNamingRule) {
     EXPECT_EQ(ksctl({"path", std::string(65, 'x')}).status, 17);
 }
 
+TEST_F(KsctlTest, ListSaysWhenThereIsNothing) {
+    const finished list = ksctl({"list"});
+    EXPECT_EQ(list.status, 0);
+    EXPECT_THAT(list.out, IsEmpty());
+    EXPECT_EQ(list.err, "ksctl: no service has a socket in /var/run/ks\n");
+}
+
 TEST_F(KsctlTest, ListShowsSocketsWithStateAndKnownNames) {
-    EXPECT_EQ(ksctl({"list"}).status, 0);
     start_service("VexHubServer_notify-vexprod");
     { raw_service left_behind("/var/run/ks/A9993E36.sock"); }
     std::ofstream("/var/run/ks/5C7A9C5E.sock") << "not a socket";
@@ -449,7 +521,9 @@ TEST_F(KsctlTest, ListTellsWhenThereIsNoFolderToRead) {
 TEST_F(KsctlTest, WaitGivesUpAtItsTimeout) {
     const finished wait = ksctl({"wait", name_, "--timeout", "0.1"});
     EXPECT_EQ(wait.status, 11);
-    EXPECT_EQ(wait.err, "ksctl: time-out: " + name_ + " (" + folder_ + "/s) accepted no connection within 0.1 s\n");
+    EXPECT_EQ(wait.err,
+              "ksctl: time-out: " + name_ + " (" + folder_ +
+                  "/s) accepted no connection within 0.1 s: No such file or directory; nothing is published there\n");
 }
 
 // ---- listen, ping
@@ -592,7 +666,35 @@ TEST_F(KsctlTest, PingOfAPausedServiceHasNoTimes) {
     ks_pause(service_);
     const finished ping = ksctl({"ping", name_, "-c", "1"});
     EXPECT_EQ(ping.status, 13);
-    EXPECT_EQ(ping.out, "1: service is paused: " + name_ + "\n1 calls, 0 answered\n");
+    EXPECT_EQ(ping.out, "1 calls, 0 answered\n");
+    EXPECT_EQ(ping.err, "ksctl: 1: service is paused: " + name_ + "\n");
+}
+
+TEST_F(KsctlTest, InterruptedPingPrintsItsStatistics) {
+    start_service(name_);
+    running_program ping({KSCTL_PROGRAM, "ping", name_, "-c", "100000000"});
+    EXPECT_THAT(ping.read_line(), StartsWith("1: 6 bytes in "));
+    ping.kill(SIGINT);
+    const finished ended = ping.wait();
+    EXPECT_EQ(ended.status, 0);
+    EXPECT_THAT(ended.out, ContainsRegex("[0-9]+ calls, [0-9]+ answered, min/avg/max .*\n$"));
+}
+
+TEST_F(KsctlTest, InterruptedPingDoesNotWaitForItsService) {
+    raw_service service(folder_ + "/s");
+    std::atomic<bool> connected = false;
+    std::atomic<bool> over = false;
+    service.serve_one([&](int) {
+        connected = true;
+        connected.notify_one();
+        over.wait(false);
+    });
+    running_program ping({KSCTL_PROGRAM, "ping", name_, "--timeout", "0"});
+    connected.wait(false);
+    ping.kill(SIGTERM);
+    EXPECT_EQ(ping.wait().out, "1 calls, 0 answered\n");
+    over = true;
+    over.notify_one();
 }
 
 // ---- the command line itself
@@ -612,10 +714,25 @@ TEST_F(KsctlTest, WrongUsageIsStatus2) {
     }
 }
 
+TEST_F(KsctlTest, WrongUsagePointsToTheHelpThatKnows) {
+    EXPECT_EQ(ksctl({"cal"}).err, "ksctl: no subcommand cal; did you mean call? (see ksctl --help)\n");
+    EXPECT_EQ(ksctl({"frobnicate"}).err, "ksctl: no subcommand frobnicate (see ksctl --help)\n");
+    EXPECT_EQ(ksctl({"call", name_}).err, "ksctl: COMMAND is required (see ksctl call --help)\n");
+    EXPECT_THAT(ksctl({"--nope"}).err, HasSubstr("(see ksctl --help)\n"));
+    for (const std::vector<std::string>& arguments : {std::vector<std::string>{"wait", name_, "--timeout", "-1"},
+                                                      {"wait", name_, "--timeout", "1e300"},
+                                                      {"ping", name_, "-c", "0"}}) {
+        const std::string error = ksctl(arguments).err;
+        EXPECT_THAT(error, HasSubstr(" not in range "));
+        EXPECT_LT(error.size(), 100U) << error;
+        EXPECT_THAT(error, HasSubstr("(see ksctl " + arguments[0] + " --help)\n"));
+    }
+}
+
 TEST_F(KsctlTest, HelpOfEachCommandEndsWithAnExample) {
     EXPECT_THAT(ksctl({"--help"}).out,
                 HasSubstr("  18  the request was taken, and the connection ended without a reply"));
-    for (const char* command : {"call", "listen", "list", "path", "ping", "wait"}) {
+    for (const char* command : {"call", "commands", "describe", "doctor", "listen", "list", "path", "ping", "wait"}) {
         const finished help = ksctl({command, "--help"});
         EXPECT_EQ(help.status, 0);
         EXPECT_THAT(help.out, HasSubstr(std::string("\nExample:\n  ksctl ") + command));

@@ -1,9 +1,8 @@
 #include "command_document.h"
 
-#include "test_files.h"
-
 #include <algorithm>
 #include <array>
+#include <cctype>
 #include <cstddef>
 #include <sstream>
 #include <stdexcept>
@@ -47,10 +46,21 @@ documented_line read_line(std::string text) {
     return {"", {}, text};
 }
 
-// "## Main service: `NAME`"
-std::string service_of(const std::string& heading) {
+// What the heading "## Main service: `NAME`" opens; another heading opens nothing.
+struct service_section {
+    std::string section;
+    std::string service;
+};
+
+service_section section_of(const std::string& heading) {
+    const std::size_t word_end = heading.find(" service: `");
+    if (word_end == std::string::npos) {
+        return {};
+    }
     const std::size_t begin = heading.find('`') + 1;
-    return heading.substr(begin, heading.rfind('`') - begin);
+    std::string section = heading.substr(3, word_end - 3);
+    std::transform(section.begin(), section.end(), section.begin(), [](unsigned char c) { return std::tolower(c); });
+    return {std::move(section), heading.substr(begin, heading.rfind('`') - begin)};
 }
 
 // The lines of a block up to its fence.
@@ -84,6 +94,10 @@ void read_entry_line(const std::string& line, std::istream& document, documented
 
 } // namespace
 
+std::size_t documented_line::colon() const {
+    return text.find(": ", text.starts_with(" to `") ? text.rfind('`') : 0);
+}
+
 std::vector<documented_line> documented_command::lines_of(std::string_view word) const {
     std::vector<documented_line> found;
     std::copy_if(lines.begin(), lines.end(), std::back_inserter(found),
@@ -91,23 +105,46 @@ std::vector<documented_line> documented_command::lines_of(std::string_view word)
     return found;
 }
 
+// A key's line goes on behind its name as " (TYPE of a rule, default WHAT): MEANING"; all but the type may be missing.
+std::vector<documented_key> documented_command::keys() const {
+    std::vector<documented_key> keys;
+    for (const documented_line& line : lines_of("Key")) {
+        const std::size_t end = line.text.find("): ");
+        if (line.code.size() != 1 || !line.text.starts_with(" (") || end == std::string::npos) {
+            refuse("Key" + line.text);
+        }
+        const std::string kind = line.text.substr(2, end - 2);
+        documented_key key;
+        key.name = line.code.front();
+        key.type = kind.substr(0, kind.find_first_of(", "));
+        key.of_rule = kind.find(" of a rule") != std::string::npos;
+        key.required = !key.of_rule && kind.find(", default ") == std::string::npos;
+        key.meaning = line.text.substr(end + 3);
+        if (const std::size_t standard = kind.find(", default "); standard != std::string::npos) {
+            key.standard = kind.substr(standard + std::string_view(", default ").size());
+        }
+        keys.push_back(std::move(key));
+    }
+    return keys;
+}
+
 bool documented_command::says(std::string_view text) const {
     return std::any_of(lines.begin(), lines.end(),
                        [text](const documented_line& line) { return line.text.find(text) != std::string::npos; });
 }
 
-std::vector<documented_command> read_command_document(const std::string& path) {
-    std::istringstream document(read_file(path));
+std::vector<documented_command> read_command_document(const std::string& text) {
+    std::istringstream document(text);
     std::vector<documented_command> commands;
     std::vector<std::vector<std::string>> items; // of each command, continuation lines joined
-    std::string service;
+    service_section current;
     for (std::string line; std::getline(document, line);) {
         if (line.starts_with("## ")) {
-            service = line.find(" service: `") != std::string::npos ? service_of(line) : "";
+            current = section_of(line);
         } else if (line.starts_with("### `") && line.ends_with('`')) {
-            commands.push_back({service, line.substr(5, line.size() - 6), "", {}, "", ""});
+            commands.push_back({current.section, current.service, line.substr(5, line.size() - 6), "", {}, "", ""});
             items.emplace_back();
-        } else if (!service.empty() && !commands.empty()) {
+        } else if (!current.service.empty() && !commands.empty()) {
             read_entry_line(line, document, commands.back(), items.back());
         }
     }
