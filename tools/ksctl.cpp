@@ -18,7 +18,8 @@ namespace ksctl {
 
 namespace {
 
-constexpr std::array kCommands = {&cmd_call, &cmd_commands, &cmd_listen, &cmd_list, &cmd_path, &cmd_ping, &cmd_wait};
+constexpr std::array kCommands = {&cmd_call, &cmd_commands, &cmd_conform, &cmd_listen,
+                                  &cmd_list, &cmd_path,     &cmd_ping,    &cmd_wait};
 
 constexpr const char* kFooter =
     "A SERVICE is a name, or \"@/path\" for a service that is published at a path of its own.\n"

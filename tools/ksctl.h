@@ -40,6 +40,7 @@ struct command {
 
 extern const command cmd_call;
 extern const command cmd_commands;
+extern const command cmd_conform;
 extern const command cmd_listen;
 extern const command cmd_list;
 extern const command cmd_path;
