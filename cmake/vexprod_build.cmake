@@ -95,8 +95,8 @@ function(vexprod_add_test name)
 endfunction()
 
 # vexprod_add_pytest(NAME FILE.py ... [TIMEOUT seconds])
-# The files' tests as one ctest entry, in a fresh simulated host. They find the build folder in $BUILD, and c_service.c's
-# program in $C_SERVICE.
+# The files' tests as one ctest entry, in a fresh simulated host. They find the build folder in $BUILD, and the programs
+# that they talk to in $C_SERVICE and $CPP_PEER.
 function(vexprod_add_pytest name)
     cmake_parse_arguments(ARG "" "TIMEOUT" "" ${ARGN})
     if(NOT ARG_TIMEOUT)
@@ -108,5 +108,6 @@ function(vexprod_add_pytest name)
         COMMAND "${PROJECT_SOURCE_DIR}/hostsim/enter" --build "${CMAKE_BINARY_DIR}"
                 /usr/bin/python3 -B -m pytest -q -p no:cacheprovider ${ARG_UNPARSED_ARGUMENTS})
     set_tests_properties(${name} PROPERTIES
-        ENVIRONMENT "BUILD=${CMAKE_BINARY_DIR};C_SERVICE=${CMAKE_BINARY_DIR}/tests/c_service" TIMEOUT ${ARG_TIMEOUT} LABELS ${folder})
+        ENVIRONMENT "BUILD=${CMAKE_BINARY_DIR};C_SERVICE=${CMAKE_BINARY_DIR}/tests/c_service;CPP_PEER=${CMAKE_BINARY_DIR}/tests/cpp_peer"
+        TIMEOUT ${ARG_TIMEOUT} LABELS ${folder})
 endfunction()

@@ -28,8 +28,8 @@ namespace ksctl {
 
 namespace {
 
-constexpr std::array kCommands = {&cmd_call, &cmd_commands, &cmd_describe, &cmd_doctor, &cmd_listen,
-                                  &cmd_list, &cmd_path,     &cmd_ping,     &cmd_wait};
+constexpr std::array kCommands = {&cmd_call,   &cmd_commands, &cmd_conform, &cmd_describe, &cmd_doctor,
+                                  &cmd_listen, &cmd_list,     &cmd_path,    &cmd_ping,     &cmd_wait};
 
 constexpr const char* kFooter =
     "A SERVICE is a name, main for VexHubServer-vexprod, mail for VexHubServer_send_mail-vexprod, or \"@/path\"\n"

@@ -39,8 +39,8 @@ struct limits {
 struct option {
     const char* name; ///< "--name", "-n,--name", or for a word "NAME".
     /// Where the value goes; what stands there before is the default. A bool is a flag. A word has to be there, unless
-    /// it is a std::optional.
-    std::variant<bool*, unsigned*, double*, std::string*, std::optional<std::string>*> value;
+    /// it is a std::optional; a std::vector takes all that are there.
+    std::variant<bool*, unsigned*, double*, std::string*, std::optional<std::string>*, std::vector<std::string>*> value;
     const char* help;
     const char* value_name = "";                ///< What the help calls the value that an option takes.
     std::optional<limits> range = std::nullopt; ///< Of a number.
@@ -64,6 +64,7 @@ struct command {
 
 extern const command cmd_call;
 extern const command cmd_commands;
+extern const command cmd_conform;
 extern const command cmd_describe;
 extern const command cmd_doctor;
 extern const command cmd_listen;

@@ -1,8 +1,8 @@
 """The service side: one thread that accepts callers, and the workers, each of which serves one caller at a time.
 
-A caller waits in `_waiting` until a worker takes it out; whoever takes it out closes it. The accepting thread alone puts
-callers in, so an event of a caller that is still in there is that caller's, and not one of an earlier one with the same
-number.
+A caller waits in `_waiting` until a worker takes it out; whoever takes it out closes it. The accepting thread alone
+puts callers in, so an event of a caller that is still in there is that caller's, and not one of an earlier one with the
+same number.
 """
 
 from __future__ import annotations

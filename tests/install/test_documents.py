@@ -5,6 +5,7 @@ A block of code whose first line is a comment with a file's name is that file; a
 """
 
 import ctypes
+import html
 import os
 import re
 import shutil
@@ -136,3 +137,11 @@ def test_contributings_diff_is_in_the_tree():
             lines = [line[1:] for line in hunk.splitlines() if line[:1] in ("+", " ")]
             added = "\n".join(lines).strip("\n")
             assert added in text, f"{name}:\n{added}"
+
+
+def test_picture_is_drawn_from_its_source():
+    source = (TREE / "docs/request.dot").read_text()
+    drawn = html.unescape((TREE / "docs/request.svg").read_text())
+    texts = [line for label in re.findall(r'label="([^"]+)"', source) for line in label.split("\\n")]
+    assert len(texts) > 15
+    assert sorted(texts) == sorted(re.findall(r"<text[^>]*>([^<]*)</text>", drawn))

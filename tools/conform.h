@@ -1,0 +1,75 @@
+// ksctl conform: holds what a service or a client says on its sockets against docs/protocol.md.
+//
+// A check's name is the document's own sentence (the test suite looks it up there), so that a failure can be read where
+// the rule stands. conform_service.cpp plays a caller, conform_client.cpp a service; both speak the wire themselves, as
+// the library would not say anything wrong.
+#pragma once
+
+#include "unique_fd.h"
+
+#include <chrono>
+#include <cstdint>
+#include <cstdio>
+#include <functional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace ksctl::conform {
+
+/// Prints each check as it ends, and counts.
+class report {
+public:
+    /// `trouble` is what was seen instead; empty = the rule is kept.
+    void add(const char* rule, const std::string& trouble);
+    void skip(const char* rule, const std::string& why);
+    /// Prints the sum. @return The exit status: 0 when all checks passed that were made.
+    int end();
+
+private:
+    void print_line(const char* mark, const char* rule, const std::string& remark);
+
+    int passed_ = 0;
+    int failed_ = 0;
+    int skipped_ = 0;
+    bool printed_ = true; // so far
+};
+
+/// What one receive brought. No bytes = the connection has ended, or `silent`.
+struct heard {
+    std::string bytes;
+    std::vector<unique_fd> descriptors;
+    bool silent = false; ///< nothing came in time
+};
+
+/// How long the other side may take for a step. Set once, before the checks.
+inline std::chrono::milliseconds patience{30000};
+/// How long silence is listened to where silence is the rule.
+constexpr std::chrono::milliseconds kListening{200};
+
+/// "`what`: `trouble`", if there is any.
+std::string with(const char* what, const std::string& trouble);
+
+/// Receives once, at most `size` bytes and 8 descriptors.
+heard hear(int socket, size_t size, std::chrono::milliseconds longest = patience);
+/// What is wrong with `message` as a directive of type `type`; empty = nothing.
+std::string wrong_directive(const heard& message, uint8_t type);
+/// A whole directive.
+std::string make_directive(uint8_t type, uint8_t flags = 0, std::string_view data = "");
+/// Sends without SIGPIPE; that the other side has gone shows in what is heard next.
+void send_bytes(int socket, std::string_view bytes);
+/// Sends one data byte with the descriptors, which may be none.
+void send_descriptors(int socket, const std::vector<int>& descriptors);
+/// The file's content, read without moving its offset.
+std::string content_of(int fd);
+/// A memory file with `text` in it and its offset at the end.
+unique_fd memory_file(std::string_view text, unsigned flags = 0);
+
+/// Checks the service that listens at `path`. `command` with `request` has to be one that is answered.
+/// @param slow  Also the check that takes half a minute.
+int check_service(const std::string& path, const std::string& command, const std::string& request, bool slow);
+/// Checks the program: run with SERVICE, COMMAND and REQUEST after its own words it has to print the reply, and without
+/// one to end with another status than 0.
+int check_client(const std::vector<std::string>& program);
+
+} // namespace ksctl::conform
