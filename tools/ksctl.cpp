@@ -79,6 +79,7 @@ bool is_subcommand(std::string_view word) {
 
 int unknown_subcommand(const char* given) {
     std::vector<std::string> names;
+    names.reserve(kCommands.size());
     for (const command* each : kCommands) {
         names.emplace_back(each->name);
     }
