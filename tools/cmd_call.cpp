@@ -7,8 +7,6 @@
 #include "service_socket.h"
 #include "unique_fd.h"
 
-#include <CLI/CLI.hpp>
-
 #include <array>
 #include <cerrno>
 #include <cstring>
@@ -135,28 +133,26 @@ int call(const call_options& options) {
     return failed ? kSaysFailure : kSuccess;
 }
 
-std::function<int()> declare(CLI::App& app) {
+declaration declare() {
     auto options = std::make_shared<call_options>();
-    app.add_option("SERVICE", options->service, "The service's name")->required();
-    app.add_option("COMMAND", options->command, "The command's name")->required();
-    app.add_option("REQUEST", options->request,
-                   "The request's text, @FILE for a file's content, or - for standard input; none = empty");
-    app.add_option(
-           "--timeout", options->timeout_s,
-           "Seconds to wait for the reply, 0 = without limit; 1 to 4 count as 5, as in every call through the library")
-        ->type_name("S")
-        ->capture_default_str();
-    app.add_option(
-           "--output", options->output_path,
-           "Hand over this file, created or truncated, as the command's own standard output; not for its tools'")
-        ->type_name("FILE");
-    app.add_flag("--pretty", options->pretty, "Indent the reply if it is JSON; otherwise it is printed as it came");
-    app.add_flag("--check", options->check,
-                 "End with status 19 when the reply says failure: it has an \"error_msg\", or an \"error_code\" or a "
-                 "\"result\" other than 0");
-    app.add_flag("-v,--verbose", options->verbose,
-                 "Say on standard error why a request was refused or failed, as on a terminal");
-    return [options] { return call(*options); };
+    return {
+        {{"SERVICE", &options->service, "The service's name"},
+         {"COMMAND", &options->command, "The command's name"},
+         {"REQUEST", &options->request,
+          "The request's text, @FILE for a file's content, or - for standard input; none = empty"},
+         {"--timeout", &options->timeout_s,
+          "Seconds to wait for the reply, 0 = without limit; 1 to 4 count as 5, as in every call through the library",
+          "S"},
+         {"--output", &options->output_path,
+          "Hand over this file, created or truncated, as the command's own standard output; not for its tools'",
+          "FILE"},
+         {"--pretty", &options->pretty, "Indent the reply if it is JSON; otherwise it is printed as it came"},
+         {"--check", &options->check,
+          "End with status 19 when the reply says failure: it has an \"error_msg\", or an \"error_code\" or a \"result\" "
+          "other than 0"},
+         {"-v,--verbose", &options->verbose,
+          "Say on standard error why a request was refused or failed, as on a terminal"}},
+        [options] { return call(*options); }};
 }
 
 } // namespace

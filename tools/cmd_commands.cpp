@@ -3,8 +3,6 @@
 #include "ksctl.h"
 #include "service_socket.h"
 
-#include <CLI/CLI.hpp>
-
 #include <algorithm>
 #include <cstddef>
 #include <memory>
@@ -34,10 +32,10 @@ int list_commands(const std::string& service) {
     return print(table) ? kSuccess : kFailure;
 }
 
-std::function<int()> declare(CLI::App& app) {
+declaration declare() {
     auto service = std::make_shared<std::string>();
-    app.add_option("--service", *service, "Only this service's: main or mail")->type_name("NAME");
-    return [service] { return list_commands(*service); };
+    return {{{"--service", service.get(), "Only this service's: main or mail", "NAME"}},
+            [service] { return list_commands(*service); }};
 }
 
 } // namespace

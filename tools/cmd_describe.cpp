@@ -4,8 +4,6 @@
 #include "near_name.h"
 #include "service_socket.h"
 
-#include <CLI/CLI.hpp>
-
 #include <memory>
 #include <sstream>
 #include <string>
@@ -138,11 +136,11 @@ int describe(const describe_options& options) {
     return print(text) ? kSuccess : kFailure;
 }
 
-std::function<int()> declare(CLI::App& app) {
+declaration declare() {
     auto options = std::make_shared<describe_options>();
-    app.add_option("COMMAND", options->command, "The command's name")->required();
-    app.add_option("--service", options->service, "Only this service's command: main or mail")->type_name("NAME");
-    return [options] { return describe(*options); };
+    return {{{"COMMAND", &options->command, "The command's name"},
+             {"--service", &options->service, "Only this service's command: main or mail", "NAME"}},
+            [options] { return describe(*options); }};
 }
 
 } // namespace

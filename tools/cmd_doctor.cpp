@@ -6,8 +6,6 @@
 #include "service_socket.h"
 #include "unique_fd.h"
 
-#include <CLI/CLI.hpp>
-
 #include <algorithm>
 #include <array>
 #include <cerrno>
@@ -351,8 +349,8 @@ int examine() {
     return findings.status();
 }
 
-std::function<int()> declare(CLI::App& /*app*/) {
-    return examine;
+declaration declare() {
+    return {{}, examine};
 }
 
 } // namespace

@@ -2,8 +2,6 @@
 #include "ksctl.h"
 #include "service_socket.h"
 
-#include <CLI/CLI.hpp>
-
 #include <algorithm>
 #include <array>
 #include <cstdio>
@@ -62,8 +60,8 @@ int list() {
     return print(table) ? kSuccess : kFailure;
 }
 
-std::function<int()> declare(CLI::App& /*app*/) {
-    return list;
+declaration declare() {
+    return {{}, list};
 }
 
 } // namespace

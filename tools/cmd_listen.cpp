@@ -9,8 +9,6 @@
 #include "stop_signals.h"
 #include "unique_fd.h"
 
-#include <CLI/CLI.hpp>
-
 #include <array>
 #include <atomic>
 #include <cerrno>
@@ -147,14 +145,12 @@ int listen_as(const listen_options& options) {
     return state.status;
 }
 
-std::function<int()> declare(CLI::App& app) {
+declaration declare() {
     auto options = std::make_shared<listen_options>();
-    app.add_option("SERVICE", options->service, "The name to serve, which nobody else serves")->required();
-    app.add_option("--count", options->count, "End after this many requests; 0 = never")
-        ->type_name("N")
-        ->capture_default_str();
-    app.add_option("--reply", options->reply, "The text to answer with")->type_name("TEXT")->capture_default_str();
-    return [options] { return listen_as(*options); };
+    return {{{"SERVICE", &options->service, "The name to serve, which nobody else serves"},
+             {"--count", &options->count, "End after this many requests; 0 = never", "N"},
+             {"--reply", &options->reply, "The text to answer with", "TEXT"}},
+            [options] { return listen_as(*options); }};
 }
 
 } // namespace

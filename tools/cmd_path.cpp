@@ -2,8 +2,6 @@
 #include "ksctl.h"
 #include "service_socket.h"
 
-#include <CLI/CLI.hpp>
-
 #include <memory>
 #include <string>
 
@@ -11,15 +9,14 @@ namespace ksctl {
 
 namespace {
 
-std::function<int()> declare(CLI::App& app) {
+declaration declare() {
     auto name = std::make_shared<std::string>();
-    app.add_option("SERVICE", *name, "The service's name")->required();
-    return [name]() -> int {
-        if (!check_service_name(*name)) {
-            return kBadArgument;
-        }
-        return print(service_path(*name) + '\n') ? kSuccess : kFailure;
-    };
+    return {{{"SERVICE", name.get(), "The service's name"}}, [name]() -> int {
+                if (!check_service_name(*name)) {
+                    return kBadArgument;
+                }
+                return print(service_path(*name) + '\n') ? kSuccess : kFailure;
+            }};
 }
 
 } // namespace

@@ -5,8 +5,6 @@
 #include "stop_signals.h"
 #include "unique_fd.h"
 
-#include <CLI/CLI.hpp>
-
 #include <algorithm>
 #include <array>
 #include <cerrno>
@@ -118,21 +116,15 @@ int ping(const ping_options& options) {
     return status;
 }
 
-std::function<int()> declare(CLI::App& app) {
+declaration declare() {
     auto options = std::make_shared<ping_options>();
-    app.add_option("SERVICE", options->service, "The service's name")->required();
-    app.add_option("-c,--count", options->count, "Number of calls, one after the other")
-        ->type_name("N")
-        ->check(CLI::Range(1U, std::numeric_limits<unsigned>::max()).description(""))
-        ->capture_default_str();
-    app.add_option("--command", options->command, "The command to call, with an empty request")
-        ->type_name("COMMAND")
-        ->capture_default_str();
-    app.add_option("--timeout", options->timeout_s,
-                   "Seconds to wait for each reply, 0 = without limit; 1 to 4 count as 5")
-        ->type_name("S")
-        ->capture_default_str();
-    return [options] { return ping(*options); };
+    return {{{"SERVICE", &options->service, "The service's name"},
+             {"-c,--count", &options->count, "Number of calls, one after the other", "N",
+              limits{1, std::numeric_limits<unsigned>::max()}},
+             {"--command", &options->command, "The command to call, with an empty request", "COMMAND"},
+             {"--timeout", &options->timeout_s, "Seconds to wait for each reply, 0 = without limit; 1 to 4 count as 5",
+              "S"}},
+            [options] { return ping(*options); }};
 }
 
 } // namespace

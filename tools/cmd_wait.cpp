@@ -2,8 +2,6 @@
 #include "ksctl.h"
 #include "service_socket.h"
 
-#include <CLI/CLI.hpp>
-
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
@@ -47,14 +45,11 @@ int wait_for(const wait_options& options) {
     return kSuccess;
 }
 
-std::function<int()> declare(CLI::App& app) {
+declaration declare() {
     auto options = std::make_shared<wait_options>();
-    app.add_option("SERVICE", options->service, "The service's name")->required();
-    app.add_option("--timeout", options->timeout_s, "Seconds to wait, 0 = look once")
-        ->type_name("S")
-        ->check(CLI::Range(0.0, kLongestTimeoutS).description(""))
-        ->capture_default_str();
-    return [options] { return wait_for(*options); };
+    return {{{"SERVICE", &options->service, "The service's name"},
+             {"--timeout", &options->timeout_s, "Seconds to wait, 0 = look once", "S", limits{0, kLongestTimeoutS}}},
+            [options] { return wait_for(*options); }};
 }
 
 } // namespace

@@ -14,10 +14,14 @@
 #include <cstdio>
 #include <cstring>
 #include <exception>
+#include <functional>
 #include <iostream>
 #include <string>
 #include <string_view>
+#include <type_traits>
 #include <unistd.h>
+#include <utility>
+#include <variant>
 #include <vector>
 
 namespace ksctl {
@@ -73,6 +77,31 @@ int complete(const std::vector<std::string>& words, const CLI::App& app) {
     return print(lines) ? kSuccess : kFailure;
 }
 
+// Tells the parser of an option.
+void add(CLI::App& app, const option& declared) {
+    const auto add_to = [&](auto* value) {
+        using kind = std::remove_pointer_t<decltype(value)>;
+        if constexpr (std::is_same_v<kind, bool>) {
+            app.add_flag(declared.name, *value, declared.help);
+        } else {
+            CLI::Option* added = app.add_option(declared.name, *value, declared.help);
+            if (*declared.value_name != '\0') {
+                added->type_name(declared.value_name);
+            }
+            if constexpr (!std::is_same_v<kind, std::optional<std::string>>) {
+                added->required(added->get_positional())->capture_default_str();
+            }
+            if constexpr (std::is_arithmetic_v<kind>) {
+                if (declared.range) {
+                    const auto [least, most] = *declared.range;
+                    added->check(CLI::Range(static_cast<kind>(least), static_cast<kind>(most)).description(""));
+                }
+            }
+        }
+    };
+    std::visit(add_to, declared.value);
+}
+
 bool is_subcommand(std::string_view word) {
     return std::any_of(kCommands.begin(), kCommands.end(), [word](const command* each) { return word == each->name; });
 }
@@ -104,7 +133,11 @@ int parse_and_run(int argc, char** argv) {
         CLI::App* subcommand = app.add_subcommand(each->name, each->summary);
         const std::string details = each->details;
         subcommand->footer(details + (details.empty() ? "" : "\n\n") + "Example:\n  " + each->example);
-        subcommand->callback([&action, body = each->declare(*subcommand)] { action = body; });
+        declaration declared = each->declare();
+        for (const option& option : declared.options) {
+            add(*subcommand, option);
+        }
+        subcommand->callback([&action, body = std::move(declared.run)] { action = body; });
     }
     if (argc > 1 && argv[1] == kComplete) {
         return complete({argv + 2, argv + argc}, app);

@@ -5,11 +5,11 @@
 #pragma once
 
 #include <functional>
+#include <optional>
+#include <string>
 #include <string_view>
-
-namespace CLI {
-class App;
-}
+#include <variant>
+#include <vector>
 
 namespace ksctl {
 
@@ -30,14 +30,36 @@ enum exit_status : int {
     kNotWell = 20,      ///< doctor has found something
 };
 
+struct limits {
+    double least;
+    double most;
+};
+
+/// An option of a subcommand, or a word of its command line.
+struct option {
+    const char* name; ///< "--name", "-n,--name", or for a word "NAME".
+    /// Where the value goes; what stands there before is the default. A bool is a flag. A word has to be there, unless
+    /// it is a std::optional.
+    std::variant<bool*, unsigned*, double*, std::string*, std::optional<std::string>*> value;
+    const char* help;
+    const char* value_name = "";                ///< What the help calls the value that an option takes.
+    std::optional<limits> range = std::nullopt; ///< Of a number.
+};
+
+/// What a subcommand declares. The parser's header takes longer to compile than all the rest of ksctl: ksctl.cpp alone
+/// includes it.
+struct declaration {
+    std::vector<option> options;
+    std::function<int()> run; ///< Runs it once the options have their values. Its result is the exit status.
+};
+
 /// One subcommand.
 struct command {
     const char* name;
     const char* summary; ///< One line.
     const char* details; ///< Further lines of its help text, or "".
     const char* example; ///< Ends the help text.
-    /// Declares the options on `app` and returns what runs once they are parsed. Its result is the exit status.
-    std::function<int()> (*declare)(CLI::App& app);
+    declaration (*declare)();
 };
 
 extern const command cmd_call;

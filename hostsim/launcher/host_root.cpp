@@ -206,23 +206,27 @@ void mount_devices(const std::vector<held_path>& devices) {
     }
 }
 
-void fill_layer(const host_view& view) {
+} // namespace
+
+void fill_layer(const host_view& view, const std::string& layer) {
     for (const char* folder : {"/var/lib/hostsim/calls", "/var/lib/hostsim/knobs"}) {
-        make_directory(kLayer + folder, 01777);
+        make_directory(layer + folder, 01777);
     }
     // Where root is an ordinary user outside, the machine's files belong to nobody whom it knows, and cannot be
     // changed. These are the host's own: the folders that it writes to, and a program that a test takes away.
-    make_directory(kLayer + "/var/log", 0755);
-    make_directory(kLayer + "/var/tmp", 01777);
+    make_directory(layer + "/var/log", 0755);
+    make_directory(layer + "/var/tmp", 01777);
     if (fs::exists("/usr/bin/getfattr")) {
-        make_directory(kLayer + "/usr/bin", 0755);
-        fs::copy_file("/usr/bin/getfattr", kLayer + "/usr/bin/getfattr");
+        make_directory(layer + "/usr/bin", 0755);
+        fs::copy_file("/usr/bin/getfattr", layer + "/usr/bin/getfattr");
     }
-    make_file(kLayer + "/.hostsim", 0444); // how a nested hostsim/enter knows where it is
-    copy_tree(view.project + "/hostsim/root", kLayer);
-    copy_tree(view.build + "/hostsim-root", kLayer);
-    install_tools(view.build + "/bin/hosttool", view.build + "/hostsim-tools.list", kLayer);
+    make_file(layer + "/.hostsim", 0444); // how a nested hostsim/enter knows where it is
+    copy_tree(view.project + "/hostsim/root", layer);
+    copy_tree(view.build + "/hostsim-root", layer);
+    install_tools(view.build + "/bin/hosttool", view.build + "/hostsim-tools.list", layer);
 }
+
+namespace {
 
 // Takes this mount namespace's mounts out of the machine's reach. In a plain chroot "/" is a folder of some mount,
 // which can be neither made private nor pivoted from: it is made a mount first, from outside of the chroot, because the
@@ -271,7 +275,7 @@ void become_host(const host_view& view) {
     umask(022);
     make_directory(kRoot, 0755);
     make_directory(kLayer, 0755);
-    fill_layer(view);
+    fill_layer(view, kLayer);
     if (view.user_namespace) {
         mount_machine_folders(view);
     } else {

@@ -20,6 +20,9 @@ struct host_view {
 /// Throws std::system_error that names the step.
 void become_host(const host_view& view);
 
+/// Makes the host's own files below the directory `layer`, at their paths.
+void fill_layer(const host_view& view, const std::string& layer);
+
 /// Copies the tree `from` under the directory `to`. A directory that is a symbolic link on this machine, such as
 /// /sbin, is followed, so that a copied tree never hides what the link leads to. Modes are 0755 or 0644 by the x bit.
 void copy_tree(const std::string& from, const std::string& to);

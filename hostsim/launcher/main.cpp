@@ -1,4 +1,5 @@
 // hostlauncher PROJECT BUILD COMMAND [ARG...] - the program behind hostsim/enter.
+// hostlauncher PROJECT BUILD --layer DIRECTORY - only makes the host's own files there, for hostsim/in_place.
 //
 // Two processes stand between the caller and the command. The outer one makes the namespaces, passes signals on and
 // returns the command's status. The inner one is process 1 of the host: it builds the root, starts the command,
@@ -11,6 +12,7 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <exception>
 #include <fcntl.h>
 #include <filesystem>
@@ -153,6 +155,11 @@ int enter(char** arguments) {
                    .build = fs::weakly_canonical(fs::absolute(arguments[1])).string(),
                    .cwd = fs::current_path().string(),
                    .user_namespace = false};
+    if (std::strcmp(arguments[2], "--layer") == 0 && arguments[3] != nullptr) {
+        umask(022);
+        fill_layer(view, arguments[3]);
+        return 0;
+    }
     const uid_t uid = geteuid();
     const gid_t gid = getegid();
     std::array<int, 2> alive{};

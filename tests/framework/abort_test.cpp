@@ -3,7 +3,7 @@
 #include "framework_support.h"
 #include "internal.h"
 #include "kservice.h"
-#include "real_root.h"
+#include "privileges.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -390,7 +390,7 @@ TEST_F(AbortDeathTest, ListeningSocketCannotBeMade) {
 }
 
 TEST_F(AbortDeathTest, SocketCannotBeBound) {
-    SKIP_WITHOUT_REAL_ROOT("Starts a service as another user");
+    SKIP_UNLESS(may_become_others(), "starts a service as another user, which takes the machine's root");
     const char* line = "[ABORT] @ks_producer_worker_init() producer-worker bind listen socket fail: "
                        "`bind(producer_worker->sockfd[1], (struct sockaddr *) &sockaddr, sizeof(struct sockaddr_un)) "
                        "== 0'\n";
@@ -496,7 +496,7 @@ TEST_F(AbortDeathTest, EndOfTheLinkCannotBeSetUp) {
 }
 
 TEST_F(AbortDeathTest, ThreadOrProcessCannotBeMade) {
-    SKIP_WITHOUT_REAL_ROOT("Starts services as another user");
+    SKIP_UNLESS(may_become_others(), "starts services as another user, which takes the machine's root");
     ASSERT_EQ(chmod(dir_.path().c_str(), 0777), 0);
     for (const unsigned mode : {4U, 5U}) {
         EXPECT_ABORT(

@@ -1,7 +1,7 @@
 // The consumer: what it accepts from callers, what the callback gets, and whom it drops.
 #include "framework_support.h"
 #include "kservice.h"
-#include "real_root.h"
+#include "privileges.h"
 #include "silent_file.h"
 
 #include <gtest/gtest.h>
@@ -774,7 +774,7 @@ TEST(ConsumerCallbackTest, GetsTheCallersCredentials) {
 }
 
 TEST(ConsumerCallbackTest, CredentialsAreThoseOfTheConnection) {
-    SKIP_WITHOUT_REAL_ROOT("Calls as another user");
+    SKIP_UNLESS(may_become_others(), "calls as another user, which takes the machine's root");
     const support::temp_dir dir;
     ASSERT_EQ(chmod(dir.path().c_str(), 0755), 0);
     const std::string name = "@" + dir.file("s");

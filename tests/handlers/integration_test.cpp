@@ -3,7 +3,7 @@
 #include "handler_fixture.h"
 #include "handlers.h"
 #include "host_tool.h"
-#include "real_root.h"
+#include "privileges.h"
 #include "shortage.h"
 
 #include <gmock/gmock.h>
@@ -299,7 +299,7 @@ protected:
 };
 
 TEST_F(CloudUsageTest, IsTheAttributesBytesEncoded) {
-    SKIP_WITHOUT_REAL_ROOT("Sets a trusted attribute");
+    SKIP_UNLESS(may_set_trusted_attributes(), "sets a trusted attribute, which takes the rights of the machine's root");
     set_usage("{\"used\": 42}\n");
     EXPECT_EQ(usage_of(kFile), "{\"result\":0,\"size_info\":\"eyJ1c2VkIjogNDJ9Cg==\"}\n");
     const std::string bytes("a\0\xff", 3);
@@ -308,14 +308,14 @@ TEST_F(CloudUsageTest, IsTheAttributesBytesEncoded) {
 }
 
 TEST_F(CloudUsageTest, AnAttributeLongerThanOneReadArrivesWhole) {
-    SKIP_WITHOUT_REAL_ROOT("Sets a trusted attribute");
+    SKIP_UNLESS(may_set_trusted_attributes(), "sets a trusted attribute, which takes the rights of the machine's root");
     const std::string usage(2049, 'u');
     set_usage(usage);
     EXPECT_EQ(usage_of(kFile), "{\"result\":0,\"size_info\":\"" + base64_text(usage) + "\"}\n");
 }
 
 TEST_F(CloudUsageTest, NoAttributeNoPathAndAnEmptyAttributeAreFailures) {
-    SKIP_WITHOUT_REAL_ROOT("Sets a trusted attribute");
+    SKIP_UNLESS(may_set_trusted_attributes(), "sets a trusted attribute, which takes the rights of the machine's root");
     const std::string failed = failure("hos_system_get_tiermount_cloud_usage_handler");
     EXPECT_EQ(usage_of(kFile), failed);
     EXPECT_EQ(usage_of("/tmp/no such file"), failed);
@@ -326,7 +326,7 @@ TEST_F(CloudUsageTest, NoAttributeNoPathAndAnEmptyAttributeAreFailures) {
 }
 
 TEST_F(CloudUsageTest, AReaderThatCannotBeStartedIsAFailure) {
-    SKIP_WITHOUT_REAL_ROOT("Sets a trusted attribute");
+    SKIP_UNLESS(may_set_trusted_attributes(), "sets a trusted attribute, which takes the rights of the machine's root");
     set_usage("42");
     EXPECT_EQ(ask(starved_usage_handler, R"({"full_path":"/tmp/tier mount"})"),
               failure("hos_system_get_tiermount_cloud_usage_handler"));

@@ -2,11 +2,7 @@
 
 #include <arpa/inet.h>
 #include <cerrno>
-#include <cstring>
-#include <net/if.h>
 #include <netinet/in.h>
-#include <sched.h>
-#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <system_error>
 #include <unistd.h>
@@ -35,19 +31,6 @@ unique_fd tcp_socket() {
 }
 
 } // namespace
-
-void enter_private_network() {
-    if (unshare(CLONE_NEWNET) != 0) {
-        fail("make a network");
-    }
-    const unique_fd control = tcp_socket();
-    struct ifreq loopback = {};
-    std::strcpy(loopback.ifr_name, "lo");
-    loopback.ifr_flags = IFF_UP;
-    if (ioctl(control.get(), SIOCSIFFLAGS, &loopback) != 0) {
-        fail("start the loopback device");
-    }
-}
 
 loopback_server::loopback_server(std::function<void(int fd)> serve)
     : serve_(std::move(serve)), listener_(tcp_socket()) {

@@ -1,4 +1,4 @@
-// A network of the test's own with nothing but a loopback device, and the plain HTTP that end-to-end tests speak on it.
+// Servers on the loopback device, which is the host's own, and the plain HTTP that end-to-end tests speak.
 #ifndef VEXPROD_TESTS_HANDLERS_LOOPBACK_H
 #define VEXPROD_TESTS_HANDLERS_LOOPBACK_H
 
@@ -9,10 +9,6 @@
 #include <functional>
 #include <string>
 #include <thread>
-
-/// Moves the calling thread, and all threads and children that it makes from then on, into a fresh network: its ports
-/// are free, and no server in it can be reached from anywhere else. Throws std::system_error.
-void enter_private_network();
 
 /// A TCP server on 127.0.0.1 that serves one connection at a time on a thread of its own, until scope end.
 class loopback_server {

@@ -28,8 +28,6 @@ std::string port_text(std::uint16_t port) {
 
 class RealProgramsTest : public HandlerTest {
 protected:
-    static void SetUpTestSuite() { enter_private_network(); }
-
     // Asks until the answer begins with `start`: a graceful reload takes the servers a moment.
     static bool answers(std::uint16_t port, const std::string& start, const char* source = "127.0.0.1") {
         return wait_until([&] { return http_get(port, source).rfind(start, 0) == 0; });

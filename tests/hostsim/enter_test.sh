@@ -35,6 +35,11 @@ eventually() { # eventually COMMAND...: retries it for ten seconds
     return 1
 }
 
+if [ "${HOSTSIM_IN_PLACE-}" = 1 ]; then
+    skip "hostsim/enter makes no host of its own here, but lays it over the machine"
+    exit 77
+fi
+
 # --- The command's own view: status, streams, arguments, folder, environment -----------------------------------------
 check "exit status" "$(status_of "${enter[@]}" sh -c 'exit 7')" 7
 check "death by a signal" "$(status_of "${enter[@]}" sh -c 'kill -KILL $$')" 137
@@ -146,17 +151,44 @@ if [ "$(id -u)" = 0 ]; then
     # Nobody in a chroot makes user namespaces: like a container that allows none.
     check "root without the right" "$(in_chroot setpriv --bounding-set -sys_admin "$probe")" "$none_here: root may make \
 no namespaces (a container without CAP_SYS_ADMIN, or a filter); start it with docker or podman run --privileged, or as \
-hostsim/README.md says
+hostsim/README.md says; or, if this machine may be overwritten, set HOSTSIM_IN_PLACE=1
 1, 0 mounts left"
     check "root without a network" "$(setpriv --bounding-set -net_admin "$probe" 2>&1; echo $?)" "$none_here: root may \
 not raise the loopback interface (no CAP_NET_ADMIN); start it with docker or podman run --privileged, or as \
-hostsim/README.md says
+hostsim/README.md says; or, if this machine may be overwritten, set HOSTSIM_IN_PLACE=1
 1"
     limit=/proc/sys/user/max_mnt_namespaces
     check "namespaces switched off" "$(unshare --user --map-root-user sh -c "echo 0 >$limit; '$probe' 2>&1; echo \$?")" \
         "$none_here: namespaces are switched off: $limit is 0; as root: echo 10000 >$limit
 1"
 fi
+
+# --- In place: laid over a machine that may be overwritten, which here is a host itself --------------------------------
+# in_place SCRIPT: runs it in such a machine, with a host in it as "$@".
+in_place() {
+    "${enter[@]}" bash -c "HOSTSIM= HOSTSIM_IN_PLACE=1; export HOSTSIM HOSTSIM_IN_PLACE
+        machine() { find /etc /tmp /run /share /usr /var -xdev ! -name 'hostsim-in-place*' \\
+            \( -type d -printf '%p %m\\n' -o -printf '%p %m %s\\n' \) | sort; }
+        echo old >/etc/old; echo old >/etc/vpd.conf; rm /sbin/hwctl; $1" sh "${enter[@]}"
+}
+check "in place: the host is there, and gone" "$(in_place '
+    machine >/root/before
+    "$@" sh -c "grep -c VH-464 /etc/vpd.conf; rm /etc/old; echo new >/etc/profile; mkdir -p /share/new/er; touch /tmp/new
+        ipcmk -Q >/dev/null; sleep 1000 & test -x /sbin/hwctl && exit 7"; echo $?
+    machine >/root/after; diff /root/before /root/after; cat /etc/old /etc/vpd.conf; ipcs -q | grep -c 0x
+    ls -d /proc/[0-9]* | wc -l')" "1
+7
+old
+old
+0
+4"
+check "in place: a killed run is put back by the next" "$(in_place '
+    machine >/root/before
+    "$@" sh -c "rm /etc/old; touch /tmp/new /root/ready; sleep 1000" & until [ -e /root/ready ]; do sleep 0.05; done
+    kill -KILL $!; wait $! 2>/dev/null; "$@" true; machine >/root/after; diff /root/before /root/after && echo same')" same
+check "in place: never without the word" "$("${enter[@]}" "${1%enter}in_place" "$PWD" "$build" true 2>&1; echo $?)" \
+    "hostsim/enter: only root, and only with HOSTSIM_IN_PLACE=1, may overwrite this machine
+125"
 
 # --- Without root -----------------------------------------------------------------------------------------------------
 if [ "$(id -u)" != 0 ]; then

@@ -2,7 +2,7 @@
 
 #include "daemon_process.h"
 #include "host_tool.h"
-#include "real_root.h"
+#include "privileges.h"
 
 #include <gtest/gtest.h>
 #include <json/reader.h>
@@ -94,9 +94,10 @@ std::string written(const Json::Value& value) {
 std::string leave_out_unpreparable(std::vector<documented_command>& commands) {
     std::string left_out;
     std::erase_if(commands, [&](const documented_command& command) {
-        const bool unpreparable = !is_real_root() && !command.lines_of("Given: attribute").empty();
-        left_out +=
-            unpreparable ? command.name + " needs a trusted attribute, which the machine's root alone may set" : "";
+        const bool unpreparable = !may_set_trusted_attributes() && !command.lines_of("Given: attribute").empty();
+        left_out += unpreparable
+                        ? command.name + " needs a trusted attribute, which takes the rights of the machine's root"
+                        : "";
         return unpreparable;
     });
     return left_out;

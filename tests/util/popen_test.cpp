@@ -1,7 +1,7 @@
 // The run-with-a-pipe calls, with real children.
 #include "forbid_system_call.h"
 #include "interruptions.h"
-#include "real_root.h"
+#include "privileges.h"
 #include "runner.h"
 #include "scoped.h"
 #include "test_files.h"
@@ -196,7 +196,7 @@ TEST_F(PopenTest, AnOutputThatCannotBeRemovedDoesNotHideTheFailure) {
 }
 
 TEST_F(PopenTest, AFailedForkGivesNull) {
-    SKIP_WITHOUT_REAL_ROOT("Forks as another user, who may have no process");
+    SKIP_UNLESS(may_become_others(), "forks as another user, which takes the machine's root");
     EXPECT_TRUE(passes_in_own_process([] {
         const struct rlimit no_processes = {0, 0};
         ASSERT_EQ(::setrlimit(RLIMIT_NPROC, &no_processes), 0);

@@ -1,6 +1,6 @@
 // The run-and-wait calls, with real children.
 #include "interruptions.h"
-#include "real_root.h"
+#include "privileges.h"
 #include "runner.h"
 #include "test_files.h"
 
@@ -226,7 +226,7 @@ TEST_F(RunnerTest, ATraceThatCannotBeOpenedIsDoneWithout) {
 }
 
 TEST_F(RunnerTest, KeptAFailedForkLooksLikeSuccess) {
-    SKIP_WITHOUT_REAL_ROOT("Forks as another user, who may have no process");
+    SKIP_UNLESS(may_become_others(), "forks as another user, which takes the machine's root");
     EXPECT_TRUE(passes_in_own_process([&] {
         ASSERT_EQ(::chmod(folder.path().c_str(), 0777), 0);
         const struct rlimit no_processes = {0, 0};
