@@ -113,7 +113,7 @@ pid_t look_at_service(report& findings, const known_service& service) {
     const int error = errno;
     if (state == presence::full) { // a call would wait as long as it lasts
         findings.bad(subject, path + ": too many connections wait to be accepted",
-                     "see whether vexprod is stopped (ps: state T) or overloaded; kill -CONT lets it go on");
+                     "see whether vexprod is stopped (ps: state T; kill -CONT lets it go on) or overloaded");
         return 0;
     }
     if (state == presence::down) {
@@ -125,9 +125,10 @@ pid_t look_at_service(report& findings, const known_service& service) {
     const outcome ended = exchange(service.name, "test", make_request(""), kShortestTimeoutS, -1);
     const std::chrono::duration<double, std::milli> took = steady_clock::now() - begin;
     if (ended.status != kSuccess) {
-        findings.bad(subject, ended.error,
-                     "see what its requests under way wait for (ps --ppid, the daemon's log); the next start replaces "
-                     "the socket");
+        findings.bad(
+            subject, ended.error,
+            "see whether vexprod is stopped (ps: state T; kill -CONT lets it go on) and what its requests under "
+            "way wait for (its children, its log)");
         return listener_of(path);
     }
     std::array<char, 32> time{};
@@ -239,6 +240,8 @@ void look_at_registry(report& findings) {
     } else if (access(kPackageRegistry, R_OK) != 0) {
         findings.bad(subject, std::string(kPackageRegistry) + ": " + strerror(errno),
                      "install the package anew, or make the file readable; without it vexprod ends with status 255");
+    } else if (geteuid() != 0) { // the reader is the host's, and may want to be root
+        findings.note(subject, "no " + entry + " for this user; run as root for what the daemon finds");
     } else {
         findings.bad(subject, "no " + entry,
                      "install the package anew; without the entry vexprod ends with status 255");
@@ -269,6 +272,10 @@ crash last_crash(const std::string& log) {
 
 void look_at_log(report& findings) {
     const std::string subject = "log";
+    if (install_path().empty()) {
+        findings.note(subject, "not known without the install path");
+        return;
+    }
     const std::string log = daemon_log_path();
     const std::string folder = fs::path(log).parent_path().string();
     struct statvfs space = {};

@@ -108,7 +108,7 @@ std::string request_fault(const documented_command& command, const std::string& 
     }
     for (const documented_key& key : keys) {
         if (!key.of_rule) {
-            if (const std::string fault = key_fault(keys, key, root, ""); !fault.empty()) {
+            if (std::string fault = key_fault(keys, key, root, ""); !fault.empty()) {
                 return fault;
             }
         }
@@ -118,7 +118,7 @@ std::string request_fault(const documented_command& command, const std::string& 
         for (const documented_key& key : keys) {
             if (key.of_rule && rules[i].isObject()) {
                 const std::string where = " of rule " + std::to_string(i + 1);
-                if (const std::string fault = key_fault(keys, key, rules[i], where); !fault.empty()) {
+                if (std::string fault = key_fault(keys, key, rules[i], where); !fault.empty()) {
                     return fault;
                 }
             }

@@ -33,6 +33,15 @@ TEST(OptionsTest, AnUnknownLetterIsNamedAndTheRestStillRead) {
     EXPECT_TRUE(chosen.terminate);
 }
 
+// docs/operations.md says so.
+TEST(OptionsTest, EachLetterOfALongOptionCounts) {
+    testing::internal::CaptureStderr();
+    const options chosen = read({"--test", "word"});
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "Illegal option:--\nIllegal option:-e\nIllegal option:-s\n");
+    EXPECT_TRUE(chosen.terminate);
+    EXPECT_FALSE(chosen.daemonize);
+}
+
 TEST(OptionsTest, AnUnprintableLetterIsNamedByASharp) {
     testing::internal::CaptureStderr();
     (void)read({"-\x01", "-\xe9"});

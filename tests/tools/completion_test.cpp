@@ -82,7 +82,7 @@ TEST(CompletionTest, BashHasThem) {
                                      "PATH=$2:$PATH; . \"$0\"; COMP_WORDS=(" + line +
                                          "); COMP_CWORD=$1; "
                                          "_ksctl; printf '%s\\n' \"${COMPREPLY[@]}\"",
-                                     COMPLETIONS "/ksctl.bash", std::to_string(at), KSCTL_FOLDER})
+                                     std::string(COMPLETIONS) + "/ksctl.bash", std::to_string(at), KSCTL_FOLDER})
                             .out);
     };
     EXPECT_THAT(words("ksctl cal", 1), ElementsAre("call"));
@@ -99,7 +99,7 @@ TEST(CompletionTest, FishHasThem) {
     const auto words = [](const std::string& line) {
         return lines_of(run_program({"/usr/bin/fish", "--no-config", "-c",
                                      "set PATH $argv[2] $PATH; set HOME /tmp; source $argv[1]; complete -C $argv[3]",
-                                     COMPLETIONS "/ksctl.fish", KSCTL_FOLDER, line})
+                                     std::string(COMPLETIONS) + "/ksctl.fish", KSCTL_FOLDER, line})
                             .out);
     };
     EXPECT_THAT(words("ksctl cal"), ElementsAre("call\tCall a service and print its reply"));
@@ -118,7 +118,7 @@ TEST(CompletionTest, ZshHasThem) {
                                      "PATH=$2:$PATH; compadd() { print -rl -- $texts }; _files() { print files }; "
                                      "words=(" +
                                          line + "); CURRENT=$#words; . $1",
-                                     "zsh", COMPLETIONS "/_ksctl", KSCTL_FOLDER})
+                                     "zsh", std::string(COMPLETIONS) + "/_ksctl", KSCTL_FOLDER})
                             .out);
     };
     EXPECT_THAT(words("ksctl cal"), ElementsAre("call"));

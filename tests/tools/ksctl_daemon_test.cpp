@@ -166,6 +166,15 @@ TEST_F(KsctlDaemonTest, DoctorFindsADaemonThatIsGone) {
                                           "started and is gone: [^\n]*\n      remedy: start vexprod"));
 }
 
+TEST_F(KsctlDaemonTest, DoctorFindsADaemonThatDoesNotAnswer) {
+    ASSERT_EQ(kill(daemon_.pid(), SIGSTOP), 0);
+    const finished doctor = ksctl({"doctor"});
+    EXPECT_EQ(doctor.status, 20);
+    EXPECT_THAT(doctor.out, HasSubstr("BAD   main service: time-out: VexHubServer-vexprod took no request within 5 s\n"
+                                      "      remedy: see whether vexprod is stopped "));
+    EXPECT_EQ(kill(daemon_.pid(), SIGCONT), 0);
+}
+
 TEST_F(KsctlDaemonTest, DoctorTellsOfTheLastCrash) {
     const pid_t crashed = daemon_.pid();
     daemon_.stop(SIGSEGV);
@@ -214,6 +223,7 @@ TEST_F(KsctlDaemonTest, DoctorFindsAMissingInstallPath) {
     write_file("/etc/config/zpkg.conf", "[VexHubServer]\nOther = 1\n");
     const finished doctor = ksctl({"doctor"});
     EXPECT_EQ(doctor.status, 20);
+    EXPECT_THAT(doctor.out, HasSubstr("note  log: not known without the install path\n"));
     EXPECT_THAT(doctor.out, ContainsRegex("BAD   package registry: no Install_Path of \\[VexHubServer\\] in "
                                           "/etc/config/zpkg.conf\n      remedy: install the package anew"));
 }
