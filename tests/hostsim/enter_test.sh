@@ -117,6 +117,21 @@ kill -KILL $!
 wait $! 2>/dev/null
 check "SIGKILL takes everything along" "$(eventually is_gone && echo gone)" gone
 
+# --- The probe --------------------------------------------------------------------------------------------------------
+probe=${enter[0]%enter}probe
+none_here='hostsim/probe: no simulated host can be made here'
+check "the probe finds all that is needed" "$("$probe" 2>&1; echo $?)" 0
+check "and leaves nothing behind" "$(grep -c '^hostsim ' /proc/self/mounts)" 0
+check "it knows no option" "$(status_of "$probe" --nope)" 2
+
+# --- As root of the machine, or of a container that may do as much ---------------------------------------------------
+if [ "$(id -u)" != 0 ]; then
+    skip "most of what root can do: only root can make a chroot, lay a host over a machine, and become another user"
+elif ! unshare --mount true 2>/dev/null; then
+    skip "most of what root can do: here is a plain chroot, or no right to mount"
+fi
+[ $skipped = 0 ] || exit $((failed ? 1 : 77))
+
 # --- In a plain chroot: "/" is no mount point -------------------------------------------------------------------------
 # Its mount is one that others share, as under systemd: what the host mounts must stay in the host.
 in_chroot() {
@@ -128,39 +143,36 @@ in_chroot() {
         done
         chroot . "$@" 2>&1; echo "$?, $(grep -c " hostsim " /proc/self/mountinfo) mounts left"' sh "$@"
 }
-if [ "$(id -u)" != 0 ]; then
-    skip "entering from a chroot: only root can make one"
-else
-    check "a chroot is entered from" "$(in_chroot "${enter[@]}" sh -c '/sbin/cfgread CP_APP tvLounge -f /etc/kos.ui.cp.conf
-        echo a >/etc/hostsim_probe && cat /etc/hostsim_probe; exit 4')" "1
+check "a chroot is entered from" "$(in_chroot "${enter[@]}" sh -c '/sbin/cfgread CP_APP tvLounge -f /etc/kos.ui.cp.conf
+    echo a >/etc/hostsim_probe && cat /etc/hostsim_probe; exit 4')" "1
 a
 4, 0 mounts left"
-fi
 
-# --- The probe --------------------------------------------------------------------------------------------------------
-probe=${enter[0]%enter}probe
-none_here='hostsim/probe: no simulated host can be made here'
-check "the probe finds all that is needed" "$("$probe" 2>&1; echo $?)" 0
-check "and leaves nothing behind" "$(grep -c '^hostsim ' /proc/self/mounts)" 0
-check "it knows no option" "$(status_of "$probe" --nope)" 2
-if [ "$(id -u)" = 0 ]; then
-    check "it agrees with a chroot" "$(in_chroot "$probe")" "0, 0 mounts left"
-    check "users cannot enter from there" "$(in_chroot setpriv --reuid=65534 --clear-groups sh <"$probe")" \
-        "$none_here: \"/\" is no mount point (a plain chroot), and users make no namespaces there; run it as root
+# The probe where something is missing.
+check "it agrees with a chroot" "$(in_chroot "$probe")" "0, 0 mounts left"
+check "users cannot enter from there" "$(in_chroot setpriv --reuid=65534 --clear-groups sh <"$probe")" \
+    "$none_here: \"/\" is no mount point (a plain chroot), and users make no namespaces there; run it as root
 1, 0 mounts left"
-    # Nobody in a chroot makes user namespaces: like a container that allows none.
-    check "root without the right" "$(in_chroot setpriv --bounding-set -sys_admin "$probe")" "$none_here: root may make \
-no namespaces (a container without CAP_SYS_ADMIN, or a filter); start it with docker or podman run --privileged, or as \
-hostsim/README.md says; or, if this machine may be overwritten, set HOSTSIM_IN_PLACE=1
+# Nobody in a chroot makes user namespaces: like a container that allows none.
+check "root without the right" "$(in_chroot setpriv --bounding-set -sys_admin "$probe")" "$none_here: root may make \
+no namespaces (a container without CAP_SYS_ADMIN, or a filter); start the container with docker or \
+podman run --privileged, or as hostsim/README.md says; or, if this machine may be overwritten, set HOSTSIM_IN_PLACE=1
 1, 0 mounts left"
-    check "root without a network" "$(setpriv --bounding-set -net_admin "$probe" 2>&1; echo $?)" "$none_here: root may \
-not raise the loopback interface (no CAP_NET_ADMIN); start it with docker or podman run --privileged, or as \
-hostsim/README.md says; or, if this machine may be overwritten, set HOSTSIM_IN_PLACE=1
+check "root without a network" "$(setpriv --bounding-set -net_admin "$probe" 2>&1; echo $?)" "$none_here: root may \
+not raise the loopback interface (no CAP_NET_ADMIN); start the container with docker or \
+podman run --privileged, or as hostsim/README.md says; or, if this machine may be overwritten, set HOSTSIM_IN_PLACE=1
 1"
-    limit=/proc/sys/user/max_mnt_namespaces
-    check "namespaces switched off" "$(unshare --user --map-root-user sh -c "echo 0 >$limit; '$probe' 2>&1; echo \$?")" \
+# Namespaces switched off: their largest number set to 0 for a child user namespace.
+limit=/proc/sys/user/max_mnt_namespaces
+switched_off() { unshare --user --map-root-user sh -c "echo 0 >$limit && exec \"\$@\"" sh "$@"; }
+if switched_off true 2>/dev/null; then
+    check "namespaces switched off" "$(switched_off "$probe" 2>&1; echo $?)" \
         "$none_here: namespaces are switched off: $limit is 0; as root: echo 10000 >$limit
 1"
+    refused=$(switched_off "${enter[@]}" true 2>&1; echo $?)
+    check "a refusal is plain" "$(tail -n 1 <<<"$refused") $(grep -c '^hostsim/enter: ' <<<"$refused")" "125 2"
+else
+    skip "what is said when namespaces are switched off: $limit cannot be written"
 fi
 
 # --- In place: laid over a machine that may be overwritten, which here is a host itself --------------------------------
@@ -191,36 +203,28 @@ check "in place: never without the word" "$("${enter[@]}" "${1%enter}in_place" "
 125"
 
 # --- Without root -----------------------------------------------------------------------------------------------------
-if [ "$(id -u)" != 0 ]; then
-    skip "entering as another user: only root can become one"
-else
-    user=(setpriv --reuid=65534 --regid=65534 --clear-groups)
-    if "${user[@]}" unshare --user --map-root-user --mount --pid --fork true 2>/dev/null; then
-        # The project may stand in a folder that is closed to others, such as root's home: the user gets it elsewhere.
-        as_user() {
-            unshare --mount sh -c 'set -e; project=$1 build=$2; shift 2
-                mount -t tmpfs -o mode=755 none /mnt
-                mkdir /mnt/project /mnt/build
-                mount --bind "$project" /mnt/project
-                mount --bind "$build" /mnt/build
-                cd /mnt
-                exec "$@"' sh "${enter[0]%/hostsim/enter}" "$build" \
-                "${user[@]}" /mnt/project/hostsim/enter --build /mnt/build "$@"
-        }
-        check "an ordinary user enters as root" "$(as_user sh -c 'id -u; echo a >/etc/hostsim_probe &&
-            cat /etc/hostsim_probe; /sbin/cfgread CP_APP tvLounge -f /etc/kos.ui.cp.conf; exit 4'; echo $?)" "0
+user=(setpriv --reuid=65534 --regid=65534 --clear-groups)
+if "${user[@]}" sh <"$probe" 2>/dev/null; then
+    # The project may stand in a folder that is closed to others, such as root's home: the user gets it elsewhere.
+    as_user() {
+        unshare --mount sh -c 'set -e; project=$1 build=$2; shift 2
+            mount -t tmpfs -o mode=755 none /mnt
+            mkdir /mnt/project /mnt/build
+            mount --bind "$project" /mnt/project
+            mount --bind "$build" /mnt/build
+            cd /mnt
+            exec "$@"' sh "${enter[0]%/hostsim/enter}" "$build" \
+            "${user[@]}" /mnt/project/hostsim/enter --build /mnt/build "$@"
+    }
+    check "an ordinary user enters as root" "$(as_user sh -c 'id -u; echo a >/etc/hostsim_probe &&
+        cat /etc/hostsim_probe; /sbin/cfgread CP_APP tvLounge -f /etc/kos.ui.cp.conf; exit 4'; echo $?)" "0
 a
 1
 4"
-        check "and writes where the host does" \
-            "$(as_user sh -c 'echo a >/var/log/probe && mkdir /var/tmp/probe && rm /usr/bin/getfattr && echo "it does"')" "it does"
-    else
-        skip "this system gives ordinary users no namespaces"
-    fi
-    # Without the right to make namespaces: the largest numbers of them set to 0 for a child user namespace.
-    refused=$(unshare --user --map-root-user sh -c 'echo 0 >/proc/sys/user/max_mnt_namespaces
-        exec "$@"' sh "${enter[@]}" true 2>&1 && echo "entered" || echo $?)
-    check "a refusal is plain" "$(tail -n 1 <<<"$refused") $(grep -c '^hostsim/enter: ' <<<"$refused")" "125 2"
+    check "and writes where the host does" \
+        "$(as_user sh -c 'echo a >/var/log/probe && mkdir /var/tmp/probe && rm /usr/bin/getfattr && echo "it does"')" "it does"
+else
+    skip "this system gives ordinary users no namespaces"
 fi
 
 [ $failed = 0 ] || exit 1
