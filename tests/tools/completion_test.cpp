@@ -40,7 +40,7 @@ std::vector<std::string> complete(std::vector<std::string> words) {
 }
 
 TEST(CompletionTest, FirstComesASubcommand) {
-    EXPECT_THAT(complete({"c"}), ElementsAre("call", "commands"));
+    EXPECT_THAT(complete({"c"}), ElementsAre("call", "commands", "conform"));
     EXPECT_THAT(complete({""}), AllOf(Contains("doctor"), Contains("describe"), Contains("--help")));
     EXPECT_THAT(complete({"nope", ""}), IsEmpty());
     EXPECT_THAT(complete({}), IsEmpty());
