@@ -37,6 +37,7 @@
 #include <cstdio>
 #include <ctime>
 #include <execinfo.h>
+#include <malloc.h>
 #include <memory>
 #include <pthread.h>
 #include <string>
@@ -48,6 +49,7 @@ constexpr const char* kMain = "main"; // the name that start-up's messages carry
 constexpr size_t kMainWorkers = 2;
 constexpr int kMailWorkers = 5;
 constexpr int kIdleSeconds = 10;
+constexpr int kLargestKeptBlock = 1024 * 1024;
 constexpr unsigned kCrashSeconds = 10;
 constexpr int kExitRefused = -1;
 constexpr int kExitNoService = -2;
@@ -277,6 +279,9 @@ int run_daemon(int argc, char** argv) {
     (void)signal(SIGPIPE, SIG_IGN);
     (void)signal(SIGXFSZ, SIG_IGN);
     raise_descriptor_limit(); // every waiting caller holds one; without it the daemon just serves fewer
+    // A worker copies a request of up to 16 MiB. Set, the limit above which a block is the system's again once it is
+    // freed stays what it is; left alone it rises with the first such block, and each worker keeps one for good.
+    (void)mallopt(M_MMAP_THRESHOLD, kLargestKeptBlock);
     (void)environment_unset("LD_LIBRARY_PATH");
 
     std::string install_path;

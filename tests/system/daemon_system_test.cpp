@@ -7,6 +7,8 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cstdlib>
+#include <cstring>
 #include <sys/stat.h>
 #include <thread>
 
@@ -45,6 +47,27 @@ TEST_F(DaemonSystemTest, ServesBothServicesUntilSigterm) {
     EXPECT_EQ(daemon.stop(SIGTERM), 0);
     EXPECT_EQ(call_service(kMain, "test", "", &reply_), 2U);
 }
+
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__) // with allocators of their own
+long private_memory_kib(pid_t pid) {
+    const std::string status = read_file("/proc/" + std::to_string(pid) + "/status");
+    return std::strtol(status.c_str() + status.find("RssAnon:") + strlen("RssAnon:"), nullptr, 10);
+}
+
+TEST_F(DaemonSystemTest, LargeRequestsLeaveNoMemoryBehind) {
+    daemon_process daemon;
+    ASSERT_TRUE(daemon.serves());
+    const std::string large(15UL * 1024 * 1024, 'x');
+    const long before = private_memory_kib(daemon.pid());
+    for (const std::string& request : {large, R"({"command":["/bin/true"],"more":")" + large + "\"}"}) {
+        for (int i = 0; i < 4; ++i) { // each of the workers
+            EXPECT_EQ(call_service(kMain, "exec_cli", request, &reply_), 0U);
+        }
+    }
+    EXPECT_TRUE(wait_until([&] { return private_memory_kib(daemon.pid()) < before + 1024; }))
+        << before << " KiB before, " << private_memory_kib(daemon.pid()) << " after";
+}
+#endif
 
 TEST_F(DaemonSystemTest, SigintStopsItAsWell) {
     daemon_process daemon;
