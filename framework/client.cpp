@@ -262,7 +262,7 @@ unsigned call(const char* name, const char* command, ks_io* io, const payload& r
 // Not from a mapping: the service has a hand on the file and could shorten it under us. But a file that is no small one
 // has to be one that can be mapped, before memory of its size is asked for.
 void* copy_reply(ks_io* io, size_t* ret_size, unsigned* code) {
-    char small[4096];
+    char small[4096]; // most replies fit, and take one system call
     const ssize_t first = pread(io->memfd, small, sizeof(small), 0);
     size_t copied = (size_t)std::max<ssize_t>(first, 0);
     size_t size = copied;

@@ -275,7 +275,7 @@ void run_consumer(ks_worker* worker) {
     epoll_event event[] = {{EPOLLIN | EPOLLERR | EPOLLHUP | EPOLLRDHUP, {}}};
     event->data.fd = link; // shown in /proc/PID/fdinfo
     if (epoll_ctl(worker->pollfd, EPOLL_CTL_ADD, link, event) != 0) {
-        close_and_clear(&worker->pollfd); // it would never hear of anything, not even of the stop
+        close_and_clear(&worker->pollfd); // it would never hear of anything, not even of the stop; ends the service
     }
     while (worker->pollfd >= 0) {
         const auto ready = TEMP_FAILURE_RETRY(epoll_wait(worker->pollfd, event, std::size(event), -1));

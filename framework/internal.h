@@ -84,7 +84,7 @@ enum class received {
 received receive_descriptor(int sockfd, int flags, int* ret_fd);
 
 /// Receives what is there of a directive and the descriptor message that follows it, with one system call. A descriptor
-/// that came with the directive itself is closed.
+/// that came with the directive alone is closed.
 /// @param flags    MSG_DONTWAIT or 0.
 /// @param ret_how  As receive_descriptor(); `nothing` also when only the directive was there.
 /// @return The bytes of the directive, at most its size, or as recvmsg(2).

@@ -135,7 +135,8 @@ typedef struct ks_io {
     void* shared_data;  /**< Owned mapping of the whole memory file; NULL = not mapped. */
     size_t shared_size; /**< Bytes mapped at shared_data; 0 = not mapped. */
     ks_cred cred;       /**< The caller's credentials on the service's side; all 0 on the caller's. */
-    int32_t mapped_fd;  /**< The library's own: memfd when shared_data was mapped. */
+    int32_t mapped_fd;  /**< The library's own: memfd when shared_data was mapped. Another file under
+                             the same number is not noticed while its size is the same. */
 } ks_io;
 
 /** What a consumer worker runs for each request. It owns `io` and ends with ks_io_free(); `fd` is the caller's extra

@@ -139,7 +139,8 @@ void hand_over(producer* p, ks_worker* worker, const ks_queue* spoke) {
     const size_t sent = send_with_descriptors(worker->sockfd[1], transfer, {&number, 1});
     const bool announced = sent > 0;
     if (sent == 1 && !send_descriptor(worker->sockfd[1], fd, 0) &&
-        // It waits for a message: let it find one, and report ready. Without memory for that, part with it.
+        // It waits for a message: let it find one, and report ready. Without memory for that, end the link, and with it
+        // the service: a worker that waits for ever would hold up its stop as well.
         !send_descriptor(worker->sockfd[1], -1, 0)) {
         (void)shutdown(worker->sockfd[1], SHUT_RDWR);
     }

@@ -96,10 +96,10 @@ TEST(IoTest, ReallocZeroEmptiesAndRewinds) {
 
 TEST(IoTest, PrintsTextsOfAnyLength) {
     const unique_io io = make();
-    for (const size_t length : {0, 1, BUFSIZ - 1, BUFSIZ, BUFSIZ + 1, 100 * BUFSIZ}) {
-        const std::string text(length, 'x');
+    for (const int length : {0, 1, BUFSIZ - 1, BUFSIZ, BUFSIZ + 1, 100 * BUFSIZ}) {
+        const std::string text((size_t)length, 'x');
         ks_io_realloc(io.get(), 0);
-        EXPECT_EQ(ks_io_printf(io.get(), "%s", text.c_str()), (int)length);
+        EXPECT_EQ(ks_io_printf(io.get(), "%s", text.c_str()), length);
         size_t size = 0;
         const auto* data = static_cast<const char*>(ks_io_read(io.get(), &size));
         EXPECT_EQ(std::string(data == nullptr ? "" : data, size), text) << length;
@@ -110,7 +110,7 @@ TEST(IoTest, PrintReportsAFileThatIsFull) {
     const unique_io io = make();
     io->memfd = open("/dev/full", O_WRONLY | O_CLOEXEC);
     ASSERT_GE(io->memfd, 0);
-    for (const size_t length : {1, BUFSIZ}) {
+    for (const size_t length : {(size_t)1, (size_t)BUFSIZ}) {
         EXPECT_EQ(ks_io_printf(io.get(), "%s", std::string(length, 'x').c_str()), -1) << length;
     }
 }
