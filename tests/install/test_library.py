@@ -69,7 +69,7 @@ def test_programs_by_cmake(prefix, tmp_path, target):
         target_link_libraries(cpp_client PRIVATE kservice::{target})
         target_compile_features(cpp_client PRIVATE cxx_std_17)
     """)
-    run(f"cmake -S '{tmp_path}' -B '{tmp_path}/build' -DCMAKE_PREFIX_PATH='{prefix}'")
+    run(f"cmake -G Ninja -S '{tmp_path}' -B '{tmp_path}/build' -DCMAKE_PREFIX_PATH='{prefix}'")
     run(f"cmake --build '{tmp_path}/build'")
     assert serve_with(tmp_path / "build/c_client", prefix) == "served\n"
     assert serve_with(tmp_path / "build/cpp_client", prefix) == "served\nno such service\n"
@@ -84,4 +84,4 @@ def test_cmake_refuses_another_major_version(prefix, tmp_path):
             message(FATAL_ERROR "version 1 is not version 2")
         endif()
     """)
-    run(f"cmake -S '{tmp_path}' -B '{tmp_path}/build' -DCMAKE_PREFIX_PATH='{prefix}'")
+    run(f"cmake -G Ninja -S '{tmp_path}' -B '{tmp_path}/build' -DCMAKE_PREFIX_PATH='{prefix}'")
