@@ -93,7 +93,7 @@ std::vector<int> open_descriptors() {
         throw std::runtime_error("opendir");
     }
     while (const dirent* entry = readdir(dir)) {
-        const int number = atoi(entry->d_name); // NOLINT(cert-err34-c): "." and ".." become 0 and are skipped
+        const int number = (int)strtol(entry->d_name, nullptr, 10); // 0 for "." and ".."
         if (entry->d_name[0] != '.' && number != dirfd(dir)) {
             numbers.push_back(number);
         }

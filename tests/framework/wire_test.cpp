@@ -6,6 +6,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <string>
@@ -161,7 +162,7 @@ TEST(WireTest, BusyAndPausedAreWholeDirectives) {
 
 int forge(const char* command, ks_io* io, int) {
     unsigned char bytes[259] = {};
-    bytes[0] = (unsigned char)atoi(command); // NOLINT(cert-err34-c): the test's own number
+    bytes[0] = (unsigned char)strtol(command, nullptr, 10);
     const size_t index = 1000;
     memcpy(bytes + 2, &index, sizeof(index));
     (void)!write(3, bytes, sizeof(bytes));
@@ -184,7 +185,7 @@ TEST(WireTest, ProducerIgnoresWhatMeansNothingToIt) {
 
 int echo_of_the_listening_socket(const char* command, ks_io* io, int) {
     unsigned char bytes[259] = {6};
-    const int32_t number = atoi(command); // NOLINT(cert-err34-c): the test's own number
+    const auto number = (int32_t)strtol(command, nullptr, 10);
     memcpy(bytes + 2, &number, sizeof(number));
     (void)!write(3, bytes, sizeof(bytes));
     support::answer(io, "forged");

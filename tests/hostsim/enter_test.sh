@@ -2,21 +2,13 @@
 # Tests hostsim/enter and hostsim/probe from outside: enter_test.sh ENTER BUILD
 # Exit status 77: all that could be checked here passed; what could not is named.
 set -uo pipefail
+source "$(dirname "$0")/../support/check.sh"
 
 enter=("$1" --build "$2")
 build=$2
-failed=0
 scratch=$(mktemp -d "$build/enter_test.XXXXXX")
 trap 'rm -rf "$scratch"' EXIT
 
-check() { # check WHAT ACTUAL EXPECTED
-    if [ "$2" = "$3" ]; then
-        echo "ok   $1"
-    else
-        echo "FAIL $1: got '$2', expected '$3'"
-        failed=1
-    fi
-}
 skipped=0
 skip() { # skip REASON
     echo "skip: $1"

@@ -1,17 +1,8 @@
 #!/bin/bash
 # The demo goes through, fits a terminal of 80 columns, and is plain where nobody looks: demo_test.sh PROJECT
 set -uo pipefail
+source "$(dirname "$0")/../support/check.sh"
 cd "$1" || exit
-failed=0
-
-check() { # check WHAT ACTUAL EXPECTED
-    if [ "$2" = "$3" ]; then
-        echo "ok   $1"
-    else
-        echo "FAIL $1: got '$2', expected '$3'"
-        failed=1
-    fi
-}
 
 output=$(hostsim/enter scripts/demo 2>&1)
 check "its status" $? 0

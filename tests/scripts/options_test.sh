@@ -1,17 +1,9 @@
 #!/bin/bash
 # Every script knows --help and refuses what it does not know: options_test.sh PROJECT
 set -uo pipefail
+source "$(dirname "$0")/../support/check.sh"
 cd "$1" || exit
-failed=0
 
-check() { # check WHAT ACTUAL EXPECTED
-    if [ "$2" = "$3" ]; then
-        echo "ok   $1"
-    else
-        echo "FAIL $1: got '$2', expected '$3'"
-        failed=1
-    fi
-}
 status_of() { # runs the rest, which ends at once, prints only its status
     timeout 20 "$@" >/dev/null 2>&1 </dev/null
     echo $?
