@@ -160,8 +160,12 @@ def test_broken_client_is_found(printed_client, old, new, rule):
             "REFUSES is no file in memory",
         ),
         ("fcntl.fcntl(fd, _F_ADD_SEALS, _F_SEAL_SEAL)", "pass", "Where a file can still be sealed"),
-        ("recv_fds(caller, 1, 1, flags)", "recv_fds(caller, 1, 8, flags)", "Of several descriptors"),
-        ("if descriptors else None", 'if descriptors else os.memfd_create("x")', "A data byte without a descriptor"),
+        ("_wire.receive_descriptor(caller)", "(socket.recv_fds(caller, 1, 8)[1] or [None])[0]", "Of several descriptors"),
+        (
+            "_wire.receive_descriptor(caller)",
+            '_wire.receive_descriptor(caller) or os.memfd_create("x")',
+            "A data byte without a descriptor",
+        ),
         ("for fd in (memory_file, extra_fd):", "for fd in (memory_file,):", "The extra descriptor can be"),
         (
             "!= _wire.REQUEST:\n",
