@@ -70,8 +70,8 @@ if(VEXPROD_COVERAGE)
 endif()
 
 # vexprod_harden(TARGET)
-# Makes mistakes in what runs as root harder to use; scripts/check-release looks whether it did. Position-independent
-# programs are the compiler's own default.
+# Makes mistakes in what is shipped, and runs as root, harder to use; scripts/check-release looks whether it did. Programs
+# are position-independent by the compilers' own default.
 function(vexprod_harden target)
     if(NOT VEXPROD_STANDALONE)
         return()
