@@ -87,7 +87,7 @@ int dispatch(std::span<const command_entry> table, const char* command, ks_io* i
     } catch (...) {
         dbg_printf2("[%s][%d] %s ended without a reply.", __func__, __LINE__, request->command);
     }
-    pthread_exit(nullptr);
+    return nullptr; // pthread_exit(3) does no more, and needs the compiler's shared library at run time
 }
 
 int service_handler(const char* command, ks_io* io, int fd) {

@@ -177,13 +177,13 @@ void wait_until_up(const service_thread& thread) {
 void* pthread_ks_start(void* /*argument*/) {
     dbg_printf2("[%s][%d] ks_start.", __func__, __LINE__);
     ks_start(ks_service_handle);
-    pthread_exit(nullptr);
+    return nullptr;
 }
 
 void* pthread_ks_send_mail_start(void* /*argument*/) {
     dbg_printf2("[%s][%d] ks_send_mail_start.", __func__, __LINE__);
     ks_start(ks_send_mail_service_handle);
-    pthread_exit(nullptr);
+    return nullptr;
 }
 
 void start_detached(void* (*routine)(void*), service_thread* state) {
@@ -306,7 +306,7 @@ int run_daemon(int argc, char** argv) {
     }
     g_IsDaemonize = chosen.daemonize ? 1 : 0;
     if (g_IsDaemonize != 0) {
-        (void)daemon(0, 0); // in the foreground, if it cannot be helped
+        (void)!daemon(0, 0); // in the foreground, if it cannot be helped
     }
 
     const int status = create_services();

@@ -231,7 +231,7 @@ void check_files(const service_under_test& service, report& checks) {
         seal_trouble(service));
 
     const unique_fd huge = memory_file("");
-    (void)ftruncate(huge.get(), off_t{1} << 61);
+    (void)!ftruncate(huge.get(), off_t{1} << 61);
     checks.add("The service refuses a file, by closing the connection, that is not empty and cannot be mapped",
                with("2^61 bytes", file_trouble(service, huge.get(), false)));
 
