@@ -1,10 +1,10 @@
-// Descriptors and what is said over sockets: the fixed 259-byte directive, and one descriptor per message.
+// File descriptors and socket messages: the fixed 259-byte directive, and one descriptor per message.
 //
-// Receiving descriptors (unix(7), SCM_RIGHTS) has four classic mistakes, all met here: a control buffer of
+// File descriptor passing (unix(7), SCM_RIGHTS) has four classic pitfalls, all handled here: a control buffer of
 // CMSG_SPACE(one int) has room for a second descriptor on 64-bit machines, because of its alignment, so every
 // descriptor that arrives is looked at and only the first is kept; received descriptors are close-on-exec from the
-// start (MSG_CMSG_CLOEXEC); a control message of another kind is not mistaken for one; and closing a stranger's file
-// can take as long as the stranger likes, so nobody waits for that (close_foreign()).
+// start (MSG_CMSG_CLOEXEC); a control message of another kind is not mistaken for one; and closing a peer's file can
+// take as long as the peer likes, so nobody waits for that (close_foreign()).
 #include "internal.h"
 
 #include <algorithm>
@@ -140,7 +140,7 @@ int take_descriptor(msghdr* message) {
             }
         }
     }
-    if (kept >= 0 && kept <= STDERR_FILENO) { // as above_stdio(), but for a stranger's
+    if (kept >= 0 && kept <= STDERR_FILENO) { // as above_stdio(), but for a peer's
         const int moved = fcntl(kept, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
         close_foreign(kept);
         kept = moved;
@@ -199,7 +199,7 @@ ssize_t receive_with_descriptor(int sockfd, int flags, directive* ret_message, r
     }
     const int fd = take_descriptor(&letter.message);
     if (got <= (ssize_t)sizeof(*ret_message)) {
-        close_foreign(fd); // it came with the directive itself, where none belongs
+        close_foreign(fd); // sent with the directive itself, where none belongs
         return got;
     }
     *ret_fd = fd;
