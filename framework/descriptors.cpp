@@ -35,8 +35,13 @@ namespace {
 
 constexpr size_t kClosingStackSize = (size_t)256 * 1024; // what any processor asks for at least, and sanitizers add
 
+bool zero_pending = false; // descriptor 0 has a closing thread that has not come to it; accessed atomically
+
 void* close_descriptor(void* number) {
-    close((int)(intptr_t)number);
+    const int fd = (int)(intptr_t)number;
+    if (fd != STDIN_FILENO || ks::claim_zero()) {
+        close(fd);
+    }
     return nullptr;
 }
 
@@ -75,13 +80,20 @@ void close_foreign(int fd) {
     sigset_t before;
     sigfillset(&all);
     pthread_sigmask(SIG_SETMASK, &all, &before); // inherited: a signal of the process must not be left to that thread
+    if (fd == STDIN_FILENO) {
+        __atomic_store_n(&zero_pending, true, __ATOMIC_RELEASE);
+    }
     pthread_t thread = {};
     const bool started = pthread_create(&thread, &attr, close_descriptor, (void*)(intptr_t)fd) == 0;
     pthread_sigmask(SIG_SETMASK, &before, nullptr);
     pthread_attr_destroy(&attr);
     if (!started) {
-        close(fd);
+        close_descriptor((void*)(intptr_t)fd);
     }
+}
+
+bool claim_zero() {
+    return __atomic_exchange_n(&zero_pending, false, __ATOMIC_ACQ_REL);
 }
 
 directive make_directive(uint8_t type) {

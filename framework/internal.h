@@ -57,6 +57,10 @@ void close_and_clear(int32_t* fd);
 /// be made.
 void close_foreign(int fd);
 
+/// Takes the closing of descriptor 0 over from close_foreign(): ks_stop() closes it as well, and whoever comes second
+/// could close a new file. @return Whether there was one to take over.
+bool claim_zero();
+
 /// Sends or receives one whole directive without blocking; true = all 259 bytes went through.
 bool send_directive(int sockfd, const directive& message);
 bool receive_directive(int sockfd, directive* ret_message);

@@ -388,6 +388,7 @@ void ks_stop(ks_handle* handle) {
         }
     }
     if (first) {
+        (void)ks::claim_zero();
         close(STDIN_FILENO); // KEPT: the first socket of the producer's entry, never assigned and so 0
     }
     locked guard(self);
