@@ -94,18 +94,14 @@ step advance(uint32_t events, ks_io* io, unsigned* ret_code) {
     }
 }
 
-constexpr int64_t kNoDeadline = INT64_MAX;
-
 // connect(2) blocks while the service's backlog is full, and for ever when the service has been stopped (SIGSTOP). The
 // socket's send timeout bounds that wait, see socket(7); after a signal the wait continues with what is left. The
 // timeout stays: nothing else that is sent may take longer either.
 unsigned connect_until(int sockfd, const sockaddr_un& address, int64_t give_up_at) {
     for (;;) {
-        if (give_up_at != kNoDeadline) {
-            const int64_t timeout_ms = std::max<int64_t>(give_up_at - ks::now_ms(), 1); // 0 would mean without end
-            const timeval timeout = {(time_t)(timeout_ms / 1000), (suseconds_t)(timeout_ms % 1000 * 1000)};
-            (void)setsockopt(sockfd, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof(timeout));
-        }
+        const int64_t timeout_ms = std::max<int64_t>(give_up_at - ks::now_ms(), 1); // 0 would mean without end
+        const timeval timeout = {(time_t)(timeout_ms / 1000), (suseconds_t)(timeout_ms % 1000 * 1000)};
+        (void)setsockopt(sockfd, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof(timeout));
         if (connect(sockfd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0) {
             return KS_OK;
         }
@@ -116,7 +112,7 @@ unsigned connect_until(int sockfd, const sockaddr_un& address, int64_t give_up_a
 }
 
 // Checks the arguments, connects and makes `io` a request. Afterwards it waits for its invitation.
-// @param give_up_at  now_ms() of the end of connecting, or kNoDeadline.
+// @param give_up_at  The deadline for connecting, by now_ms().
 unsigned open_request(const char* name, const char* command, ks_io* io, int passfd, int64_t give_up_at) {
     KS_REQUIRE_IN("ks_epoll_call", is_io(io), KS_IO_TEXT, "cannot make incorrect ks_io %p request", (void*)io);
     if (name == nullptr || strlen(name) > MAXIMUM_NAME_SIZE || command == nullptr ||
@@ -303,7 +299,7 @@ ks_epoll* ks_epoll_create(void) {
 unsigned ks_epoll_call(ks_epoll* epoll, const char* name, const char* command, ks_io* io, int passfd) {
     KS_REQUIRE(is_epoll(epoll), KS_EPOLL_TEXT, "cannot call incorrect ks_epoll %p", (void*)epoll);
     KS_REQUIRE(is_io(io), KS_IO_TEXT, "cannot make incorrect ks_io %p request", (void*)io);
-    const unsigned code = open_request(name, command, io, passfd, kNoDeadline);
+    const unsigned code = open_request(name, command, io, passfd, ks::now_ms() + kMinimumTimeoutS * 1000);
     if (code != KS_OK) {
         return code;
     }

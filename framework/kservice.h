@@ -309,7 +309,8 @@ KS_API ks_epoll* ks_epoll_create(void);
 /** Connects to service `name` and puts the request into the set; it is sent when the service invites it.
  *  @param io      The request; borrowed until ks_epoll_perform() returns it or ks_epoll_cancel().
  *  @param passfd  Borrowed extra descriptor to hand over, or -1; kept open until the request has been sent.
- *  @return KS_OK, KS_NO_SERVICE (the unconnected socket stays in io->sockfd) or KS_BAD_ARGUMENT. Checks both. */
+ *  @return KS_OK, KS_BAD_ARGUMENT, KS_NO_SERVICE, or KS_TIMEOUT if the service's backlog stays full for 5 seconds;
+ *  after the last two the unconnected socket stays in io->sockfd. Checks both. */
 KS_API unsigned ks_epoll_call(ks_epoll* epoll, const char* name, const char* command, ks_io* io, int passfd);
 /** Waits for one event and acts on it. Checked.
  *  @param timeout_ms  Milliseconds; restarted by a directive of an unknown type.

@@ -231,7 +231,7 @@ public:
     /// Sends a request as soon as its service invites it, inside wait().
     /// @param tag       Returned with the reply.
     /// @param extra_fd  Borrowed descriptor to hand over, or -1; kept open until the request has ended.
-    /// @return status::ok, or why nothing was sent. Waits while the service has too many connections to accept.
+    /// @return status::ok, or why nothing was sent. Blocks while the service's backlog is full, for 5 seconds at most.
     [[nodiscard]] status add(const std::string& service, const std::string& command, std::string_view request = {},
                              std::size_t tag = 0, int extra_fd = -1) {
         if (service.empty() || detail::has_nul(service) || detail::has_nul(command)) {
