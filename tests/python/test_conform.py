@@ -7,8 +7,10 @@ are copies of the last two, one place at a time.
 import contextlib
 import os
 import re
+import runpy
 import shutil
 import subprocess
+import time
 from pathlib import Path
 
 import pytest
@@ -88,6 +90,14 @@ def test_clients_conform(printed_client):
     assert all_passed(conform("--client", os.environ["CPP_PEER"], "call"))
     assert all_passed(conform("--client", "--", *PYTHON, "-m", "kservice"))
     assert all_passed(conform("--client", "--", *PYTHON, printed_client()))
+
+
+def test_printed_client_waits_while_the_backlog_is_full(printed_client, full_name):
+    call = runpy.run_path(printed_client())["call"]
+    begin = time.monotonic()
+    with pytest.raises(BlockingIOError):
+        call(full_name, "echo", timeout=0.5)
+    assert time.monotonic() - begin > 0.4
 
 
 @pytest.mark.parametrize(
