@@ -1,16 +1,16 @@
-// The producer worker: accepts callers, keeps those that no consumer can take yet, hands each to an idle consumer,
-// turns callers away when the service is paused or its list is full, and restarts consumer processes that have died.
+// The producer worker: accepts callers, queues those that no consumer can take yet, hands each to an idle consumer,
+// rejects callers when the service is paused or its queue is full, and restarts consumer processes that have died.
 //
-// One thread; it alone touches the waiting list, the cursor, the idle marks and in_transit.
+// One thread; it alone touches the waiting queue, the cursor, the idle flags and in_transit.
 //
-// Ownership of a caller's connection: the waiting list's entry owns it; with the hand-over it is "in transit": the
-// consumer gets a descriptor of its own by message, and the number here stays open, noted in in_transit, until the
+// Ownership of a caller's connection: the waiting queue's entry owns it; with the hand-over it is "in transit": the
+// consumer receives its own descriptor by message, and the number here stays open, noted in in_transit, until the
 // consumer's echo says that its copy has arrived. A consumer that dies or stops in between never echoes; the number is
 // then closed by the restart or by the end of the run. A consumer has at most one caller in transit, since it reports
 // ready only after its echo.
 //
 // An event of a batch may concern an entry that an earlier event of the same batch has freed, or a link that it has
-// replaced: whoever does so takes the pointer out of the rest of the batch (forget).
+// replaced: so freeing or replacing removes the pointer from the rest of the batch (forget).
 #include "internal.h"
 
 #include <cerrno>
@@ -153,15 +153,15 @@ void hand_over(producer* p, ks_worker* worker, const ks_queue* spoke) {
     }
     unlist(p, first);
     if (!announced) {
-        hang_up(fd); // the consumer has heard of nothing; a dead link says so itself
+        hang_up(fd); // the consumer has received nothing; a dead link is reported by itself
         return;
     }
     worker->idle = 0;
     p->self->consumers[worker->index].in_transit = fd;
     if (spoke_itself) {
         (void)shutdown(fd, SHUT_RDWR);
-        // The echo closes this number once more. The epoll's duplicate keeps it taken until then, so that no descriptor
-        // of somebody else's can come to stand there.
+        // The echo closes this number once more. The epoll's duplicate keeps it taken until then, so that nobody else's
+        // descriptor can get it.
         (void)dup3(p->own->pollfd, fd, O_CLOEXEC);
     }
 }
@@ -313,8 +313,8 @@ void hear_consumer(producer* p, ks_queue* link) {
     dispatch(p, nullptr);
 }
 
-// A waiting caller spoke. What it said stays unread for the consumer; so that it is not reported without end, only its
-// hang-up is watched from now on. Nothing is missed by that: whenever a consumer turns idle, a dispatch follows.
+// A waiting caller sent something. It stays unread for the consumer; to avoid endless events, only its hang-up is
+// watched from now on. Nothing is missed by that: whenever a consumer becomes idle, a dispatch follows.
 void hear_caller(producer* p, ks_queue* entry) {
     const bool first = p->own->queue.next == entry;
     const size_t waiting = p->waiting;

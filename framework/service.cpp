@@ -4,13 +4,13 @@
 //
 //   ks_start()   opens the listening socket and the worker table, starts the consumers, runs the producer loop (in a
 //                thread of its own with KS_STANDALONE).
-//   ks_stop()    withdraws the socket, sets `stopping`, wakes the producer by shutting the listening socket down, and
+//   ks_stop()    removes the socket, sets `stopping`, wakes the producer by shutting down the listening socket, and
 //                waits until the run is over. It closes, joins and frees nothing itself: closing an epoll descriptor
-//                would not wake its waiter, and the number could be somebody else's a moment later.
+//                would not wake its waiter, and the number could be reused a moment later.
 //   end_run()    is for the thread that ran the producer loop: it tells each consumer to stop, waits for it, closes
-//                every descriptor and takes the table away. Nobody else touches the table any more, so nothing is read
-//                after it is freed, closed twice or waited for twice, however many threads call ks_stop(). The run is
-//                over then; the memory and the consumers' threads follow.
+//                every descriptor and detaches the table. Nobody else touches the table by then, so nothing is read
+//                after it is freed, closed twice or waited for twice, however many threads call ks_stop(). Then the
+//                run is over; the memory and the consumers' threads follow.
 //   the thread   of the producer, with KS_STANDALONE, is joined by the next ks_start() or by ks_free().
 //
 // ks_stop() may come while ks_start() is still setting up: the service then ends as soon as it is up. It may also come
@@ -123,7 +123,7 @@ void end_run(service* self) {
     size_t* const waiting = self->waiting;
     ks_worker* const producer = &handle->worker[handle->service_size];
     const bool threads = (handle->mode & KS_PTHREAD_MODE) != 0;
-    close_and_clear(&producer->sockfd[1]); // first: whoever calls from now on is refused, and does not wait in vain
+    close_and_clear(&producer->sockfd[1]); // first: new callers get ECONNREFUSED at once and do not wait in vain
     close_and_clear(&producer->pollfd);
     for (const ks_worker& each : workers) {
         (void)send_directive(each.sockfd[1], make_directive(KS_DIRECTIVE_STOP)); // fails when it is gone already
@@ -169,7 +169,7 @@ void end_run(service* self) {
 }
 
 // Whether this process has started the service. Not its parent: the lock may have been held when it forked, its waiters
-// are no threads of ours, and its socket and descriptors are not ours to take away.
+// are not our threads, and its socket and descriptors are not ours to remove.
 bool is_ours(const service* self) {
     return __atomic_load_n(&self->owner, __ATOMIC_ACQUIRE) == getpid();
 }
@@ -244,7 +244,7 @@ void serve_in_this_thread(service* self) {
     end_run(self);
 }
 
-// Takes the socket's name away and wakes the producer. The socket is not touched while open_producer() is still at it,
+// Removes the socket's name and wakes the producer. The socket is not touched while open_producer() is still running,
 // which would find its file gone: ks_start() then does this itself.
 void withdraw(service* self) {
     if (self->published) {
@@ -394,6 +394,7 @@ void ks_stop(ks_handle* handle) {
         }
     }
     if (first) {
+        (void)ks::claim_zero();
         close(STDIN_FILENO); // KEPT: the first socket of the producer's entry, never assigned and so 0
     }
     locked guard(self);

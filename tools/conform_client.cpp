@@ -262,7 +262,7 @@ std::string wrong_descriptor(const heard& message) {
 
 std::string wrong_memory_file(int fd, const std::string& request) {
     if (fcntl(fd, F_GET_SEALS) < 0) {
-        return "it is no file in memory";
+        return "it is not a memory file";
     }
     if ((fcntl(fd, F_GETFL) & O_ACCMODE) != O_RDWR) {
         return "it is not open for reading and writing";
@@ -295,7 +295,7 @@ void check_call(const client_under_test& client, report& checks) {
         checks.add("accepted: send the request", ended.trouble);
         return;
     }
-    checks.add("The caller says nothing before 7", early);
+    checks.add("The caller sends nothing before 7", early);
     std::string trouble = wrong_directive(seen.directive_seen, KS_DIRECTIVE_REQUEST);
     checks.add("It is sent whole in one call, and received whole", trouble);
     if (trouble.empty() &&
@@ -314,7 +314,7 @@ void check_call(const client_under_test& client, report& checks) {
                trouble);
     checks.add("The memory file comes first, always; the extra descriptor second, if the request's flags announce one.",
                file_trouble);
-    checks.add("After its descriptors it says nothing more", late);
+    checks.add("After its descriptors it sends nothing more", late);
     checks.add("passes the descriptor and leaves the file alone until the reply or the end of the connection", touched);
     checks.add("reads the file from 0 to its size, which is the reply's, with `pread` or `mmap`",
                ended.status == 0 && ended.output == kReply ? "" : "it did not print the reply and end with 0");
@@ -329,7 +329,7 @@ void check_edges(const client_under_test& client, report& checks) {
         command_sent = seen.directive_seen.bytes;
         reply(connection, seen, kReply);
     });
-    checks.add("256 bytes; longer ones arrive cut",
+    checks.add("256 bytes; longer ones arrive truncated",
                command_sent.size() == sizeof(directive) && command_sent.substr(2) == longest + '\0'
                    ? ""
                    : "a command of 256 bytes does not arrive whole");

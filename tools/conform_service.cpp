@@ -212,7 +212,7 @@ std::string seal_trouble(const service_under_test& service) {
 
 void check_files(const service_under_test& service, report& checks) {
     checks.add(
-        "The service refuses a file, by closing the connection, that is no file in memory: it has to come from `memfd_create`, or to stand on a `tmpfs` such as `/dev/shm`",
+        "The service refuses a file, by closing the connection, that is not a memory file: it must come from `memfd_create` or be on a `tmpfs` such as `/dev/shm`",
         memory_trouble(service));
 
     const unique_fd file = memory_file(service.request);
@@ -288,7 +288,7 @@ void check_misuse(const service_under_test& service, report& checks, bool slow) 
     cut_off.say(make_directive(KS_DIRECTIVE_REQUEST).substr(0, sizeof(directive) - 1));
     cut_off.expect_end();
     checks.add(
-        "The connection ends without 9 when the request was none of the protocol: a directive of another type or length, a missing descriptor, a "
+        "The connection ends without 9 when the request violates the protocol: a directive of another type or length, a missing descriptor, a "
         "file that is refused",
         with("type 9", other_type.trouble()) + with("258 bytes", cut_off.trouble()));
 
@@ -299,7 +299,7 @@ void check_misuse(const service_under_test& service, report& checks, bool slow) 
     long_name.pass({file.get()});
     const heard answer = hear(long_name.get(), sizeof(directive));
     long_name.require(!answer.silent, "neither an answer nor an end");
-    checks.add("256 bytes; longer ones arrive cut", long_name.trouble());
+    checks.add("256 bytes; longer ones arrive truncated", long_name.trouble());
 
     (void)caller(service.path); // each leaves at once
     (void)invited(service);

@@ -756,6 +756,20 @@ TEST(ClientTimeoutTest, SignalsMakeAWaitNeitherShorterNorLonger) {
     sigaction(SIGALRM, &before, nullptr);
 }
 
+// Nor does a set wait for ever where nobody accepts.
+TEST(ClientTimeoutTest, FullBacklogEndsARequestOfASet) {
+    const scripted_service full(0);
+    const support::raw_caller only(full.path());
+    ASSERT_TRUE(only.connected());
+    const unique_epoll epoll(ks_epoll_create());
+    const unique_io io(ks_io_create());
+    const auto begin = std::chrono::steady_clock::now();
+    EXPECT_EQ(ks_epoll_call(epoll.get(), full.name(), "c", io.get(), -1), 1U);
+    EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(4990));
+    const descriptor accepted = full.accept_one();
+    EXPECT_EQ(ks_epoll_call(epoll.get(), full.name(), "c", io.get(), -1), 0U) << "there is room now";
+}
+
 TEST(ClientTimeoutTest, PatientCallOutlastsASlowService) {
     const service one(5, 1, [](const char*, ks_io* io, int) {
         std::this_thread::sleep_for(std::chrono::milliseconds(300)); // slowness itself

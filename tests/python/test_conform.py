@@ -7,8 +7,10 @@ are copies of the last two, one place at a time.
 import contextlib
 import os
 import re
+import runpy
 import shutil
 import subprocess
+import time
 from pathlib import Path
 
 import pytest
@@ -90,6 +92,14 @@ def test_clients_conform(printed_client):
     assert all_passed(conform("--client", "--", *PYTHON, printed_client()))
 
 
+def test_printed_client_waits_while_the_backlog_is_full(printed_client, full_name):
+    call = runpy.run_path(printed_client())["call"]
+    begin = time.monotonic()
+    with pytest.raises(BlockingIOError):
+        call(full_name, "echo", timeout=0.5)
+    assert time.monotonic() - begin > 0.4
+
+
 @pytest.mark.parametrize(
     "old, new, rule",
     [
@@ -97,7 +107,7 @@ def test_clients_conform(printed_client):
         (
             "receive_until(connection, ACCEPTED)",
             'connection.send(b"x"); receive_until(connection, ACCEPTED)',
-            "The caller says nothing before 7",
+            "The caller sends nothing before 7",
         ),
         ('ljust(257, b"\\0")', 'ljust(256, b"\\0")', "It is sent whole"),
         ('ljust(257, b"\\0")', 'ljust(257, b" ")', "in a request: the command's name"),
@@ -116,7 +126,7 @@ def test_clients_conform(printed_client):
             "passes the descriptor and leaves the file alone",
         ),
         ("os.pread(memory_file, size - len(reply), len(reply))", "os.read(memory_file, size)", "reads the file from 0"),
-        ("len(name) > 256", "len(name) > 255", "256 bytes; longer ones arrive cut"),
+        ("len(name) > 256", "len(name) > 255", "256 bytes; longer ones arrive truncated"),
         ("sys.stdout.buffer.write(reply)", 'sys.stdout.buffer.write(reply or b"none")', "A reply of size 0"),
         ("os.fstat(memory_file).st_size", "min(os.fstat(memory_file).st_size, 4096)", "There is no terminator"),
         (
@@ -167,7 +177,7 @@ def test_broken_client_is_found(printed_client, old, new, rule):
         (
             "if fcntl.fcntl(fd, fcntl.F_GETFL)",
             'if "memfd" not in os.readlink(f"/proc/self/fd/{fd}") or fcntl.fcntl(fd, fcntl.F_GETFL)',
-            "REFUSES is no file in memory",
+            "REFUSES is not a memory file",
         ),
         ("fcntl.fcntl(fd, _F_ADD_SEALS, _F_SEAL_SEAL)", "pass", "Where a file can still be sealed"),
         ("_wire.receive_descriptor(caller)", "(socket.recv_fds(caller, 1, 8)[1] or [None])[0]", "Of several descriptors"),

@@ -104,7 +104,7 @@ TEST(CompletionTest, FishHasThem) {
     };
     EXPECT_THAT(words("ksctl cal"), ElementsAre("call\tCall a service and print its reply"));
     EXPECT_THAT(words("ksctl call mail "), ElementsAre("sendmail\tGives a prepared mail to the host's mail program.",
-                                                       "test\tTells that the mail service answers."));
+                                                       "test\tChecks that the mail service answers."));
     EXPECT_THAT(words("ksctl call main get_sess_id "), SizeIs(1));
 }
 

@@ -374,6 +374,24 @@ TEST_F(KsctlTest, CallGivesUpAfterFiveSecondsAtLeastWithStatus11) {
     EXPECT_LT(took, std::chrono::seconds(15));
 }
 
+// Connecting counts, too, and goes on when the library gives it up.
+TEST_F(KsctlTest, CallTimesOutWhileTheBacklogIsFull) {
+    raw_service full(folder_ + "/s");
+    std::vector<int> callers;
+    do {
+        callers.push_back(try_to_connect(folder_ + "/s"));
+    } while (callers.back() >= 0);
+    callers.pop_back();
+    const auto begin = std::chrono::steady_clock::now();
+    const finished call = ksctl({"call", name_, "echo", "--timeout", "6"});
+    EXPECT_EQ(call.status, 11);
+    EXPECT_EQ(call.err, "ksctl: time-out: " + name_ + " took no request within 6 s\n");
+    EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::seconds(6));
+    for (const int caller : callers) {
+        close(caller);
+    }
+}
+
 TEST_F(KsctlTest, TimeoutZeroWaitsWithoutALimit) {
     start_service(name_);
     const finished call = ksctl({"call", name_, "late", "--timeout", "0"});
