@@ -27,9 +27,9 @@
  * exhausted resources print one line "[ABORT] @<function>() <message>: `<condition>'" to standard error and abort().
  * Whatever the other side of a connection does costs only that connection. Everything else is a result code.
  *
- * What is marked "KEPT:" looks wrong and is deliberate: programs rely on it.
+ * "KEPT:" marks behaviour that looks wrong but is deliberate, because programs rely on it.
  *
- * What travels on the sockets, byte by byte, is described in docs/protocol.md.
+ * What travels on the sockets, byte by byte, is described in ks-protocol(7).
  */
 #ifndef KSERVICE_H
 #define KSERVICE_H
@@ -53,8 +53,7 @@ extern "C" {
 #define KS_PRINTF(format_index, first_argument)
 #endif
 
-/* Each part from here on is a manual page, made from its comments; the title of the part names it. The comment at the
- * head is libkservice(3). */
+/* The sections below and the comment above are also manual pages; each section's title names its page. */
 
 /* ---- Constants: ks_constants(3) -------------------------------------------------------------------------------- */
 
@@ -349,7 +348,7 @@ KS_API void ks_reply(ks_io* io);
 
 /* ---- Signals and crash reports: ks_signal(3) ------------------------------------------------------------------- */
 
-/** What a routed signal runs, with its number. */
+/** Called with the number of a routed signal. */
 typedef void (*ks_signal_callback)(int signum);
 
 /** Callbacks by signal number; NULL = none. */
@@ -370,7 +369,7 @@ KS_API void _ks_backtrace(int sig); /* NOLINT(clang-diagnostic-reserved-identifi
  *  process worker must not inherit it closes by number instead. @return 1, or 0 when either fcntl(2) fails. */
 KS_API uint32_t set_fd_cloexec(int fd);
 
-/** Begins a message. The context needs no other set-up, and may have been used before. */
+/** Starts a new digest. The context may be new or used. */
 KS_API void SHA1Reset(SHA1Context* context);
 /** Appends `length` bytes. After the digest is final, or past 2^64 bits, marks the context corrupted. */
 KS_API void SHA1Input(SHA1Context* context, const unsigned char* data, unsigned length);

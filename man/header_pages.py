@@ -1,8 +1,8 @@
 """The pages of section 3, as Markdown, from the comments of kservice.h.
 
-The header's head is libkservice(3). Each of its parts, which begin with a line "/* ---- Title: page(3) ---- */", is a
-page: a function is a heading and its comment, a record is a heading, its members and their comments, and constants are
-lists. What has no comment and does not directly follow something that has one is an error.
+The comment at the top of the header becomes libkservice(3). Each section, which starts with a line
+"/* ---- Title: page(3) ---- */", becomes a page with a heading for each function and record and lists of constants.
+A declaration without a comment belongs to the one directly above it; if there is none, that is an error.
 """
 
 import re
@@ -24,17 +24,17 @@ ENUMERATOR = re.compile(r"(?P<name>\w+) = (?P<value>\w+)\s*,?\s*(?:/\*\*<(?P<com
 @dataclass
 class Page:
     name: str
-    functions: list  # that it describes
+    functions: list  # described there
     markdown: str
 
 
 def text_of(comment):
-    """A comment without what frames its lines."""
+    """A comment's text, without the asterisks."""
     return re.sub(r"^\s*\* ?", "", comment, flags=re.MULTILINE).strip()
 
 
 def prose(text):
-    """A comment's text as Markdown. It has `code`, and blocks of code that are indented; nothing else is markup."""
+    """A comment's text as Markdown. Its only markup is `code` and indented code blocks; the rest is escaped."""
 
     def words(line):
         if line.startswith("    "):
@@ -42,14 +42,14 @@ def prose(text):
         parts = re.split(r"(`\w+`)", line.strip())
         for n in range(0, len(parts), 2):
             part = re.sub(r"([\\`*_<>\[\]#])", r"\\\1", parts[n])
-            parts[n] = re.sub(r"([\w\\]+)(?=\(\d?\))", r"**\1**", part)
+            parts[n] = re.sub(r"([\w\\-]+)(?=\(\d?\))", r"**\1**", part)
         return "".join(parts)
 
     return "\n".join(map(words, text.split("\n")))
 
 
 def described(text):
-    """The comment of a function: what it does, and a list of its parameters and its result."""
+    """A function's comment: its text, then a list of parameters and the result."""
     text, *tags = re.split(r"@(?=param|return)", text)
     items = []
     for tag in tags:
@@ -70,7 +70,7 @@ def declared_name(declaration):
 
 
 def plain(declaration):
-    """As a program may write it, in lines that need no folding."""
+    """The declaration without our macros, broken so that it needs no folding."""
     text = re.sub(r"\bKS_API |\s*KS_PRINTF\([^)]*\)", "", declaration)
     line, *rest = re.split(r"(?<=,) ", re.sub(r"\s+", " ", text))
     indent = " " * (line.index("(") + 1 if rest else 0)
@@ -100,11 +100,11 @@ def record(declaration, comment):
 class Entry:
     kind: str  # "note", "define" or "declaration"
     comment: str
-    texts: list  # what the comment stands above
+    texts: list  # what the comment describes
 
 
 def entries(part):
-    """A part's entries in order. A note is what stands in front of the first one."""
+    """A section's entries in order. A note is an ordinary comment before the first one."""
     found = []
     end = 0
     comment = None
@@ -135,7 +135,7 @@ def enumeration(declaration, comment):
 
 
 def section(entry):
-    """An entry's part of the description."""
+    """An entry as Markdown."""
     first = entry.texts[0]
     if entry.kind == "note":
         return prose(entry.comment)
@@ -147,7 +147,7 @@ def section(entry):
     if first.startswith("typedef struct"):
         return record(first, entry.comment)
     names = [declared_name(text) + ("()" if text.startswith("KS_API") else "") for text in entry.texts]
-    shown = "" if first.startswith("KS_API") else code(plain(first)) + "\n\n"  # the others stand in the synopsis
+    shown = "" if first.startswith("KS_API") else code(plain(first)) + "\n\n"  # functions are in the synopsis
     return f"### {', '.join(names)}\n\n{shown}{described(entry.comment)}"
 
 
@@ -166,7 +166,7 @@ def page_of(title, name, part, see_also):
 
 
 def read(header):
-    """The pages that the header makes."""
+    """The pages of the header."""
     head, *parts = PART.split(header.read_text())
     parts = list(zip(parts[::3], parts[1::3], parts[2::3]))
     comment = text_of(re.search(r"\A/\*(.*?)\*/", head, re.DOTALL)[1])

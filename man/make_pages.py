@@ -1,10 +1,10 @@
 #!/usr/bin/env python3
 """Makes the manual pages: make_pages.py VERSION FOLDER
 
-A page's source is man/NAME.SECTION.md, in Markdown. A line "<!-- document docs/events.md -->" stands for that
-document, without its title and its table of contents. The pages of section 3 come from kservice.h, see
-header_pages.py. lowdown(1) makes man(7) of all of them, and what it leaves to be wished is mended here. Their date is
-their version's in CHANGELOG.md.
+The source of a page is man/NAME.SECTION.md, in Markdown. A line "<!-- document docs/events.md -->" is replaced by that
+document, without its title and table of contents. The pages of section 3 are generated from kservice.h, see
+header_pages.py. lowdown(1) converts all of them to man(7), and clean_up() improves its output. The date on the pages is
+the version's in CHANGELOG.md.
 """
 
 import re
@@ -37,12 +37,12 @@ def without_title_and_contents(text):
 
 
 def label_examples(text):
-    """An example's request and reply are told apart by their fences alone."""
+    """In commands.md only the fences tell an example's request from its reply."""
     return substitute(r"^(?=```json (request|reply)$)", r"Example's \1:\n\n", text)
 
 
 def refer_to_pages(text):
-    """Turns links into words, and documents' names into their pages'."""
+    """Replaces links by their text, and the names of documents by those of their pages."""
 
     def link(match):
         words, target = match.groups()
@@ -56,7 +56,7 @@ def refer_to_pages(text):
 
 
 def fold(line):
-    """Breaks a line of code that is too long: between members of JSON, at a blank, or else where the room ends."""
+    """Breaks a line of code that is too long: between JSON members, at a blank, or else at the width's end."""
     lines = []
     room = header_pages.CODE_WIDTH
     while len(line) > room:
@@ -67,12 +67,12 @@ def fold(line):
 
 
 def literal(roff):
-    """Text that is to be copied as it stands: hyphens and quotes are ASCII's."""
+    """Hyphens and quotes stay ASCII, so that the text can be pasted."""
     return roff.replace("-", r"\-").replace("'", r"\(aq")
 
 
-def mend(roff):
-    # Neither hyphenated, which the end of code would begin again, nor stretched: most long words are names.
+def clean_up(roff):
+    # No hyphenation (which .EE turns on again) and no justification: most long words are names.
     roff = substitute(r"^(\.TH .*) \"\"$", r"\1\n.nh\n.ad l", roff)
     synopsis, description = substitute(r"^\.EE$", ".EE\n.nh", roff).split("\nDESCRIPTION\n")
     description = substitute(r"^\.EX$", f".RS {CODE_INDENT}\n.EX", description)
@@ -80,7 +80,7 @@ def mend(roff):
     roff = substitute(r"^\.(SH|SS)\n(.*)\n(?:\.LP\n)?", heading, roff)
     roff = substitute(r"\\f[BC]([\s\S]*?)\\fR", bold, roff)
     roff = substitute(r"(?<=^\.EX\n)([\s\S]*?)(?=^\.EE$)", lambda m: literal(m[1]), roff)
-    # Terms with what they mean, and items without a blank line between them.
+    # Definition lists, and list items without a blank line between them.
     closer = r"\.if n \\\n\.sp -1v?\n\.if t \\\n\.sp -0\.25v\n"
     roff = substitute(rf"^(?:\.LP\n)?(.+)\n{closer}\.IP \"\" 5n$", r".TP\n\1", roff)
     roff = substitute(rf"^{closer}(\.IP .*)$", r".PD 0\n\1\n.PD", roff)
@@ -91,12 +91,12 @@ def mend(roff):
 
 
 def bold(match):
-    """Also code in a line. A word of it may break behind a comma, without a hyphen."""
+    """Bold text and inline code. Long JSON may break after a comma."""
     return r"\fB" + re.sub(r",(?=\S)", r",\\:", literal(match[1])) + r"\fR"
 
 
 def heading(match):
-    """On the macro's line, where a paragraph follows by itself. Those of sections are in upper case, but for names."""
+    """Section headings are in upper case, except for names. No paragraph macro is needed after a heading."""
     macro, words = match.groups()
     if macro == "SH":
         words = "".join(part if part.startswith(r"\fC") else part.upper() for part in re.split(r"(\\fC.*?\\fR)", words))
@@ -104,7 +104,7 @@ def heading(match):
 
 
 def table(match):
-    """Without boxes. Narrow columns are as wide as their widest cell, the others share the room that is left."""
+    """A table without boxes. Narrow columns are as wide as their widest cell, the others share the remaining width."""
     count = len(match[1].split())
     cells = [text.strip() for text in re.findall(r"T\{\n(.*?)T\}", match[2], re.DOTALL)]
     rows = [cells[n : n + count] for n in range(0, len(cells), count)]
@@ -126,7 +126,7 @@ def table(match):
 
 
 def fold_code(markdown):
-    """Folds the fenced blocks, and what is indented outside them."""
+    """Folds fenced and indented code blocks."""
     blocks = re.split(r"(^```[\s\S]*?^```$)", markdown, flags=re.MULTILINE)
     blocks[1::2] = ["\n".join(map(fold, block.split("\n"))) for block in blocks[1::2]]
     blocks[::2] = [substitute(r"^    (.*)", lambda m: indent(fold(m[1]), "    "), text) for text in blocks[::2]]
@@ -145,13 +145,13 @@ def make(markdown, name, section, version, date):
     command += ["--parse-no-metadata", "--parse-no-intraemph", "--parse-no-autolink", "--parse-no-super"]
     command += [word for key, value in metadata.items() for word in ("-M", f"{key}={value}")]
     text = fold_code(label_examples(refer_to_pages(markdown)))
-    return mend(subprocess.run(command, input=text, stdout=subprocess.PIPE, text=True, check=True).stdout)
+    return clean_up(subprocess.run(command, input=text, stdout=subprocess.PIPE, text=True, check=True).stdout)
 
 
 def main(version, folder):
     released = re.search(rf"^## \[{re.escape(version)}\] - (\S+)$", (TREE / "CHANGELOG.md").read_text(), re.MULTILINE)
     if not released:
-        raise SystemExit(f"CHANGELOG.md does not tell of version {version}")
+        raise SystemExit(f"CHANGELOG.md has no entry for version {version}")
     shutil.rmtree(folder, ignore_errors=True)
 
     def write(name, section, markdown):

@@ -1,4 +1,4 @@
-"""One version: that of project() in CMakeLists.txt, wherever a user meets one."""
+"""The version of project() in CMakeLists.txt is the one that users see everywhere."""
 
 import os
 import re
@@ -19,22 +19,22 @@ def found_in(pattern, path):
 VERSION = found_in(r"^project\(vexprod VERSION (\d+\.\d+\.\d+) ", TREE / "CMakeLists.txt")
 
 
-def test_ksctl_tells_it():
+def test_ksctl():
     done = subprocess.run([BUILD / "bin/ksctl", "--version"], capture_output=True, text=True)
     assert done.stdout == f"ksctl {VERSION}\n"
 
 
-def test_library_has_it():
+def test_library():
     assert found_in(r"^Version: (.*)", BUILD / "framework/libkservice.pc") == VERSION
     assert found_in(r'PACKAGE_VERSION "(.*)"', BUILD / "framework/kserviceConfigVersion.cmake") == VERSION
     assert (BUILD / "lib/libkservice.so").resolve(strict=True).name == f"libkservice.so.{VERSION}"
 
 
-def test_python_package_has_it():
+def test_python_package():
     assert found_in(r'^version = "(.*)"', TREE / "python/pyproject.toml") == VERSION
 
 
-def test_changelog_begins_with_it():
+def test_changelog():
     releases = re.findall(r"^## \[(\d.*)\] - (\d{4}-\d\d-\d\d)$", (TREE / "CHANGELOG.md").read_text(), re.MULTILINE)
     assert releases[0][0] == VERSION
     assert releases == sorted(releases, key=lambda one: tuple(map(int, one[0].split("."))), reverse=True)
@@ -42,6 +42,6 @@ def test_changelog_begins_with_it():
 
 
 @pytest.mark.parametrize("page", PAGES, ids=lambda path: path.name)
-def test_page_has_it_and_its_date(page):
+def test_page(page):
     date = found_in(rf"^## \[{re.escape(VERSION)}\] - (.*)$", TREE / "CHANGELOG.md")
     assert found_in(r"^(\.TH .*)", page).endswith(f' "{date}" "vexprod {VERSION}"')
