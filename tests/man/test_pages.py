@@ -59,7 +59,7 @@ def test_fits_80_columns(page):
 @each_page
 def test_nothing_of_the_source_is_left(page):
     shown, _ = as_shown(page, 1000)
-    assert not re.search(r"\.md\b|<!--|\]\(|```", shown)
+    assert not re.search(r"\.md\b|<!--|\]\(|```|(\*+)[-\w]+\1(?!\w)", shown)
 
 
 @each_page
