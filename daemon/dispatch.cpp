@@ -13,8 +13,8 @@
 
 namespace {
 
-// "/dev/null", open for the life of the process: standard output can be pointed back at it also when no descriptor is
-// left to open it anew. Opened with the library, before any request.
+// "/dev/null", open for the life of the process: standard output can be pointed back at it even when no descriptor is
+// left to reopen it. Opened with the library, before any request.
 const int null_device = [] {
     const int opened = open("/dev/null", O_WRONLY | O_CLOEXEC);
     if (opened < 0 || opened > STDERR_FILENO) {

@@ -9,9 +9,11 @@
 //     consumer -> producer   ready, once the callback has returned, or as soon as the caller failed at any step
 //
 // While a caller is being talked to, the producer says nothing but "stop", so anything on the link makes the consumer
-// part with a caller that has not sent its request. A caller that was invited has kPatienceMs for the whole of it.
+// part with a caller that has not sent its request. A caller that was invited has kPatienceMs for the whole of it, and
+// kStepMs for each message once somebody else waits for a worker: two silent callers would hold up a service of two.
 #include "internal.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
@@ -28,11 +30,14 @@ namespace ks {
 namespace {
 
 constexpr int64_t kPatienceMs = 30000;
+constexpr int64_t kStepMs = 2000;
+constexpr int64_t kLookMs = 100; // how often a caller that is over kStepMs is weighed against those that wait
 
 struct caller {
-    int fd;             // owned connection
-    int link;           // borrowed: the worker's end of the link to the producer
-    int64_t give_up_at; // now_ms() of the end of patience
+    int fd;                // owned connection
+    int link;              // borrowed: the worker's end of the link to the producer
+    int64_t give_up_at;    // now_ms() of the end of patience
+    const size_t* waiting; // borrowed: how many wait for a consumer
 };
 
 void report_ready(const ks_worker* worker) {
@@ -49,7 +54,15 @@ void hang_up(int fd) {
 // Waits until the caller has said something. False = it has gone, was silent for too long, or the producer wants us.
 bool wait_for_caller(const caller& who) {
     pollfd watched[] = {{who.fd, POLLIN | POLLRDHUP, {}}, {who.link, POLLIN | POLLRDHUP, {}}};
-    (void)TEMP_FAILURE_RETRY(poll(watched, std::size(watched), wait_time(who.give_up_at)));
+    const int64_t step_ends_at = now_ms() + kStepMs;
+    int64_t look_at = std::min(step_ends_at, who.give_up_at);
+    while (TEMP_FAILURE_RETRY(poll(watched, std::size(watched), wait_time(look_at))) == 0) {
+        const int64_t now = now_ms();
+        if (now >= who.give_up_at || (now >= step_ends_at && __atomic_load_n(who.waiting, __ATOMIC_RELAXED) != 0)) {
+            return false;
+        }
+        look_at = std::min(now + kLookMs, who.give_up_at);
+    }
     // Hung up in both directions: whatever it said before, nobody waits for an answer.
     return watched[0].revents != 0 && watched[0].revents != (POLLIN | POLLHUP | POLLRDHUP);
 }
@@ -225,13 +238,13 @@ bool hear_request(const ks_worker* worker, const caller& who) {
 }
 
 // A caller's descriptor follows on the link, or has come along: `how` and `fd`. Ends with the worker ready again.
-void take_transfer(const ks_worker* worker, const directive& transfer, received how, int fd) {
+void take_transfer(const ks_worker* worker, const size_t* waiting, const directive& transfer, received how, int fd) {
     if (how == received::nothing) {
         how = receive_descriptor(worker->sockfd[0], 0, &fd);
     }
     (void)send_directive(worker->sockfd[0], transfer);
     if (how == received::descriptor) {
-        const caller who = {fd, worker->sockfd[0], now_ms() + kPatienceMs};
+        const caller who = {fd, worker->sockfd[0], now_ms() + kPatienceMs, waiting};
         if (!send_directive(fd, make_directive(KS_DIRECTIVE_ACCEPTED)) || !hear_request(worker, who)) {
             hang_up(fd);
         }
@@ -240,7 +253,7 @@ void take_transfer(const ks_worker* worker, const directive& transfer, received 
 }
 
 // Works on what the producer says. False = the loop must end.
-bool hear_producer(const ks_worker* worker) {
+bool hear_producer(const ks_worker* worker, const size_t* waiting) {
     directive message = {};
     received how = received::nothing;
     int fd = -1;
@@ -256,7 +269,7 @@ bool hear_producer(const ks_worker* worker) {
     case KS_DIRECTIVE_STOP:
         return false;
     case KS_DIRECTIVE_TRANSFER:
-        take_transfer(worker, message, how, fd);
+        take_transfer(worker, waiting, message, how, fd);
         return true;
     default:
         return false; // what else came down the link is none of the protocol: drop the link
@@ -265,7 +278,7 @@ bool hear_producer(const ks_worker* worker) {
 
 } // namespace
 
-void run_consumer(ks_worker* worker) {
+void run_consumer(ks_worker* worker, const size_t* waiting) {
     if (worker->init != nullptr) {
         worker->init(worker->init_argument);
     }
@@ -279,7 +292,7 @@ void run_consumer(ks_worker* worker) {
     }
     while (worker->pollfd >= 0) {
         const auto ready = TEMP_FAILURE_RETRY(epoll_wait(worker->pollfd, event, std::size(event), -1));
-        if (ready != 1 || event->events == (EPOLLIN | EPOLLHUP | EPOLLRDHUP) || !hear_producer(worker)) {
+        if (ready != 1 || event->events == (EPOLLIN | EPOLLHUP | EPOLLRDHUP) || !hear_producer(worker, waiting)) {
             close_and_clear(&worker->pollfd);
         }
     }

@@ -157,6 +157,8 @@ struct service {
 
     uint8_t pause_requested; ///< what ks_pause() and ks_resume() last said; ks_stop() overwrites `paused` only
     consumer* consumers;     ///< one for each, made and freed with the table
+    size_t* waiting; ///< callers that wait for a consumer; the producer writes it, atomically, and process workers
+                     ///< share the memory
 };
 
 inline service* service_of(ks_handle* handle) {
@@ -264,6 +266,7 @@ void run_producer(service* self);
 // ---- consumer.cpp
 
 /// The consumer loop. Returns when the worker was told to stop or lost its link.
-void run_consumer(ks_worker* worker);
+/// @param waiting  How many callers wait for a consumer; others change it meanwhile.
+void run_consumer(ks_worker* worker, const size_t* waiting);
 
 } // namespace ks

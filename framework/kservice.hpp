@@ -105,6 +105,10 @@ public:
         require();
         return *value_;
     }
+    [[nodiscard]] const T& value() const& {
+        require();
+        return *value_;
+    }
     [[nodiscard]] T value() && {
         require();
         return std::move(*value_);
@@ -353,6 +357,15 @@ public:
         ks_worker_init(
             handle_.get(), [](void* argument) { current() = static_cast<const handler*>(argument); }, serve_.get());
     }
+
+    service(service&&) noexcept = default;
+    /// Ends the service that this was, as its end does.
+    service& operator=(service&& other) noexcept {
+        handle_ = std::move(other.handle_); // its workers end before their handler goes
+        serve_ = std::move(other.serve_);
+        return *this;
+    }
+    ~service() = default;
 
     /// The object, for the functions of kservice.h; still owned. Its worker's first step (ks_worker_init()) is taken.
     [[nodiscard]] ks_handle* get() const noexcept { return handle_.get(); }

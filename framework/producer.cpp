@@ -38,6 +38,7 @@ constexpr const char* kSetUp = "ks_producer_worker_init";
 
 struct waiting_caller {
     ks_queue queue; // first, so that the two pointers convert
+    uid_t user;     // who connected
     bool watched;   // registered in the producer's epoll
 };
 
@@ -50,7 +51,7 @@ struct producer {
     ks_handle* handle;
     ks_worker* own;            // the producer's table entry
     size_t cursor;             // where the next search for an idle consumer begins
-    size_t waiting;            // entries in the list
+    size_t waiting;            // entries in the list, see set_waiting()
     int64_t accept_retry_at;   // 0, or when a listening socket muted for want of descriptors is tried again
     epoll_event batch[kBatch]; // the events being worked through
     int batch_next;
@@ -77,6 +78,12 @@ void hang_up(int fd) {
     close(fd);
 }
 
+// The consumers look at it too, see wait_for_caller().
+void set_waiting(producer* p, size_t count) {
+    p->waiting = count;
+    __atomic_store_n(p->self->waiting, count, __ATOMIC_RELAXED);
+}
+
 // Takes the entry out of the epoll, the list and the batch, and frees it. The connection stays open.
 void unlist(producer* p, ks_queue* entry) {
     waiting_caller* caller = caller_of(entry);
@@ -85,7 +92,7 @@ void unlist(producer* p, ks_queue* entry) {
     }
     entry->prev->next = entry->next;
     entry->next->prev = entry->prev;
-    --p->waiting;
+    set_waiting(p, p->waiting - 1);
     forget(p, entry);
     free(caller);
 }
@@ -180,6 +187,44 @@ void dispatch(producer* p, const ks_queue* spoke) {
     } while (p->cursor != begin);
 }
 
+// Who connected; nobody's own id when the kernel does not tell.
+uid_t user_of(int fd) {
+    ucred peer = {0, (uid_t)-1, 0};
+    socklen_t size = sizeof(peer);
+    (void)getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &size);
+    return peer.uid;
+}
+
+// A full list is not one user's alone: while one holds more than half of it, another user's caller takes the place of
+// the newest of them. False = there is no such user, or the newcomer is his.
+bool make_room(producer* p, uid_t newcomer) {
+    const ks_queue* head = &p->own->queue;
+    uid_t user = newcomer; // the only one who can hold more than half, by Boyer and Moore's vote
+    size_t votes = 0;
+    for (ks_queue* each = head->next; each != head; each = each->next) {
+        const uid_t voter = caller_of(each)->user;
+        if (votes == 0) {
+            user = voter;
+        }
+        votes = voter == user ? votes + 1 : votes - 1;
+    }
+    size_t held = 0;
+    ks_queue* newest = nullptr;
+    for (ks_queue* each = head->next; each != head; each = each->next) {
+        if (caller_of(each)->user == user) {
+            newest = each;
+            ++held;
+        }
+    }
+    if (user == newcomer || held <= p->waiting / 2) {
+        return false;
+    }
+    const int fd = newest->sockfd;
+    unlist(p, newest);
+    turn_away(fd, KS_DIRECTIVE_BUSY);
+    return true;
+}
+
 void accept_caller(producer* p) {
     int fd = accept4(p->own->sockfd[1], nullptr, nullptr, SOCK_CLOEXEC);
     if (fd < 0) {
@@ -199,7 +244,7 @@ void accept_caller(producer* p) {
         turn_away(fd, KS_DIRECTIVE_PAUSED);
         return;
     }
-    if (p->waiting > kMaxWaiting) {
+    if (p->waiting > kMaxWaiting && !make_room(p, user_of(fd))) {
         turn_away(fd, KS_DIRECTIVE_BUSY);
         return;
     }
@@ -216,13 +261,14 @@ void accept_caller(producer* p) {
     entry->prev = head->prev;
     head->prev->next = entry;
     head->prev = entry;
-    ++p->waiting;
+    set_waiting(p, p->waiting + 1);
     // Nearly always a consumer is idle and the caller leaves the list at once; only one that has to stay is watched.
     // The list is in arrival order, so the newcomer is the last entry, if it is still there.
     dispatch(p, nullptr);
     if (p->waiting == 0 || head->prev != entry) {
         return;
     }
+    caller->user = user_of(fd);
     caller->watched = watch(p, EPOLL_CTL_ADD, entry, kWatched);
     if (!caller->watched) {
         remove_caller(p, entry);

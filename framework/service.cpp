@@ -32,6 +32,7 @@
 #include <cstring>
 #include <regex.h>
 #include <span>
+#include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -91,11 +92,13 @@ void begin_run(service* self) {
     const size_t entries = handle->service_size + 1;
     ks_worker* table = nullptr;
     service::consumer* consumers = nullptr;
+    void* const waiting =
+        mmap(nullptr, sizeof(*self->waiting), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
     if (entries != 0) {
         table = static_cast<ks_worker*>(calloc(entries, sizeof(ks_worker)));
         consumers = static_cast<service::consumer*>(calloc(entries, sizeof(service::consumer)));
     }
-    KS_REQUIRE_IN("ks_start", table != nullptr && consumers != nullptr,
+    KS_REQUIRE_IN("ks_start", table != nullptr && consumers != nullptr && waiting != MAP_FAILED,
                   "(service_handle->worker = calloc(service_option->service_size + 1, sizeof(ks_worker)))",
                   "alloc worker memory fail");
     ks_worker* worker = table;
@@ -104,6 +107,7 @@ void begin_run(service* self) {
     }
     locked guard(self);
     self->consumers = consumers;
+    self->waiting = static_cast<size_t*>(waiting);
     __atomic_store_n(&handle->worker, table, __ATOMIC_RELEASE);
 }
 
@@ -116,6 +120,7 @@ void end_run(service* self) {
     }
     const std::span workers(handle->worker, handle->service_size);
     const std::span consumers(self->consumers, handle->service_size);
+    size_t* const waiting = self->waiting;
     ks_worker* const producer = &handle->worker[handle->service_size];
     const bool threads = (handle->mode & KS_PTHREAD_MODE) != 0;
     close_and_clear(&producer->sockfd[1]); // first: whoever calls from now on is refused, and does not wait in vain
@@ -158,6 +163,7 @@ void end_run(service* self) {
             pthread_join(each.id.tid, nullptr);
         }
     }
+    munmap(waiting, sizeof(*waiting));
     free(consumers.data());
     free(workers.data());
 }

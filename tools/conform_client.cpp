@@ -17,6 +17,7 @@
 #include <spawn.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -83,6 +84,11 @@ public:
                 break;
             }
             output->append(chunk.data(), static_cast<size_t>(count));
+        }
+        const unique_fd process(static_cast<int>(syscall(SYS_pidfd_open, pid_, 0))); // it may go on without its output
+        pollfd watched = {process.get(), POLLIN, 0};
+        if (process.ok() && TEMP_FAILURE_RETRY(poll(&watched, 1, static_cast<int>(patience.count()))) <= 0) {
+            return std::nullopt;
         }
         int status = 0;
         (void)waitpid(pid_, &status, 0);
@@ -413,7 +419,7 @@ void check_path(const client_under_test& client, report& checks) {
 } // namespace
 
 int check_client(const std::vector<std::string>& program) {
-    std::string folder = (std::filesystem::temp_directory_path() / "conform-XXXXXX").string();
+    std::string folder = "/tmp/conform-XXXXXX"; // $TMPDIR may be too long for a service's name
     if (mkdtemp(folder.data()) == nullptr) {
         return fail(kFailure, "cannot make %s: %s", folder.c_str(), strerror(errno));
     }

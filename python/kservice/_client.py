@@ -57,7 +57,7 @@ def _send_request(connection: socket.socket, command: bytes, memory_file: int, e
     try:
         if sent:
             for fd in (memory_file,) if extra_fd is None else (memory_file, extra_fd):
-                socket.send_fds(connection, [b"\0"], [fd], socket.MSG_DONTWAIT | socket.MSG_NOSIGNAL)
+                _wire.send_descriptor(connection, fd)
     except OSError:
         sent = False
     if not sent:

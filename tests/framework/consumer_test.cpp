@@ -809,7 +809,38 @@ TEST(ConsumerCallbackTest, CredentialsAreThoseOfTheConnection) {
     EXPECT_EQ(status, 0);
 }
 
-// ---- Patience: all of it in one test, as it takes half a minute
+// ---- Patience: all of the long one in one test, as it takes half a minute
+
+class GivingWayTest : public testing::TestWithParam<unsigned> {};
+
+INSTANTIATE_TEST_SUITE_P(WorkerKinds, GivingWayTest, testing::Values(3U, 5U));
+
+TEST_P(GivingWayTest, SilentCallersHaveTwoSecondsForEachStepWhileOthersWait) {
+    const service first(GetParam(), 1, echo);
+    const service second(GetParam(), 1, echo);
+    const service third(GetParam(), 1, echo);
+    const descriptor file = memory_file("text");
+    const raw_caller says_nothing(first.path());
+    const raw_caller no_memory_file(second.path());
+    const raw_caller no_extra(third.path());
+    ASSERT_TRUE(says_nothing.invited());
+    ASSERT_TRUE(no_memory_file.invited() && no_memory_file.send(make_record(8)));
+    ASSERT_TRUE(no_extra.invited() && no_extra.send(make_record(8, 1)));
+    EXPECT_FALSE(says_nothing.hung_up(std::chrono::milliseconds(2500))) << "nobody waits";
+    ASSERT_TRUE(no_extra.send_fds({file.get()})) << "nobody waits";
+    const auto begin = std::chrono::steady_clock::now();
+    const raw_caller next_to_says_nothing(first.path());
+    const raw_caller next_to_no_memory_file(second.path());
+    const raw_caller next_to_no_extra(third.path());
+    const descriptor reply = memory_file();
+    EXPECT_TRUE(next_to_no_memory_file.invited() && no_memory_file.hung_up());
+    EXPECT_TRUE(next_to_says_nothing.invited() && says_nothing.hung_up());
+    EXPECT_TRUE(next_to_no_extra.invited() && no_extra.hung_up());
+    const auto waited = std::chrono::steady_clock::now() - begin;
+    EXPECT_GE(waited, std::chrono::milliseconds(1900)) << "the extra descriptor's two seconds began with its step";
+    EXPECT_LT(waited, std::chrono::seconds(25));
+    EXPECT_TRUE(next_to_no_extra.request("c", reply.get()));
+}
 
 TEST(ConsumerPatienceTest, SilentAndPromisingCallersAreDroppedAfterThirtySeconds) {
     const service one(5, 4, echo);

@@ -1,6 +1,7 @@
 // The producer: the waiting list, turning callers away, hand-over, and the restart of dead consumers.
 #include "framework_support.h"
 #include "kservice.h"
+#include "privileges.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -15,6 +16,7 @@
 #include <string>
 #include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <thread>
@@ -154,6 +156,56 @@ TEST(ProducerTest, ThousandthWaitingCallerIsQueuedAndTheNextTurnedAway) {
     EXPECT_TRUE(waiting[999]->request("c", file.get()));
     ASSERT_TRUE(late->invited());
     EXPECT_TRUE(late->request("c", file.get()));
+}
+
+// Connects as another user. The system call changes this thread's id alone.
+std::unique_ptr<raw_caller> caller_as(uid_t user, const std::string& path) {
+    EXPECT_EQ(syscall(SYS_setresuid, -1, user, -1), 0);
+    auto caller = std::make_unique<raw_caller>(path);
+    EXPECT_EQ(syscall(SYS_setresuid, -1, 0, -1), 0);
+    EXPECT_TRUE(caller->connected());
+    return caller;
+}
+
+TEST(ProducerTest, AFullListGivesOtherUsersHalfOfIt) {
+    SKIP_UNLESS(may_become_others(), "calls as other users, which takes the machine's root");
+    const support::temp_dir dir;
+    ASSERT_EQ(chmod(dir.path().c_str(), 0755), 0);
+    gate here;
+    held = &here;
+    const service one("@" + dir.file("s"), 5, 1, hold);
+    held_request busy(one.path());
+    std::vector<std::unique_ptr<raw_caller>> waiting;
+    for (int i = 0; i < 1000; ++i) {
+        waiting.push_back(std::make_unique<raw_caller>(one.path()));
+    }
+    EXPECT_EQ(raw_caller(one.path()).receive(), make_record(2)) << "full for the user who fills it";
+
+    std::vector<std::unique_ptr<raw_caller>> others;
+    for (size_t i = 0; i < 500; ++i) { // two users, by turns
+        others.push_back(caller_as(i % 3 == 0 ? 4321 : 1234, one.path()));
+        const raw_caller& displaced = *waiting.back();
+        ASSERT_EQ(displaced.receive(), make_record(2)) << "the newest makes room, " << i;
+        ASSERT_TRUE(displaced.hung_up());
+        waiting.pop_back();
+    }
+    EXPECT_EQ(caller_as(1234, one.path())->receive(), make_record(2)) << "half of the list stays the first user's";
+    EXPECT_EQ(caller_as(4321, one.path())->receive(), make_record(2));
+    EXPECT_EQ(raw_caller(one.path()).receive(), make_record(2));
+    stays_waiting(waiting);
+    stays_waiting(others);
+
+    // Nobody's turn changes by it.
+    here.open();
+    EXPECT_EQ(busy.caller().receive(), make_record(9));
+    for (const auto& each : waiting) {
+        ASSERT_TRUE(each->invited());
+        each->close();
+    }
+    const support::descriptor file = support::memory_file();
+    here.open();
+    ASSERT_TRUE(others[0]->invited());
+    EXPECT_TRUE(others[0]->request("c", file.get()));
 }
 
 TEST(ProducerTest, PausedTurnsNewCallersAwayAndKeepsTheWaiting) {

@@ -128,6 +128,11 @@ def test_clients_conform(printed_client):
         ('raise CallError("connection ended without a reply")', "sys.exit(0)", "Seen before 7"),
         ('raise CallError("connection ended without a reply")', "sys.exit(0)", "The connection ends without 9"),
         ("if len(directive) != DIRECTIVE_SIZE:", "if not directive:", "the library takes any other number"),
+        (
+            "sys.stdout.buffer.write(reply)",
+            "sys.stdout.buffer.write(reply); sys.stdout.flush(); os.close(1); __import__('signal').pause()",
+            "accepted: send the request",
+        ),
     ],
 )
 def test_broken_client_is_found(printed_client, old, new, rule):
@@ -147,6 +152,11 @@ def test_broken_client_is_found(printed_client, old, new, rule):
         ("directive(_wire.ACCEPTED)", "directive(3)", "accepted: send the request"),
         ("directive(_wire.REPLY)", "directive(_wire.REPLY)[:200]", "the reply is complete"),
         ("directive(_wire.REPLY))", 'directive(_wire.REPLY) + b"x")', "and shuts the connection down"),
+        (
+            "caller.shutdown(socket.SHUT_RDWR)",
+            'self.__dict__.setdefault("kept", []).append(caller.dup())',
+            "and shuts the connection down",
+        ),
         ("directive(_wire.REPLY)", "directive(_wire.REPLY, 1)", "bit 0 (value 1)"),
         (
             "_wire.send_directive(request._c",
@@ -160,8 +170,12 @@ def test_broken_client_is_found(printed_client, old, new, rule):
             "REFUSES is no file in memory",
         ),
         ("fcntl.fcntl(fd, _F_ADD_SEALS, _F_SEAL_SEAL)", "pass", "Where a file can still be sealed"),
-        ("recv_fds(caller, 1, 1, flags)", "recv_fds(caller, 1, 8, flags)", "Of several descriptors"),
-        ("if descriptors else None", 'if descriptors else os.memfd_create("x")', "A data byte without a descriptor"),
+        ("_wire.receive_descriptor(caller)", "(socket.recv_fds(caller, 1, 8)[1] or [None])[0]", "Of several descriptors"),
+        (
+            "_wire.receive_descriptor(caller)",
+            '_wire.receive_descriptor(caller) or os.memfd_create("x")',
+            "A data byte without a descriptor",
+        ),
         ("for fd in (memory_file, extra_fd):", "for fd in (memory_file,):", "The extra descriptor can be"),
         (
             "!= _wire.REQUEST:\n",
@@ -197,6 +211,13 @@ def test_rules_are_the_documents_sentences(name, c_service):
                     assert beginning in document
                     rule = rule[len(beginning) + 1 :]
             assert rule in document
+
+
+def test_a_long_temporary_folder_is_no_fault_of_the_client(tmp_path, monkeypatch):
+    folder = tmp_path / ("long" * 16)
+    folder.mkdir()
+    monkeypatch.setenv("TMPDIR", str(folder))
+    assert all_passed(conform("--client", str(PROGRAMS / "ksctl"), "call"))
 
 
 def test_usage_errors():
