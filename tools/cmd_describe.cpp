@@ -148,7 +148,7 @@ declaration declare() {
 const command cmd_describe = {
     "describe", "Tell all about one command",
     "Prints what the command is for, its keys with their types and defaults, what it runs on the host, an\n"
-    "example that can be pasted, and every other reply and what it means, as docs/commands.md has them.",
+    "example that can be pasted, and every other reply and what it means, as vexprod-commands(7) has them.",
     "ksctl describe get_sess_id", declare};
 
 } // namespace ksctl

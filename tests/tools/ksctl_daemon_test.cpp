@@ -199,7 +199,7 @@ TEST_F(KsctlDaemonTest, DoctorFindsARecordThatBlocksItsQueue) {
     EXPECT_EQ(doctor.status, 20);
     EXPECT_THAT(doctor.out,
                 ContainsRegex("BAD   event-log queue 65522: 1 records wait and none is taken; last posted by "
-                              "process [0-9]+ \\([^\n]*\\) at [^\n]*\n      remedy: see docs/events.md"));
+                              "process [0-9]+ \\([^\n]*\\) at [^\n]*\n      remedy: see vexprod-events\\(7\\)"));
     EXPECT_THAT(doctor.out, HasSubstr("ok    notification queue 65521: empty"));
     EXPECT_EQ(msgctl(queue, IPC_RMID, nullptr), 0);
 }
