@@ -252,15 +252,12 @@ bool hear_producer(const ks_worker* worker) {
         report_ready(worker);
         return true;
     }
-    switch (message.type) {
-    case KS_DIRECTIVE_STOP:
-        return false;
-    case KS_DIRECTIVE_TRANSFER:
+    if (message.type == KS_DIRECTIVE_TRANSFER) {
         take_transfer(worker, message, how, fd);
         return true;
-    default:
-        return false; // what else came down the link is none of the protocol: drop the link
     }
+    close_foreign(fd);
+    return false; // "stop", or what is none of the protocol: drop the link
 }
 
 } // namespace
