@@ -265,15 +265,12 @@ bool hear_producer(const ks_worker* worker, const size_t* waiting) {
         report_ready(worker);
         return true;
     }
-    switch (message.type) {
-    case KS_DIRECTIVE_STOP:
-        return false;
-    case KS_DIRECTIVE_TRANSFER:
+    if (message.type == KS_DIRECTIVE_TRANSFER) {
         take_transfer(worker, waiting, message, how, fd);
         return true;
-    default:
-        return false; // anything else on the link violates the protocol: drop the link
     }
+    close_foreign(fd);
+    return false; // "stop", or what is none of the protocol: drop the link
 }
 
 } // namespace
