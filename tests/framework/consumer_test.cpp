@@ -3,6 +3,7 @@
 #include "kservice.h"
 #include "privileges.h"
 #include "silent_file.h"
+#include "stopped_process.h"
 
 #include <gtest/gtest.h>
 
@@ -165,22 +166,6 @@ TEST_F(ConsumerTest, CallerThatIsGoneWhenInvitedFreesTheConsumer) {
     expect_it_serves();
 }
 
-// A worker that stands still, so that all that a caller does is there when it looks.
-class stopped_worker {
-public:
-    explicit stopped_worker(pid_t pid) : pid_(pid) {
-        kill(pid_, SIGSTOP);
-        siginfo_t info = {};
-        EXPECT_EQ(waitid(P_PID, (id_t)pid_, &info, WSTOPPED | WNOWAIT), 0);
-    }
-    ~stopped_worker() { kill(pid_, SIGCONT); }
-    stopped_worker(const stopped_worker&) = delete;
-    stopped_worker& operator=(const stopped_worker&) = delete;
-
-private:
-    pid_t pid_;
-};
-
 const support::shared<std::atomic<int>> runs;
 int count_runs(const char* command, ks_io* io, int fd) {
     ++*runs;
@@ -194,7 +179,7 @@ TEST(ConsumerHangUpTest, CallerThatIsGoneAfterItsRequestIsNotServed) {
     for (int i = 0; i < 5; ++i) {
         raw_caller caller(one.path());
         ASSERT_TRUE(caller.invited());
-        const stopped_worker worker(support::entry_of(one.handle(), 0).id.pid);
+        const stopped_process worker(support::entry_of(one.handle(), 0).id.pid);
         ASSERT_TRUE(caller.send(make_record(8)) && caller.send_fds({file.get()}));
         caller.close();
     }
@@ -216,7 +201,7 @@ TEST(ConsumerHangUpTest, CallerThatOnlySaysNothingMoreIsServed) {
         const raw_caller caller(one.path());
         ASSERT_TRUE(caller.invited());
         {
-            const stopped_worker worker(support::entry_of(one.handle(), 0).id.pid);
+            const stopped_process worker(support::entry_of(one.handle(), 0).id.pid);
             ASSERT_TRUE(caller.send(make_record(8, 0, "c")) && caller.send_fds({file.get()}));
             caller.shut_write();
         }
