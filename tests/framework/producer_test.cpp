@@ -727,6 +727,51 @@ TEST(ProducerRestartTest, WaitingCallerWhoseSpeechCausedTheHandOverIsShutDown) {
     EXPECT_THAT(said.text(), testing::HasSubstr(" WIFSIGNALED=9, restart it.\n"));
 }
 
+// Dead consumers are noticed by the next event only. When that comes, all who wait and can be served are, although it
+// was one event: here a newcomer, and two that waited.
+TEST(ProducerRestartTest, OneEventHandsOverToAllThatAreFree) {
+    captured_stderr said;
+    gate here;
+    held = &here;
+    const service one(3, 2, hold);
+    const size_t sockets = support::open_sockets();
+    held_request first(one.path());
+    const pid_t first_server = *server;
+    held_request second(one.path());
+    const pid_t second_server = *server;
+    const auto third = accepted_caller(one.path(), sockets + 4); // the others' are with the consumers
+    const auto fourth = accepted_caller(one.path(), sockets + 6);
+    kill_and_await_death(first_server, SIGKILL);
+    kill_and_await_death(second_server, SIGKILL);
+    const raw_caller newcomer(one.path());
+    EXPECT_TRUE(third->invited());
+    EXPECT_TRUE(fourth->invited());
+    third->close();
+    EXPECT_TRUE(newcomer.invited());
+}
+
+// The same when the event is what the second of those who wait has said.
+TEST(ProducerRestartTest, CallerThatSpokeIsHandedOverBesideTheOneBeforeIt) {
+    captured_stderr said;
+    gate here;
+    held = &here;
+    const service one(3, 2, hold);
+    const size_t sockets = support::open_sockets();
+    held_request first(one.path());
+    const pid_t first_server = *server;
+    held_request second(one.path());
+    const pid_t second_server = *server;
+    const auto third = accepted_caller(one.path(), sockets + 4);
+    const auto fourth = accepted_caller(one.path(), sockets + 6);
+    kill_and_await_death(first_server, SIGKILL);
+    kill_and_await_death(second_server, SIGKILL);
+    ASSERT_TRUE(fourth->send(make_record(8)));
+    EXPECT_TRUE(third->invited());
+    EXPECT_TRUE(dropped(*fourth)); // the new consumer may be quicker than the shut-down
+    third->close();
+    EXPECT_TRUE(raw_caller(one.path()).invited());
+}
+
 // A descriptor that somebody else opens between the early shut-down and the echo must not be the one that is closed.
 TEST(ProducerRestartTest, EarlyShutDownNeverClosesSomebodyElsesDescriptor) {
     captured_stderr said;
