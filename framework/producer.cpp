@@ -52,6 +52,7 @@ struct producer {
     ks_worker* own;            // the producer's table entry
     size_t cursor;             // where the next search for an idle consumer begins
     size_t waiting;            // entries in the list, see set_waiting()
+    const ks_queue* speaking;  // the waiting caller whose own readiness is being worked on, until it is freed
     int64_t accept_retry_at;   // 0, or when a listening socket muted for want of descriptors is tried again
     epoll_event batch[kBatch]; // the events being worked through
     int batch_next;
@@ -70,6 +71,9 @@ void forget(producer* p, const ks_queue* entry) {
         if (p->batch[i].data.ptr == entry) {
             p->batch[i].data.ptr = nullptr;
         }
+    }
+    if (p->speaking == entry) {
+        p->speaking = nullptr;
     }
 }
 
@@ -134,11 +138,10 @@ void restart_consumer(producer* p, ks_worker* worker, int status) {
 }
 
 // Hands the first waiting caller to `worker`, which is idle.
-// `spoke` is the waiting caller whose own readiness brought us here, or NULL.
-void hand_over(producer* p, ks_worker* worker, const ks_queue* spoke) {
+void hand_over(producer* p, ks_worker* worker) {
     ks_queue* first = p->own->queue.next;
     const int fd = first->sockfd;
-    const bool spoke_itself = first == spoke;
+    const bool spoke_itself = first == p->speaking;
     directive transfer = make_directive(KS_DIRECTIVE_TRANSFER);
     const int32_t number = fd;
     memcpy(transfer.data, &number, sizeof(number));
@@ -166,25 +169,29 @@ void hand_over(producer* p, ks_worker* worker, const ks_queue* spoke) {
     }
 }
 
-void dispatch(producer* p, const ks_queue* spoke) {
-    if (p->waiting == 0) {
-        return;
-    }
+// One event can find several consumers free: a dead one is noticed here only, and then beside one that has just
+// reported ready. Whoever is passed over now would stay idle until the next event, so the search goes on while somebody
+// waits.
+void dispatch(producer* p) {
     const size_t begin = p->cursor;
-    do {
-        ks_worker* candidate = &p->handle->worker[p->cursor];
+    size_t at = begin;
+    while (p->waiting > 0) {
+        ks_worker* candidate = &p->handle->worker[at];
         if ((candidate->flags & KS_PROCESS_MODE) != 0) {
             int status = 0;
             if (waitpid(candidate->id.pid, &status, WNOHANG) != 0) {
                 restart_consumer(p, candidate, status);
             }
         }
-        p->cursor = (p->cursor + 1) % p->handle->service_size;
+        at = (at + 1) % p->handle->service_size;
         if (candidate->idle != 0) {
-            hand_over(p, candidate, spoke);
+            hand_over(p, candidate);
+            p->cursor = at;
+        }
+        if (at == begin) {
             return;
         }
-    } while (p->cursor != begin);
+    }
 }
 
 // Who connected; nobody's own id when the kernel does not tell.
@@ -264,7 +271,7 @@ void accept_caller(producer* p) {
     set_waiting(p, p->waiting + 1);
     // Nearly always a consumer is idle and the caller leaves the list at once; only one that has to stay is watched.
     // The list is in arrival order, so the newcomer is the last entry, if it is still there.
-    dispatch(p, nullptr);
+    dispatch(p);
     if (p->waiting == 0 || head->prev != entry) {
         return;
     }
@@ -310,18 +317,18 @@ void hear_consumer(producer* p, ks_queue* link) {
         }
         p->handle->worker[index].idle = 1;
     }
-    dispatch(p, nullptr);
+    dispatch(p);
 }
 
 // A waiting caller sent something. It stays unread for the consumer; to avoid endless events, only its hang-up is
 // watched from now on. Nothing is missed by that: whenever a consumer becomes idle, a dispatch follows.
 void hear_caller(producer* p, ks_queue* entry) {
-    const bool first = p->own->queue.next == entry;
-    const size_t waiting = p->waiting;
-    dispatch(p, entry);
-    if (first && p->waiting < waiting) {
+    p->speaking = entry;
+    dispatch(p);
+    if (p->speaking == nullptr) {
         return; // it has been handed over, and freed
     }
+    p->speaking = nullptr;
     if (!watch(p, EPOLL_CTL_MOD, entry, 0)) { // errors and hang-ups are always reported
         remove_caller(p, entry);
     }

@@ -116,7 +116,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         worker.sockfd[1] = link.theirs.get();
         worker.flags = KS_PTHREAD_MODE;
         worker.exec = serve;
-        ks::run_consumer(&worker);
+        const std::size_t waiting = 0;
+        ks::run_consumer(&worker, &waiting);
         require(worker.pollfd == -1, "the worker has closed its epoll");
         check_reports(link.theirs.get());
     }
