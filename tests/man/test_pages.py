@@ -62,6 +62,14 @@ def test_nothing_of_the_source_is_left(page):
     assert not re.search(r"\.md\b|<!--|\]\(|```|(\*+)[-\w]+\1(?!\w)", shown)
 
 
+def test_printed_client_is_whole():
+    """Unlike JSON, a program cannot be broken at the width of the page."""
+    document = (TREE / "docs/protocol.md").read_text()
+    [client] = re.findall(r"^```python\n(.*?)^```$", document, re.MULTILINE | re.DOTALL)
+    shown, _ = as_shown(MADE / "man7/ks-protocol.7")
+    assert [line for line in client.splitlines() if f" {line}\n" not in shown and line] == []
+
+
 @each_page
 def test_pages_of_ours_that_it_names_are_there(page):
     named = re.findall(r"\\fB((?:ks|vex|lib).*?)\\fR\((\d)\)", page.read_text())
