@@ -9,6 +9,7 @@
 #include <array>
 #include <cerrno>
 #include <chrono>
+#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <limits>
@@ -103,6 +104,10 @@ int ping(const ping_options& options) {
         call_and_note(options, &found);
         (void)eventfd_write(done.get(), 1); // cannot fail: the counter is far from full
     });
+    sigset_t alarm;
+    sigemptyset(&alarm);
+    sigaddset(&alarm, SIGALRM);
+    (void)pthread_sigmask(SIG_BLOCK, &alarm, nullptr); // the calling thread's, see exchange()
     const bool interrupted = signals.came_before(done.get());
     if (!interrupted) {
         caller.join();

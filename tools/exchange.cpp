@@ -7,10 +7,13 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <csignal>
 #include <cstdint>
 #include <cstring>
 #include <limits>
 #include <memory>
+#include <sys/socket.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 namespace ksctl {
@@ -51,6 +54,27 @@ outcome failure(unsigned code, bool taken, const std::string& service, const std
     return {kDisconnected, "connection failed before the request was taken: " + service + " (" + where + ")", nullptr};
 }
 
+ks_io* connecting; // the request whose connection the alarm is for
+
+void end_connecting(int /*signum*/) {
+    const timeval at_once = {0, 1};
+    (void)setsockopt(connecting->sockfd, SOL_SOCKET, SO_SNDTIMEO, &at_once, sizeof(at_once));
+}
+
+// ks_epoll_call() waits without limit while the service has too many connections to accept: an alarm interrupts that
+// wait, and the time-out that the socket then has ends it. @param limit_s  0 = without limit.
+unsigned call_within(unsigned limit_s, ks_epoll* epoll, const std::string& service, const std::string& command,
+                     ks_io* request, int passfd) {
+    connecting = request;
+    struct sigaction interrupting = {}; // without SA_RESTART
+    interrupting.sa_handler = end_connecting;
+    (void)sigaction(SIGALRM, &interrupting, nullptr);
+    (void)alarm(limit_s);
+    const unsigned code = ks_epoll_call(epoll, service.c_str(), command.c_str(), request, passfd);
+    (void)alarm(0);
+    return code;
+}
+
 // At most what poll(2) can count.
 unsigned milliseconds_until(steady_clock::time_point deadline) {
     const auto left = std::chrono::ceil<milliseconds>(deadline - steady_clock::now()).count();
@@ -82,7 +106,8 @@ outcome exchange(const std::string& given_service, const std::string& command, u
     const unsigned allowed_s = std::max(timeout_s, kShortestTimeoutS);
     const auto deadline = timeout_s == kNoTimeout ? steady_clock::time_point::max()
                                                   : steady_clock::now() + std::chrono::seconds(allowed_s);
-    unsigned code = ks_epoll_call(epoll.get(), service.c_str(), command.c_str(), request.get(), passfd);
+    unsigned code =
+        call_within(timeout_s == kNoTimeout ? 0 : allowed_s, epoll.get(), service, command, request.get(), passfd);
     if (code == KS_NO_SERVICE) {
         const int error = errno;
         return {kNoService,

@@ -28,7 +28,7 @@ struct outcome {
 /// A new request that holds `payload`. @return Null and errno when the memory file does not take it all.
 unique_io make_request(std::string_view payload);
 
-/// Calls `service` and waits.
+/// Calls `service` and waits. Takes SIGALRM, which all other threads have to block.
 /// @param service    May be an alias.
 /// @param request    Taken over.
 /// @param timeout_s  Raised to kShortestTimeoutS; kNoTimeout waits for ever.
