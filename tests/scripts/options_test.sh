@@ -9,7 +9,7 @@ status_of() { # runs the rest, which ends at once, prints only its status
     echo $?
 }
 
-for script in scripts/* hostsim/enter hostsim/in_place hostsim/probe hostsim/smtp_sink; do
+for script in .ci/run scripts/* hostsim/enter hostsim/in_place hostsim/probe hostsim/smtp_sink; do
     check "$script --help" "$(status_of "$script" --help)" 0
     check "$script --help names it" "$(timeout 20 "$script" --help | grep -qF "$script" && echo named)" named
     check "$script --nope" "$(status_of "$script" --nope)" 2

@@ -49,6 +49,7 @@ TEST(CompletionTest, FirstComesASubcommand) {
 TEST(CompletionTest, ServicesAndTheirCommands) {
     EXPECT_THAT(complete({"call", "ma"}), ElementsAre("main", "mail"));
     EXPECT_THAT(complete({"wait", "VexHubServer_n"}), ElementsAre("VexHubServer_notify-vexprod"));
+    EXPECT_THAT(complete({"conform", "ma"}), ElementsAre("main", "mail"));
     EXPECT_THAT(complete({"call", "mail", ""}), ElementsAre("test", "sendmail"));
     EXPECT_THAT(complete({"call", "VexHubServer-vexprod", "get_vpd_e"}),
                 ElementsAre("get_vpd_eepkey", "get_vpd_ext_area"));
