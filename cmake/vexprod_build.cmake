@@ -125,17 +125,22 @@ function(vexprod_add_test name)
     # Test code is compiled far more often than it runs: unoptimised it compiles in less than half the time.
     target_compile_options(${name} PRIVATE -O0 -g1)
     # CMake's name for "run it through this": ctest uses it both to list the tests and to run each of them.
+    set(through "${PROJECT_SOURCE_DIR}/hostsim/enter" --build "${CMAKE_BINARY_DIR}")
+    if(CMAKE_CROSSCOMPILING)
+        list(PREPEND through "${PROJECT_SOURCE_DIR}/tests/emulation/run")
+    endif()
     set_target_properties(${name} PROPERTIES
-        CROSSCOMPILING_EMULATOR "${PROJECT_SOURCE_DIR}/hostsim/enter;--build;${CMAKE_BINARY_DIR}"
+        CROSSCOMPILING_EMULATOR "${through}"
         RUNTIME_OUTPUT_DIRECTORY "${CMAKE_BINARY_DIR}/tests")
     add_dependencies(${name} hostsim)
     get_filename_component(folder "${CMAKE_CURRENT_SOURCE_DIR}" NAME)
-    gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST PROPERTIES TIMEOUT ${ARG_TIMEOUT} LABELS ${folder})
+    gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST DISCOVERY_TIMEOUT 60
+        PROPERTIES TIMEOUT ${ARG_TIMEOUT} LABELS ${folder})
 endfunction()
 
 # vexprod_add_pytest(NAME FILE.py ... [TIMEOUT seconds])
-# The files' tests as one ctest entry, in a fresh simulated host. They find the build folder in $BUILD, and the programs
-# that they talk to in $C_SERVICE and $CPP_PEER.
+# The files' tests as one ctest entry, in a fresh simulated host. They find the build folder in $BUILD, the programs that
+# they talk to in $C_SERVICE and $CPP_PEER, and the compilers in $CC and $CXX.
 function(vexprod_add_pytest name)
     cmake_parse_arguments(ARG "" "TIMEOUT" "" ${ARGN})
     if(NOT ARG_TIMEOUT)
@@ -146,7 +151,8 @@ function(vexprod_add_pytest name)
     add_test(NAME ${name} WORKING_DIRECTORY "${CMAKE_CURRENT_SOURCE_DIR}"
         COMMAND "${PROJECT_SOURCE_DIR}/hostsim/enter" --build "${CMAKE_BINARY_DIR}"
                 /usr/bin/python3 -B -m pytest -q -p no:cacheprovider ${ARG_UNPARSED_ARGUMENTS})
+    set(programs "C_SERVICE=${CMAKE_BINARY_DIR}/tests/c_service" "CPP_PEER=${CMAKE_BINARY_DIR}/tests/cpp_peer")
     set_tests_properties(${name} PROPERTIES
-        ENVIRONMENT "BUILD=${CMAKE_BINARY_DIR};C_SERVICE=${CMAKE_BINARY_DIR}/tests/c_service;CPP_PEER=${CMAKE_BINARY_DIR}/tests/cpp_peer"
+        ENVIRONMENT "BUILD=${CMAKE_BINARY_DIR};${programs};CC=${CMAKE_C_COMPILER};CXX=${CMAKE_CXX_COMPILER}"
         TIMEOUT ${ARG_TIMEOUT} LABELS ${folder})
 endfunction()

@@ -30,7 +30,8 @@ using support::fail_system_call;
 using testing::Eq;
 using testing::KilledBySignal;
 
-#define EXPECT_ABORT(statement, line) EXPECT_EXIT(statement, KilledBySignal(SIGABRT), Eq(std::string(line)))
+#define EXPECT_ABORT(statement, line)                                                                                  \
+    EXPECT_EXIT(statement, KilledBySignal(SIGABRT), Eq(std::string(line) + AFTER_ABORT))
 
 // Not SIGABRT alone: without a core file, however the machine is set.
 void no_core() {

@@ -40,7 +40,7 @@ def serve_with(program, prefix):
 
 def test_c_program_by_pkg_config(prefix, tmp_path):
     flags = pkg_config(prefix, "--cflags --libs")
-    run(f"cc -std=c11 {WARNINGS} '{HERE}/client.c' -o '{tmp_path}/program' {flags}")
+    run(f"$CC -std=c11 {WARNINGS} '{HERE}/client.c' -o '{tmp_path}/program' {flags}")
     assert serve_with(tmp_path / "program", prefix) == "served\n"
 
 
@@ -49,7 +49,7 @@ def test_c_program_by_pkg_config(prefix, tmp_path):
 )
 def test_cpp_program_by_pkg_config(prefix, tmp_path, options, output):
     flags = pkg_config(prefix, "--cflags --libs")
-    run(f"c++ -std=c++17 {options} {WARNINGS} '{HERE}/client.cpp' -o '{tmp_path}/program' {flags}")
+    run(f"$CXX -std=c++17 {options} {WARNINGS} '{HERE}/client.cpp' -o '{tmp_path}/program' {flags}")
     assert serve_with(tmp_path / "program", prefix) == output
 
 

@@ -18,13 +18,12 @@ int calls_to_go = 0;
 
 extern "C" {
 
-extern const char crash_probe_data[];
-const char crash_probe_data[64] = {};
+char crash_probe_data[64]; // writable: constants may share the code's pages, which can be executed
 
 __attribute__((noinline)) int crash_probe_innermost(int signal) {
-    const void* place = signal == 0 ? mmap(nullptr, 4096, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0)
-                                    : static_cast<const void*>(crash_probe_data);
-    const int raised = signal > 0 ? raise(signal) : reinterpret_cast<int (*)()>(const_cast<void*>(place))();
+    void* place = signal == 0 ? mmap(nullptr, 4096, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0)
+                              : static_cast<void*>(crash_probe_data);
+    const int raised = signal > 0 ? raise(signal) : reinterpret_cast<int (*)()>(place)();
     return raised + 1; // not a tail call: its frame must be there
 }
 

@@ -57,12 +57,15 @@ int status_of(const std::function<void()>& body) {
 
 TEST(SignalsDeathTest, NumbersOutsideTheTableAreMisuse) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
-    EXPECT_EXIT(ks_signal(0, remember), testing::KilledBySignal(SIGABRT),
-                Eq("[ABORT] @ks_signal() cannot handle signal number 0: `signum > 0 && signum < MAX_SIGNAL_SIZE'\n"));
-    EXPECT_EXIT(ks_signal(32, remember), testing::KilledBySignal(SIGABRT),
-                Eq("[ABORT] @ks_signal() cannot handle signal number 32: `signum > 0 && signum < MAX_SIGNAL_SIZE'\n"));
-    EXPECT_EXIT(ks_signal(-1, remember), testing::KilledBySignal(SIGABRT),
-                Eq("[ABORT] @ks_signal() cannot handle signal number -1: `signum > 0 && signum < MAX_SIGNAL_SIZE'\n"));
+    EXPECT_EXIT(
+        ks_signal(0, remember), testing::KilledBySignal(SIGABRT),
+        Eq("[ABORT] @ks_signal() cannot handle signal number 0: `signum > 0 && signum < MAX_SIGNAL_SIZE'\n" AFTER_ABORT));
+    EXPECT_EXIT(
+        ks_signal(32, remember), testing::KilledBySignal(SIGABRT),
+        Eq("[ABORT] @ks_signal() cannot handle signal number 32: `signum > 0 && signum < MAX_SIGNAL_SIZE'\n" AFTER_ABORT));
+    EXPECT_EXIT(
+        ks_signal(-1, remember), testing::KilledBySignal(SIGABRT),
+        Eq("[ABORT] @ks_signal() cannot handle signal number -1: `signum > 0 && signum < MAX_SIGNAL_SIZE'\n" AFTER_ABORT));
 }
 
 TEST(SignalsTest, TheTableHas32Slots) {
