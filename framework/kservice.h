@@ -1,6 +1,6 @@
 /* kservice: named local services over AF_UNIX sockets, with requests and replies in shared memory.
  *
- * This is the library's interface, for C11 and C++; kservice.hpp wraps it for C++17. A service in ten lines:
+ * This is the library's interface, for C11 and C++; kservice.hpp wraps it for C++17. A service in a dozen lines:
  *
  *     static int serve(const char* command, ks_io* io, int fd) {
  *         (void)command; (void)fd;
@@ -12,18 +12,22 @@
  *         ks_io_free(io);
  *         return 0;
  *     }
- *     ks_handle* service = ks_create("my-service", KS_STANDALONE | KS_PTHREAD_MODE, 2, serve);
+ *     unsigned mode = KS_STANDALONE | KS_PTHREAD_MODE;
+ *     ks_handle* service = ks_create("my-service", mode, 2, serve);
  *     ks_start(service);
  *
  * and its caller:
  *
  *     void* reply = NULL;
  *     size_t size = 0;
- *     unsigned code = ks_ez_call("my-service", "ping", NULL, 0, &reply, &size, 5, -1);
+ *     unsigned code = ks_ez_call("my-service", "ping", NULL, 0,
+ *                                &reply, &size, 5, -1);
  *
  * Errors come in three kinds that are never mixed. Misuse by the program itself (a foreign pointer, a wrong mode) and
  * exhausted resources print one line "[ABORT] @<function>() <message>: `<condition>'" to standard error and abort().
  * Whatever the other side of a connection does costs only that connection. Everything else is a result code.
+ *
+ * What is marked "KEPT:" looks wrong and is deliberate: programs rely on it.
  *
  * What travels on the sockets, byte by byte, is described in docs/protocol.md.
  */
@@ -49,7 +53,10 @@ extern "C" {
 #define KS_PRINTF(format_index, first_argument)
 #endif
 
-/* ---- Constants ---------------------------------------------------------------------------------------------- */
+/* Each part from here on is a manual page, made from its comments; the title of the part names it. The comment at the
+ * head is libkservice(3). */
+
+/* ---- Constants: ks_constants(3) -------------------------------------------------------------------------------- */
 
 #define KS_IO_MAGIC 0x6B494F2DU     /**< First field of a live ks_io; "-OIk" in little-endian memory. */
 #define KS_HANDLE_MAGIC 0x6B53562DU /**< First field of a live ks_handle; "-VSk". */
@@ -106,7 +113,7 @@ enum {
     CLIENT_SOCK = 3    /**< An accepted caller that waits for a consumer. */
 };
 
-/* ---- Records ------------------------------------------------------------------------------------------------ */
+/* ---- Records: ks_records(3) ------------------------------------------------------------------------------------ */
 
 /** The fixed record of all the framework's sockets: always sent and read whole, 259 bytes, without padding.
  *  Numbers in `data` stand in host byte order and are unaligned: memcpy() them. */
@@ -208,7 +215,7 @@ typedef struct SHA1Context {
     int32_t corrupted;   /**< 1 after too long an input, or input after the digest was final. */
 } SHA1Context;
 
-/* ---- Message object ----------------------------------------------------------------------------------------- */
+/* ---- Message objects: ks_io(3) --------------------------------------------------------------------------------- */
 /* "Checked" operations abort on a NULL or foreign pointer. "Lazy" ones create the memory file (memfd_create(2)) when
  * there is none. The memory file's offset belongs to its open file description, which both processes share. */
 
@@ -264,7 +271,7 @@ KS_API FILE* ks_io_freopen(ks_io* io, const char* mode, FILE* stream);
  *  @return 0 when all `len` bytes were written, negative otherwise. */
 KS_API int ks_json_write_io(const void* data, size_t len, ks_io* io);
 
-/* ---- Service ------------------------------------------------------------------------------------------------ */
+/* ---- Services: ks_service(3) ----------------------------------------------------------------------------------- */
 
 /** Names a service; nothing is published yet.
  *  @param name     Up to 64 characters. "@/path" is published at that path (its first 63 characters), any other name at
@@ -302,7 +309,7 @@ KS_API void ks_init(void);
 /** Run when the library is unloaded: frees what ks_init() made. */
 KS_API void ks_fini(void);
 
-/* ---- Calls -------------------------------------------------------------------------------------------------- */
+/* ---- Calls: ks_call(3) ----------------------------------------------------------------------------------------- */
 
 /** @return An empty set of requests, owned by the caller until ks_epoll_free(). Aborts when it cannot be had. */
 KS_API ks_epoll* ks_epoll_create(void);
@@ -340,8 +347,9 @@ KS_API unsigned ks_ez_call(const char* name, const char* command, const void* da
 /** Service side: tells the caller that its reply is complete, and shuts the connection down. Checked. */
 KS_API void ks_reply(ks_io* io);
 
-/* ---- Signals and crash reports ------------------------------------------------------------------------------ */
+/* ---- Signals and crash reports: ks_signal(3) ------------------------------------------------------------------- */
 
+/** What a routed signal runs, with its number. */
 typedef void (*ks_signal_callback)(int signum);
 
 /** Callbacks by signal number; NULL = none. */
@@ -356,12 +364,13 @@ KS_API void ks_backtrace(void);
 /** The crash reporter: writes the numbered stack to the kernel log and ends the process with status 1. */
 KS_API void _ks_backtrace(int sig); /* NOLINT(clang-diagnostic-reserved-identifier): the callers' name for it */
 
-/* ---- Helpers ------------------------------------------------------------------------------------------------ */
+/* ---- Helpers: ks_helpers(3) ------------------------------------------------------------------------------------ */
 
 /** KEPT: writes the descriptor's status flags back with 1 added, and leaves the close-on-exec flag as it is; what a
  *  process worker must not inherit it closes by number instead. @return 1, or 0 when either fcntl(2) fails. */
 KS_API uint32_t set_fd_cloexec(int fd);
 
+/** Begins a message. The context needs no other set-up, and may have been used before. */
 KS_API void SHA1Reset(SHA1Context* context);
 /** Appends `length` bytes. After the digest is final, or past 2^64 bits, marks the context corrupted. */
 KS_API void SHA1Input(SHA1Context* context, const unsigned char* data, unsigned length);

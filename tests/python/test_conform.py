@@ -95,8 +95,8 @@ def test_clients_conform(printed_client):
     [
         ("%X.sock", "%08X.sock", "as a big-endian number"),
         (
-            "receive_until(connection, ACCEPTED)",
-            'connection.send(b"x"); receive_until(connection, ACCEPTED)',
+            "receive_until(conn, ACCEPTED)",
+            'conn.send(b"x"); receive_until(conn, ACCEPTED)',
             "The caller says nothing before 7",
         ),
         ('ljust(257, b"\\0")', 'ljust(256, b"\\0")', "It is sent whole"),
@@ -105,20 +105,20 @@ def test_clients_conform(printed_client):
         ('[b"\\0"]', '[b"x"]', "Each descriptor is a message"),
         ("written = 0", "written = len(request)", "The memory file comes first"),
         (
-            "receive_until(connection, REPLY)",
-            'connection.send(b"x"); receive_until(connection, REPLY)',
+            "receive_until(conn, REPLY)",
+            'conn.send(b"x"); receive_until(conn, REPLY)',
             "After its descriptors",
         ),
         (
-            "receive_until(connection, REPLY)",
-            "while not __import__('select').select([connection], [], [], 0.01)[0]: os.lseek(memory_file, 0, 0)\n"
-            "            receive_until(connection, REPLY)",
+            "receive_until(conn, REPLY)",
+            "while not __import__('select').select([conn], [], [], 0.01)[0]: os.lseek(memfd, 0, 0)\n"
+            "            receive_until(conn, REPLY)",
             "passes the descriptor and leaves the file alone",
         ),
-        ("os.pread(memory_file, size - len(reply), len(reply))", "os.read(memory_file, size)", "reads the file from 0"),
+        ("os.pread(memfd, size - len(reply), len(reply))", "os.read(memfd, size)", "reads the file from 0"),
         ("len(name) > 256", "len(name) > 255", "256 bytes; longer ones arrive cut"),
         ("sys.stdout.buffer.write(reply)", 'sys.stdout.buffer.write(reply or b"none")', "A reply of size 0"),
-        ("os.fstat(memory_file).st_size", "min(os.fstat(memory_file).st_size, 4096)", "There is no terminator"),
+        ("os.fstat(memfd).st_size", "min(os.fstat(memfd).st_size, 4096)", "There is no terminator"),
         (
             "if directive[0] == wanted:",
             "if directive[0] == 200: sys.exit(1)\n        if directive[0] == wanted:",
