@@ -43,7 +43,7 @@ for user in member stranger; do
 done
 if [ ! -d /run/systemd/system ]; then
     # What the appliance's init has noted, see utmp(5): the runlevel is 2, and there was none before.
-    { printf '\1\0\0\0002N\0\0' && head -c 376 /dev/zero; } >/run/utmp
+    { printf '\1\0\0\0002N\0\0' && head -c 392 /dev/zero; } >/run/utmp
     insserv >/dev/null 2>&1
 fi
 ldconfig # this and insserv: what the simulated host brings is noted before
@@ -104,11 +104,11 @@ for number in {1..12}; do
     callers+=($!)
 done
 until [ "$(cat $work/calls.* 2>/dev/null | wc -l)" -gt 12 ]; do sleep 0.1; done
-first=$(pidof vexprod)
+first=$(pgrep -x vexprod)
 apt install "${new[@]/#/./}"
 check "upgrading" $? 0
 check "the new version" "$(dpkg-query -W -f '${Version}' vexprod)" "$version"
-check "another process after the upgrade" "$([ "$(pidof vexprod)" != "$first" ] && echo yes)" yes
+check "another process after the upgrade" "$([ "$(pgrep -x vexprod)" != "$first" ] && echo yes)" yes
 served=$(cat $work/calls.* | wc -l)
 until [ "$(cat $work/calls.* | wc -l)" -gt $((served + 24)) ]; do sleep 0.1; done
 touch $work/enough
@@ -123,12 +123,12 @@ check "callers who were told" "$([ "$told" -gt 0 ] && echo some)" some
 check "callers who were answered in the end" "$(tail -qn 1 $work/calls.* | grep -c '^0 ')" 12
 
 # Away with it.
-kill -KILL "$(pidof vexprod)" # leaves its sockets and queues behind
-while pidof vexprod >/dev/null; do sleep 0.1; done
+kill -KILL "$(pgrep -x vexprod)" # leaves its sockets and queues behind
+while pgrep -x vexprod >/dev/null; do sleep 0.1; done
 apt remove vexprod ksctl libkservice1 libkservice-dev
 check "removing" $? 0
 check "packages that are still installed" "$(dpkg-query -W -f '${Package} ${db:Status-Abbrev}\n' | grep ' ii' | grep -E '^(vexprod|ksctl|libkservice)')" ""
-check "the daemon when removed" "$(pidof vexprod || echo gone)" gone
+check "the daemon when removed" "$(pgrep -x vexprod || echo gone)" gone
 check "queues when removed" "$(ipcs -q | grep -c ^0x)" 0
 apt purge vexprod
 check "purging" $? 0

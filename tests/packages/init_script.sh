@@ -10,9 +10,9 @@ check "stopping once more" "$(status_of $init stop)" 0
 rm -rf /run/ks # as after a start of the system
 check "starting" "$(status_of $init start)" 0
 check "the run directory made anew" "$(stat -c '%a %U:%G' /run/ks)" "750 root:vexprod"
-first=$(pidof vexprod)
+first=$(pgrep -x vexprod)
 check "restarting" "$(status_of $init restart)" 0
-check "another process" "$([ "$(pidof vexprod)" != "$first" ] && ksctl call main get_vpd_channel)" "$reply"
+check "another process" "$([ "$(pgrep -x vexprod)" != "$first" ] && ksctl call main get_vpd_channel)" "$reply"
 check "the status when running" "$(status_of as stranger $init status)" 0
 mv /etc/config/zpkg.conf $work
 $init stop >/dev/null

@@ -9,7 +9,7 @@ check "what systemd thinks of the unit" "$(systemd-analyze verify --man=no vexpr
 echo 1500 >$knobs/_sbin_hwctl/delay_ms
 ksctl call main get_vpd_channel >$work/late &
 call=$!
-until [ -n "$(pidof hwctl)" ]; do sleep 0.1; done
+until [ -n "$(pgrep -x hwctl)" ]; do sleep 0.1; done
 systemctl stop vexprod
 wait $call
 check "a request under way at a stop" "$(cat $work/late)" "$reply"
