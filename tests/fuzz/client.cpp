@@ -127,6 +127,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         call_and_wait();
     }
     service.join();
-    require_open_descriptors(before);
+    (void)require_open_descriptors(before);
     return 0;
 }

@@ -66,24 +66,13 @@ inline std::size_t open_descriptors() {
     return count - 2; // "." and ".."
 }
 
-/// The same once it has stopped changing: what the last request set in motion is over. For once in a process.
-inline std::size_t settled_descriptors() {
-    std::size_t count = 0;
-    for (int same = 0; same < 50; ++same) {
-        if (const std::size_t now = open_descriptors(); now != count) {
-            count = now;
-            same = 0;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return count;
-}
-
-/// Waits until `count` descriptors are open. Strangers' are closed by threads of their own, and a worker closes its
-/// caller's after the reply.
-inline void require_open_descriptors(std::size_t count) {
+/// Waits until no more than `count` descriptors are open. Strangers' are closed by threads of their own, and a worker
+/// closes its caller's after the reply.
+/// @return How many are open then; fewer when some were about to be closed while they were counted.
+inline std::size_t require_open_descriptors(std::size_t count) {
     const auto give_up_at = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-    for (std::size_t now = 0; (now = open_descriptors()) != count;) {
+    std::size_t now = 0;
+    while ((now = open_descriptors()) > count) {
         if (std::chrono::steady_clock::now() > give_up_at) {
             (void)std::fprintf(stderr, "%zu descriptors are open\n", now);
             for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
@@ -95,4 +84,5 @@ inline void require_open_descriptors(std::size_t count) {
         }
         std::this_thread::yield();
     }
+    return now;
 }

@@ -55,6 +55,9 @@ struct host {
         log_set_dir("/tmp/fuzz-log");
         ks_start(ks_create(kMain, KS_STANDALONE | KS_PTHREAD_MODE, 1, service_handler));
         ks_start(ks_create(kMail, KS_STANDALONE | KS_PTHREAD_MODE, 1, sendmail_service_handler));
+        for (const char* name : {kMain, kMail}) {
+            require(ks_ez_call(name, "test", nullptr, 0, nullptr, nullptr, 120, -1) == KS_OK, "the worker is at work");
+        }
         fs::current_path("/tmp");
     }
 
@@ -63,10 +66,11 @@ struct host {
     host_answers answers;
 };
 
-// What handlers leave behind on purpose when a tool fails: its output, for inspection.
+// What handlers leave behind on purpose when a tool fails: its output, for inspection. Files only: the project may be a
+// folder of such a name.
 void remove_kept_files() {
     for (const auto& entry : fs::directory_iterator("/tmp")) {
-        if (entry.path().filename().string().starts_with("vexprod-")) {
+        if (entry.is_regular_file() && entry.path().filename().string().starts_with("vexprod-")) {
             fs::remove(entry.path());
         }
     }
@@ -75,7 +79,8 @@ void remove_kept_files() {
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    static host simulated; // for as long as the process lives
+    static const host simulated; // for as long as the process lives
+    static std::size_t before = open_descriptors();
     const auto [address, request, output, status] = parts_of(text_of(data, size));
     if (output.empty() && status.empty()) {
         simulated.answers.clear();
@@ -96,7 +101,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     std::free(reply);
     require(::waitpid(-1, nullptr, WNOHANG) == -1 && errno == ECHILD, "no child is left behind");
     remove_kept_files();
-    static const std::size_t before = settled_descriptors();
-    require_open_descriptors(before);
+    before = require_open_descriptors(before);
     return 0;
 }

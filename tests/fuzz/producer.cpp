@@ -78,9 +78,9 @@ void connect_anew(unique_fd& caller) {
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     static const service served; // for as long as the process lives
     static std::uint64_t number = 0;
-    static const std::size_t before = [] {
-        served.call(++number);
-        return settled_descriptors();
+    static std::size_t before = [] {
+        served.call(++number); // the other worker's turn: it is at work, too
+        return open_descriptors();
     }();
     {
         script from(data, size);
@@ -117,6 +117,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     }
     ks_resume(served.handle);
     served.call(++number);
-    require_open_descriptors(before);
+    before = require_open_descriptors(before);
     return 0;
 }

@@ -12,7 +12,9 @@ namespace fs = std::filesystem;
 
 namespace {
 
-std::vector<fs::path> files_of(const fs::path& path) {
+// Absolute: a target may change the folder.
+std::vector<fs::path> files_of(const fs::path& named) {
+    const fs::path path = fs::absolute(named);
     if (!fs::is_directory(path)) {
         return {path};
     }
@@ -24,7 +26,9 @@ std::vector<fs::path> files_of(const fs::path& path) {
 void replay(const fs::path& path) {
     // To standard error: some of what a target runs takes standard output for itself.
     (void)std::fprintf(stderr, "%s\n", path.filename().c_str());
-    std::ifstream file(path, std::ios::binary);
+    std::ifstream file;
+    file.exceptions(std::ios::badbit | std::ios::failbit);
+    file.open(path, std::ios::binary);
     // Of exactly its size, so that the address sanitizer sees who reads past the end.
     const std::vector<char> bytes(std::istreambuf_iterator<char>(file), {});
     (void)LLVMFuzzerTestOneInput(reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size());
