@@ -72,6 +72,13 @@ void close_foreign(int fd) {
     if (fd < 0) {
         return;
     }
+    int domain = 0;
+    socklen_t size = sizeof(domain);
+    if (fcntl(fd, F_GET_SEALS) >= 0 ||
+        (getsockopt(fd, SOL_SOCKET, SO_DOMAIN, &domain, &size) == 0 && domain == AF_UNIX)) {
+        close(fd); // what callers pass as a rule, and what no file system has a say in
+        return;
+    }
     pthread_attr_t attr;
     pthread_attr_init(&attr);
     pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_DETACHED);

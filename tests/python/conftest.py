@@ -21,8 +21,8 @@ def name():
 
 
 @pytest.fixture
-def full_name(name):
-    """The name of a service whose backlog is full, and that accepts nobody."""
+def full_listener(name):
+    """The socket of the service `name`: its backlog is full, and it accepts nobody."""
     with contextlib.ExitStack() as stack:
         listener = stack.enter_context(socket.socket(socket.AF_UNIX, socket.SOCK_STREAM))
         listener.bind(name[1:])
@@ -32,7 +32,12 @@ def full_name(name):
                 connection = stack.enter_context(socket.socket(socket.AF_UNIX, socket.SOCK_STREAM))
                 connection.setblocking(False)
                 connection.connect(name[1:])
-        yield name
+        yield listener
+
+
+@pytest.fixture
+def full_name(name, full_listener):
+    return name
 
 
 class CService:

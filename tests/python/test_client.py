@@ -217,29 +217,23 @@ def test_module_is_a_program(name, c_service):
     assert (unprinted.returncode, unprinted.stderr) == (1, b"python3 -m kservice: No space left on device\n")
 
 
-def test_many_signals_while_connecting_do_not_end_the_wait(name):
-    with socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) as listener:
-        listener.bind(name[1:])
-        listener.listen(0)
-        taken = fill_backlog(listener)
-        left = 500
+def test_many_signals_while_connecting_do_not_end_the_wait(name, full_listener):
+    left = 500
 
-        def count(*_):
-            nonlocal left
-            left -= 1
-            if left == 0:
-                listener.close()
+    def count(*_):
+        nonlocal left
+        left -= 1
+        if left == 0:
+            full_listener.close()
 
-        before = signal.signal(signal.SIGALRM, count)
-        deepest = sys.getrecursionlimit()
-        sys.setrecursionlimit(250)
-        signal.setitimer(signal.ITIMER_REAL, 0.0005, 0.0005)
-        try:
-            with pytest.raises(kservice.NoService):
-                kservice.call(name, "echo", timeout=None)
-        finally:
-            signal.setitimer(signal.ITIMER_REAL, 0)
-            sys.setrecursionlimit(deepest)
-            signal.signal(signal.SIGALRM, before)
-        for connection in taken:
-            connection.close()
+    before = signal.signal(signal.SIGALRM, count)
+    deepest = sys.getrecursionlimit()
+    sys.setrecursionlimit(250)
+    signal.setitimer(signal.ITIMER_REAL, 0.0005, 0.0005)
+    try:
+        with pytest.raises(kservice.NoService):
+            kservice.call(name, "echo", timeout=None)
+    finally:
+        signal.setitimer(signal.ITIMER_REAL, 0)
+        sys.setrecursionlimit(deepest)
+        signal.signal(signal.SIGALRM, before)
