@@ -53,8 +53,8 @@ int above_stdio(int fd);
 void close_and_clear(int32_t* fd);
 
 /// Closes a descriptor received from a peer; no-op for -1. The file's file system (FUSE, a network share) may block
-/// close(2) for ever, uninterruptibly. So that happens on a detached thread of its own; inline only for what has none, a
-/// memory file or a local socket, and when no thread can be made.
+/// close(2) for ever, uninterruptibly. So that happens on a detached thread of its own; inline only for what has none,
+/// a memory file or a local socket, and when no thread can be made.
 void close_foreign(int fd);
 
 /// Takes the closing of descriptor 0 over from close_foreign(): ks_stop() closes it as well, and whoever comes second
