@@ -150,9 +150,9 @@ function(vexprod_add_pytest name)
     # Debian's own interpreter: pytest is one of its packages.
     add_test(NAME ${name} WORKING_DIRECTORY "${CMAKE_CURRENT_SOURCE_DIR}"
         COMMAND "${PROJECT_SOURCE_DIR}/hostsim/enter" --build "${CMAKE_BINARY_DIR}"
-                /usr/bin/python3 -B -m pytest -q -p no:cacheprovider ${ARG_UNPARSED_ARGUMENTS})
+                /usr/bin/python3 -B -m pytest -q -rx -p no:cacheprovider ${ARG_UNPARSED_ARGUMENTS})
     set(programs "C_SERVICE=${CMAKE_BINARY_DIR}/tests/c_service" "CPP_PEER=${CMAKE_BINARY_DIR}/tests/cpp_peer")
     set_tests_properties(${name} PROPERTIES
-        ENVIRONMENT "BUILD=${CMAKE_BINARY_DIR};${programs};CC=${CMAKE_C_COMPILER};CXX=${CMAKE_CXX_COMPILER}"
+        ENVIRONMENT "BUILD=${CMAKE_BINARY_DIR};${programs};CC=${CMAKE_C_COMPILER};CXX=${CMAKE_CXX_COMPILER}$<$<BOOL:${CMAKE_CROSSCOMPILING}>:;EMULATED=1>"
         TIMEOUT ${ARG_TIMEOUT} LABELS ${folder})
 endfunction()

@@ -13,6 +13,16 @@ PROGRAMS = Path(os.environ["BUILD"], "bin")
 sys.path.insert(0, str(PYTHON_TREE))
 
 
+def pytest_collection_modifyitems(items):
+    """What cannot be emulated has to fail, see tests/emulation/run."""
+    if "EMULATED" in os.environ:
+        listed = (Path(__file__).parents[1] / "emulation/cannot").read_text().splitlines()
+        reasons = dict(line.split(" ", 1) for line in listed)
+        for item in items:
+            if item.nodeid in reasons:
+                item.add_marker(pytest.mark.xfail(reason=reasons[item.nodeid], strict=True))
+
+
 @pytest.fixture
 def name():
     """A service's name that nobody has."""
