@@ -52,7 +52,8 @@ if(VEXPROD_STANDALONE)
     add_link_options(-Wl,--gc-sections)
 endif()
 if(VEXPROD_FUZZ)
-    add_compile_options(-fsanitize=fuzzer-no-link)
+    # The warnings are GCC's business, as some of the attributes are.
+    add_compile_options(-fsanitize=fuzzer-no-link -w)
 endif()
 if(VEXPROD_SANITIZE MATCHES thread)
     # An object, not an archive: the sanitizer's library comes first and has a definition of its own.
