@@ -6,6 +6,7 @@ include(GoogleTest)
 
 option(VEXPROD_WERROR "Treat warnings as errors" ON)
 option(VEXPROD_BENCH "Build the benchmarks" ON)
+option(VEXPROD_HOSTSIM "Build the simulated host also without tests and benchmarks" OFF)
 option(VEXPROD_COVERAGE "Instrument for gcov" OFF)
 option(VEXPROD_STANDALONE "Programs contain the JSON library and the compiler's own libraries" OFF)
 option(VEXPROD_SPLIT_DEBUG "Strip programs and the shared library, with their debug symbols beside them" OFF)
