@@ -1,12 +1,16 @@
 # What every target of the project shares: language level, warnings, sanitizers, output folders, and the helpers
-# vexprod_add_library(), vexprod_add_test() and vexprod_add_pytest().
+# vexprod_harden(), vexprod_split_debug(), vexprod_add_library(), vexprod_add_test() and vexprod_add_pytest().
 
 include(GNUInstallDirs)
 include(GoogleTest)
 
 option(VEXPROD_WERROR "Treat warnings as errors" ON)
 option(VEXPROD_BENCH "Build the benchmarks" ON)
+option(VEXPROD_HOSTSIM "Build the simulated host also without tests and benchmarks" OFF)
 option(VEXPROD_COVERAGE "Instrument for gcov" OFF)
+option(VEXPROD_STANDALONE "Programs contain the JSON library and the compiler's own libraries" OFF)
+option(VEXPROD_SPLIT_DEBUG "Strip programs and the shared library, with their debug symbols beside them" OFF)
+option(VEXPROD_FUZZ "Instrument for clang's fuzzing engine" OFF)
 set(VEXPROD_TEST_TIMEOUT 120 CACHE STRING "Seconds that a test may take that does not ask for more")
 set(VEXPROD_SANITIZE "" CACHE STRING "Sanitizers, as for -fsanitize= (address,undefined or thread)")
 
@@ -42,6 +46,16 @@ if(VEXPROD_SANITIZE)
 else()
     add_link_options(-Wl,-z,relro -Wl,-z,now)
 endif()
+if(VEXPROD_STANDALONE)
+    # libkservice is linked as C and takes nothing of the compiler's.
+    add_link_options($<$<LINK_LANGUAGE:CXX>:-static-libstdc++> $<$<LINK_LANGUAGE:CXX>:-static-libgcc>)
+    add_compile_options(-ffunction-sections -fdata-sections)
+    add_link_options(-Wl,--gc-sections)
+endif()
+if(VEXPROD_FUZZ)
+    # The warnings are GCC's business, as some of the attributes are.
+    add_compile_options(-fsanitize=fuzzer-no-link -w)
+endif()
 if(VEXPROD_SANITIZE MATCHES thread)
     # An object, not an archive: the sanitizer's library comes first and has a definition of its own.
     add_library(vexprod_thread_sanitizer OBJECT "${CMAKE_CURRENT_LIST_DIR}/thread_sanitizer.c")
@@ -61,6 +75,32 @@ if(VEXPROD_COVERAGE)
     link_libraries(vexprod_coverage_exit)
 endif()
 
+# vexprod_harden(TARGET)
+# Makes mistakes in what is shipped, and runs as root, harder to use; scripts/check-release looks whether it did. Programs
+# are position-independent by the compilers' own default.
+function(vexprod_harden target)
+    if(NOT VEXPROD_STANDALONE)
+        return()
+    endif()
+    target_compile_options(${target} PRIVATE -fstack-protector-strong -U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=3)
+    if(CMAKE_SYSTEM_PROCESSOR STREQUAL "x86_64")
+        target_compile_options(${target} PRIVATE -fcf-protection)
+    elseif(CMAKE_SYSTEM_PROCESSOR STREQUAL "aarch64")
+        target_compile_options(${target} PRIVATE -mbranch-protection=standard)
+    endif()
+endfunction()
+
+# vexprod_split_debug(TARGET)
+# FILE.debug beside the target's file; debuggers find it there.
+function(vexprod_split_debug target)
+    if(VEXPROD_SPLIT_DEBUG)
+        set(file "$<TARGET_FILE:${target}>")
+        add_custom_command(TARGET ${target} POST_BUILD VERBATIM
+            COMMAND ${CMAKE_OBJCOPY} --only-keep-debug "${file}" "${file}.debug"
+            COMMAND ${CMAKE_OBJCOPY} --strip-unneeded "--add-gnu-debuglink=${file}.debug" "${file}")
+    endif()
+endfunction()
+
 # vexprod_add_library(NAME SOURCES a.cpp ... [DEPS targets ...])
 # A static library NAME, linked as vexprod::NAME. Its own folder is its only public include path, so a target sees the
 # headers of exactly those targets that it names in DEPS.
@@ -70,6 +110,7 @@ function(vexprod_add_library name)
     add_library(vexprod::${name} ALIAS vexprod_${name})
     target_include_directories(vexprod_${name} PUBLIC "${CMAKE_CURRENT_SOURCE_DIR}")
     target_link_libraries(vexprod_${name} PUBLIC ${ARG_DEPS})
+    vexprod_harden(vexprod_${name})
 endfunction()
 
 # vexprod_add_test(NAME SOURCES a_test.cpp ... [DEPS targets ...] [TIMEOUT seconds])

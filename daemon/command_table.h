@@ -1,4 +1,4 @@
-// Which command runs which handler.
+// Maps commands to handlers.
 #ifndef VEXPROD_DAEMON_COMMAND_TABLE_H
 #define VEXPROD_DAEMON_COMMAND_TABLE_H
 
@@ -11,7 +11,7 @@ struct command_entry {
     int (*handler)(ks_io* io, int fd);
 };
 
-/// The main service's commands, in the order in which they are searched: the first match counts.
+/// The main service's commands, in search order: the first match counts.
 std::span<const command_entry> main_commands();
 
 /// The mail service's commands.

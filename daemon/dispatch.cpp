@@ -13,8 +13,8 @@
 
 namespace {
 
-// "/dev/null", open for the life of the process: standard output can be pointed back at it also when no descriptor is
-// left to open it anew. Opened with the library, before any request.
+// "/dev/null", open for the life of the process: standard output can be pointed back at it even when no descriptor is
+// left to reopen it. Opened with the library, before any request.
 const int null_device = [] {
     const int opened = open("/dev/null", O_WRONLY | O_CLOEXEC);
     if (opened < 0 || opened > STDERR_FILENO) {
@@ -87,7 +87,7 @@ int dispatch(std::span<const command_entry> table, const char* command, ks_io* i
     } catch (...) {
         dbg_printf2("[%s][%d] %s ended without a reply.", __func__, __LINE__, request->command);
     }
-    pthread_exit(nullptr);
+    return nullptr; // pthread_exit(3) does no more, and needs the compiler's shared library at run time
 }
 
 int service_handler(const char* command, ks_io* io, int fd) {

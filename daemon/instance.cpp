@@ -20,22 +20,22 @@ bool runs_as(const char* pid, const char* name) {
     if (!file || std::fgets(line, sizeof(line), file.get()) == nullptr) {
         return false; // it has ended meanwhile
     }
-    // The name may itself hold parentheses and blanks.
-    char* open = std::strchr(line, '(');
-    char* close = std::strrchr(line, ')');
-    if (open == nullptr || close == nullptr || close < open) {
-        return false;
-    }
-    *close = '\0';
-    if (std::strncmp(open + 1, name, kCommandNameSize) != 0) {
-        return false;
-    }
-    char* rest = nullptr;
-    const char* state = strtok_r(close + 1, " ", &rest);
-    return state != nullptr && std::strcmp(state, "Z") != 0;
+    return is_live_under(line, name);
 }
 
 } // namespace
+
+bool is_live_under(const std::string& line, std::string_view name) {
+    // The name may itself hold parentheses and blanks.
+    const size_t open = line.find('(');
+    const size_t close = line.rfind(')');
+    if (open == std::string::npos || close == std::string::npos || close < open ||
+        line.substr(open + 1, close - open - 1).substr(0, kCommandNameSize) != name.substr(0, kCommandNameSize)) {
+        return false;
+    }
+    const size_t state = line.find_first_not_of(' ', close + 1);
+    return state != std::string::npos && line.substr(state, line.find(' ', state) - state) != "Z";
+}
 
 bool ks_reentried(const char* path) {
     if (path == nullptr || *path == '\0') {

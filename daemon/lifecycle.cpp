@@ -13,8 +13,8 @@
 // the service has reported (worker_is_up), however early a stop was asked for.
 //
 // Crashing. One thread ends the process, the first to claim that (claim_end): one that crashed, by SIGKILL once its
-// report is written, or the main thread, after the shutdown. Whoever comes second gives way, so that a stop never cuts
-// a report off, or takes away what a crash leaves behind.
+// report is written, or the main thread, after the shutdown. The second gives way, so that a stop never cuts a report
+// short, or removes what a crash leaves behind.
 //
 // The mail service is left to process exit, so its workers may be busy while static objects are destroyed: nothing that
 // a request uses may have a static object with a destructor (tests/daemon/static_objects.sh looks for them).
@@ -108,9 +108,9 @@ pid_t claim_end() {
 }
 
 // The dump allocates. After a crash inside malloc() it may wait for ever, and then the alarm ends the process; or it
-// may crash as well, which is reported to this handler again: then there is no more to be had, and likewise when the
-// main thread crashes at the end of an orderly stop. Any other thread that crashes lets the first one finish, for no
-// longer than a dump may take: the main thread may need a lock at its end that a crashed thread holds.
+// may crash too, which calls this handler again: then there is nothing more to report, as when the main thread crashes
+// at the end of an orderly stop. Any other thread that crashes lets the first one finish, for no longer than a dump may
+// take: at its end the main thread may need a lock that a crashed thread holds.
 void dump_backtrace_service(int /*signum*/) {
     const pid_t claimed_by = claim_end();
     if (claimed_by != 0) {
@@ -177,13 +177,13 @@ void wait_until_up(const service_thread& thread) {
 void* pthread_ks_start(void* /*argument*/) {
     dbg_printf2("[%s][%d] ks_start.", __func__, __LINE__);
     ks_start(ks_service_handle);
-    pthread_exit(nullptr);
+    return nullptr;
 }
 
 void* pthread_ks_send_mail_start(void* /*argument*/) {
     dbg_printf2("[%s][%d] ks_send_mail_start.", __func__, __LINE__);
     ks_start(ks_send_mail_service_handle);
-    pthread_exit(nullptr);
+    return nullptr;
 }
 
 void start_detached(void* (*routine)(void*), service_thread* state) {
@@ -279,8 +279,8 @@ int run_daemon(int argc, char** argv) {
     (void)signal(SIGPIPE, SIG_IGN);
     (void)signal(SIGXFSZ, SIG_IGN);
     raise_descriptor_limit(); // every waiting caller holds one; without it the daemon just serves fewer
-    // A worker copies a request of up to 16 MiB. Set, the limit above which a block is the system's again once it is
-    // freed stays what it is; left alone it rises with the first such block, and each worker keeps one for good.
+    // A worker copies a request of up to 16 MiB. Unless fixed, the size from which free() returns a block to the
+    // system rises with the first such block, and each worker then keeps one for ever.
     (void)mallopt(M_MMAP_THRESHOLD, kLargestKeptBlock);
     (void)environment_unset("LD_LIBRARY_PATH");
 
@@ -306,7 +306,7 @@ int run_daemon(int argc, char** argv) {
     }
     g_IsDaemonize = chosen.daemonize ? 1 : 0;
     if (g_IsDaemonize != 0) {
-        (void)daemon(0, 0); // in the foreground, if it cannot be helped
+        (void)!daemon(0, 0); // in the foreground, if it cannot be helped
     }
 
     const int status = create_services();

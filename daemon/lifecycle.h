@@ -3,9 +3,9 @@
 #define VEXPROD_DAEMON_LIFECYCLE_H
 
 /// Runs the daemon from its command line to its end.
-/// @return The exit status: 0 after an orderly stop; 255 when the install path is unknown or another instance runs; 254
-///         should ks_create() return no service, instead of aborting as it does today. A crash, and a service that
-///         cannot be published, end the process and do not return.
+/// @return The exit status: 0 after an orderly stop; 255 if the install path is unknown or another instance runs; 254
+///         if ks_create() returned no service, although today it aborts instead. A crash, and a service that cannot be
+///         published, end the process and do not return.
 int run_daemon(int argc, char** argv);
 
 #endif

@@ -7,8 +7,8 @@ struct options {
     bool terminate = false; ///< -t: start everything, then stop at once.
 };
 
-/// Reads the options with getopt(3). What it does not know is named on standard error and otherwise ignored: options
-/// never stop the start-up.
+/// Reads the options with getopt(3). Unknown ones are reported on standard error and otherwise ignored: options never
+/// prevent start-up.
 options read_options(int argc, char* const* argv);
 
 #endif

@@ -5,8 +5,8 @@
 //     ...
 //     listener.server_stop();     // removes the queue from the host, and waits for the thread
 //
-// Host programs own the sending ends; a record is input from outside, of the agreed size at most. One that is longer
-// cannot be received: it stays at the head of the queue and keeps all behind it back, until somebody takes it out.
+// Host programs own the sending ends; a record is external input, at most of the specified size. A longer one cannot
+// be received: it stays at the head of the queue and blocks all records behind it until somebody removes it.
 #ifndef VEXPROD_DAEMON_QUEUE_LISTENER_H
 #define VEXPROD_DAEMON_QUEUE_LISTENER_H
 
@@ -14,8 +14,8 @@
 
 class T_MSGQ_service {
 public:
-    /// Gets the queue, or makes it, readable by all and writable by its owner. A failure is not reported.
-    /// @param callback  Receives each record, type word first; its bytes beyond what was sent are 0. Called on the
+    /// Opens the queue, or creates it, readable by all and writable by its owner. A failure is not reported.
+    /// @param callback  Receives each record, type word first, padded with zeros to its full size. Called on the
     ///                  listener's thread, one record at a time, in queue order; it must copy what it keeps.
     /// @param size      Bytes of a record's body, without the type word.
     T_MSGQ_service(int key, void (*callback)(void*), unsigned long size);
@@ -25,10 +25,10 @@ public:
 
     /// Starts the receiving thread, in which SIGINT and SIGTERM are blocked. @return 0.
     int server_start();
-    /// Says that server_stop() is about to come: from here on no callback begins. Lets several listeners finish the
-    /// callback that each is in at the same time, instead of one after another.
+    /// Announces server_stop(): from now on no callback begins. Lets several listeners finish their current callbacks
+    /// in parallel instead of one after another.
     void announce_stop();
-    /// Removes the queue, which ends the receive, and joins the thread; a callback under way is waited for. @return 0.
+    /// Removes the queue, which ends the receive, and joins the thread, after a running callback. @return 0.
     int server_stop();
     /// Deletes the queue from the host. Records still in it are lost.
     void remove_msgq() const;
@@ -36,8 +36,7 @@ public:
     /// Posts a record without blocking. For producers; any thread.
     /// @param msg   Type word and body.
     /// @param size  Bytes of the body.
-    /// @return 0 sent, 101 no queue with that key, 100 the look-up failed otherwise, 102 not sent (full, or another
-    ///         error).
+    /// @return 0 sent, 101 no queue with that key, 100 another look-up error, 102 not sent (full, or another error).
     static int send_msg(int key, const void* msg, unsigned long size);
 
 private:
@@ -46,9 +45,9 @@ private:
     [[nodiscard]] bool is_stopping() const;
     static void* do_msg_recv(void* self);
 
-    pthread_t thread_ = {}; ///< No thread has the identity 0.
+    pthread_t thread_ = {}; ///< 0 = no thread.
     unsigned long size_;
-    int id_; ///< -1 when the queue could not be had.
+    int id_; ///< -1 if the queue could not be opened.
     int key_;
     int stop_ = 0; ///< Written by the stopping thread, read by the receiving one: atomically.
     void (*callback_)(void*);

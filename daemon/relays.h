@@ -10,12 +10,12 @@ inline constexpr unsigned long kNotifyBodySize = 144;
 inline constexpr int kEventLogQueueKey = 65522;
 inline constexpr unsigned long kEventLogBodySize = 2488;
 
-/// Callbacks of the listeners, each on its own listener's thread alone.
+/// Callbacks of the listeners, each only on its own listener's thread.
 /// @param record  Type word and body, sizeof(long) + the size above bytes.
 void eventlog_handler(void* record);
 void notify_handler(void* record);
 
-/// The sequence stamp's counter: 0 for the first record of a second, then 1, 2 ... 999, 0. KEPT: the last-seen second
+/// The sequence number within a second: 0 for its first record, then 1, 2 ... 999, 0. KEPT: the last-seen second
 /// starts as 0, so the very first record of second 0 gives 1. Event-log thread only.
 unsigned get_datetime_count(std::int64_t second);
 

@@ -1,4 +1,4 @@
-// The calling side, and the service's word that a reply is complete.
+// The calling side, and ks_reply().
 //
 // A request in flight is a ks_io whose socket is registered in a ks_epoll with the object itself as event data; the
 // caller of ks_epoll_call() keeps owning it. Whatever fails, io_reset() leaves it empty and usable for the next call.
@@ -94,18 +94,14 @@ step advance(uint32_t events, ks_io* io, unsigned* ret_code) {
     }
 }
 
-constexpr int64_t kNoDeadline = INT64_MAX;
-
-// connect(2) waits while the service's backlog is full, and for ever when the service has been stopped (SIGSTOP). The
-// socket's send time-out bounds that wait, see socket(7); after a signal the wait goes on with what is left. The
-// time-out stays: nothing else that is sent may take longer either.
+// connect(2) blocks while the service's backlog is full, and for ever when the service has been stopped (SIGSTOP). The
+// socket's send timeout bounds that wait, see socket(7); after a signal the wait continues with what is left. The
+// timeout stays: nothing else that is sent may take longer either.
 unsigned connect_until(int sockfd, const sockaddr_un& address, int64_t give_up_at) {
     for (;;) {
-        if (give_up_at != kNoDeadline) {
-            const int64_t timeout_ms = std::max<int64_t>(give_up_at - ks::now_ms(), 1); // 0 would mean without end
-            const timeval timeout = {(time_t)(timeout_ms / 1000), (suseconds_t)(timeout_ms % 1000 * 1000)};
-            (void)setsockopt(sockfd, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof(timeout));
-        }
+        const int64_t timeout_ms = std::max<int64_t>(give_up_at - ks::now_ms(), 1); // 0 would mean without end
+        const timeval timeout = {(time_t)(timeout_ms / 1000), (suseconds_t)(timeout_ms % 1000 * 1000)};
+        (void)setsockopt(sockfd, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof(timeout));
         if (connect(sockfd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0) {
             return KS_OK;
         }
@@ -116,7 +112,7 @@ unsigned connect_until(int sockfd, const sockaddr_un& address, int64_t give_up_a
 }
 
 // Checks the arguments, connects and makes `io` a request. Afterwards it waits for its invitation.
-// @param give_up_at  now_ms() of the end of connecting, or kNoDeadline.
+// @param give_up_at  The deadline for connecting, by now_ms().
 unsigned open_request(const char* name, const char* command, ks_io* io, int passfd, int64_t give_up_at) {
     KS_REQUIRE_IN("ks_epoll_call", is_io(io), KS_IO_TEXT, "cannot make incorrect ks_io %p request", (void*)io);
     if (name == nullptr || strlen(name) > MAXIMUM_NAME_SIZE || command == nullptr ||
@@ -179,8 +175,8 @@ void end_connection(const requests& of, ks_io* io) {
     ks::close_and_clear(&io->sockfd);
 }
 
-// Advances the requests by one event, see ks_epoll_perform(). A directive of an unknown type is not counted as one: the
-// wait begins anew, with the whole of `timeout_ms`.
+// Advances the requests by one event, see ks_epoll_perform(). A directive of an unknown type does not count: the wait
+// restarts with the whole of `timeout_ms`.
 ks_io* perform(const requests& of, unsigned timeout_ms, unsigned* ret_code) {
     uint32_t events = 0;
     while (ks_io* io = wait_for_event(of, timeout_ms, &events)) {
@@ -259,8 +255,8 @@ unsigned call(const char* name, const char* command, ks_io* io, const payload& r
 
 // The reply of a request that has ended with KS_OK as a malloc()ed copy, or NULL and *code: see map_reply().
 //
-// Not from a mapping: the service has a hand on the file and could shorten it under us. But a file that is no small one
-// has to be one that can be mapped, before memory of its size is asked for.
+// Not from a mapping: the service has the file open and could truncate it under us. But a file that is not small must
+// be mappable before memory of its size is allocated.
 void* copy_reply(ks_io* io, size_t* ret_size, unsigned* code) {
     char small[4096]; // most replies fit, and take one system call
     const ssize_t first = pread(io->memfd, small, sizeof(small), 0);
@@ -303,7 +299,7 @@ ks_epoll* ks_epoll_create(void) {
 unsigned ks_epoll_call(ks_epoll* epoll, const char* name, const char* command, ks_io* io, int passfd) {
     KS_REQUIRE(is_epoll(epoll), KS_EPOLL_TEXT, "cannot call incorrect ks_epoll %p", (void*)epoll);
     KS_REQUIRE(is_io(io), KS_IO_TEXT, "cannot make incorrect ks_io %p request", (void*)io);
-    const unsigned code = open_request(name, command, io, passfd, kNoDeadline);
+    const unsigned code = open_request(name, command, io, passfd, ks::now_ms() + kMinimumTimeoutS * 1000);
     if (code != KS_OK) {
         return code;
     }

@@ -8,10 +8,12 @@
 //     caller   -> consumer   request + memory file [+ extra descriptor]
 //     consumer -> producer   ready, once the callback has returned, or as soon as the caller failed at any step
 //
-// While a caller is being talked to, the producer says nothing but "stop", so anything on the link makes the consumer
-// part with a caller that has not sent its request. A caller that was invited has kPatienceMs for the whole of it.
+// During a conversation the producer sends nothing but "stop", so anything on the link makes the consumer drop a caller
+// that has not sent its request. An invited caller has kPatienceMs for all of it, and kStepMs for each message while
+// somebody else waits for a worker: two silent callers would hold up a service of two.
 #include "internal.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
@@ -28,11 +30,14 @@ namespace ks {
 namespace {
 
 constexpr int64_t kPatienceMs = 30000;
+constexpr int64_t kStepMs = 2000;
+constexpr int64_t kLookMs = 100; // how often a caller that is over kStepMs is weighed against those that wait
 
 struct caller {
-    int fd;             // owned connection
-    int link;           // borrowed: the worker's end of the link to the producer
-    int64_t give_up_at; // now_ms() of the end of patience
+    int fd;                // owned connection
+    int link;              // borrowed: the worker's end of the link to the producer
+    int64_t give_up_at;    // now_ms() of the end of patience
+    const size_t* waiting; // borrowed: how many wait for a consumer
 };
 
 void report_ready(const ks_worker* worker) {
@@ -46,11 +51,19 @@ void hang_up(int fd) {
     close(fd);
 }
 
-// Waits until the caller has said something. False = it has gone, was silent for too long, or the producer wants us.
+// Waits until the caller has sent something. False = it is gone, the time is up, or the producer has sent something.
 bool wait_for_caller(const caller& who) {
     pollfd watched[] = {{who.fd, POLLIN | POLLRDHUP, {}}, {who.link, POLLIN | POLLRDHUP, {}}};
-    (void)TEMP_FAILURE_RETRY(poll(watched, std::size(watched), wait_time(who.give_up_at)));
-    // Hung up in both directions: whatever it said before, nobody waits for an answer.
+    const int64_t step_ends_at = now_ms() + kStepMs;
+    int64_t look_at = std::min(step_ends_at, who.give_up_at);
+    while (TEMP_FAILURE_RETRY(poll(watched, std::size(watched), wait_time(look_at))) == 0) {
+        const int64_t now = now_ms();
+        if (now >= who.give_up_at || (now >= step_ends_at && __atomic_load_n(who.waiting, __ATOMIC_RELAXED) != 0)) {
+            return false;
+        }
+        look_at = std::min(now + kLookMs, who.give_up_at);
+    }
+    // Hung up in both directions: whatever it sent before, nobody waits for a reply.
     return watched[0].revents != 0 && watched[0].revents != (POLLIN | POLLHUP | POLLRDHUP);
 }
 
@@ -189,7 +202,7 @@ void execute(const ks_worker* worker, const directive& request, int connection, 
     (void)worker->exec(command, io, extra_fd);
 }
 
-// Hears one request of a caller that has been invited, and runs it. False = there is none, and `who.fd` is still open.
+// Receives one request from an invited caller, and runs it. False = there is none, and `who.fd` is still open.
 bool hear_request(const ks_worker* worker, const caller& who) {
     directive request = {};
     received how = received::nothing;
@@ -224,14 +237,14 @@ bool hear_request(const ks_worker* worker, const caller& who) {
     return true;
 }
 
-// A caller's descriptor follows on the link, or has come along: `how` and `fd`. Ends with the worker ready again.
-void take_transfer(const ks_worker* worker, const directive& transfer, received how, int fd) {
+// A caller's descriptor follows on the link, or has arrived: `how` and `fd`. Ends with the worker ready again.
+void take_transfer(const ks_worker* worker, const size_t* waiting, const directive& transfer, received how, int fd) {
     if (how == received::nothing) {
         how = receive_descriptor(worker->sockfd[0], 0, &fd);
     }
     (void)send_directive(worker->sockfd[0], transfer);
     if (how == received::descriptor) {
-        const caller who = {fd, worker->sockfd[0], now_ms() + kPatienceMs};
+        const caller who = {fd, worker->sockfd[0], now_ms() + kPatienceMs, waiting};
         if (!send_directive(fd, make_directive(KS_DIRECTIVE_ACCEPTED)) || !hear_request(worker, who)) {
             hang_up(fd);
         }
@@ -239,33 +252,30 @@ void take_transfer(const ks_worker* worker, const directive& transfer, received 
     report_ready(worker);
 }
 
-// Works on what the producer says. False = the loop must end.
-bool hear_producer(const ks_worker* worker) {
+// Handles a message from the producer. False = the loop must end.
+bool hear_producer(const ks_worker* worker, const size_t* waiting) {
     directive message = {};
     received how = received::nothing;
     int fd = -1;
     const ssize_t got = receive_with_descriptor(worker->sockfd[0], 0, &message, &how, &fd);
     if (got == 0) {
-        return false; // end of stream: it will never say anything again
+        return false; // end of file: nothing will ever follow
     }
     if (got != (ssize_t)sizeof(message)) {
         report_ready(worker);
         return true;
     }
-    switch (message.type) {
-    case KS_DIRECTIVE_STOP:
-        return false;
-    case KS_DIRECTIVE_TRANSFER:
-        take_transfer(worker, message, how, fd);
+    if (message.type == KS_DIRECTIVE_TRANSFER) {
+        take_transfer(worker, waiting, message, how, fd);
         return true;
-    default:
-        return false; // what else came down the link is none of the protocol: drop the link
     }
+    close_foreign(fd);
+    return false; // "stop", or what is none of the protocol: drop the link
 }
 
 } // namespace
 
-void run_consumer(ks_worker* worker) {
+void run_consumer(ks_worker* worker, const size_t* waiting) {
     if (worker->init != nullptr) {
         worker->init(worker->init_argument);
     }
@@ -275,16 +285,16 @@ void run_consumer(ks_worker* worker) {
     epoll_event event[] = {{EPOLLIN | EPOLLERR | EPOLLHUP | EPOLLRDHUP, {}}};
     event->data.fd = link; // shown in /proc/PID/fdinfo
     if (epoll_ctl(worker->pollfd, EPOLL_CTL_ADD, link, event) != 0) {
-        close_and_clear(&worker->pollfd); // it would never hear of anything, not even of the stop; ends the service
+        close_and_clear(&worker->pollfd); // it would receive nothing, not even the stop; ends the service
     }
     while (worker->pollfd >= 0) {
         const auto ready = TEMP_FAILURE_RETRY(epoll_wait(worker->pollfd, event, std::size(event), -1));
-        if (ready != 1 || event->events == (EPOLLIN | EPOLLHUP | EPOLLRDHUP) || !hear_producer(worker)) {
+        if (ready != 1 || event->events == (EPOLLIN | EPOLLHUP | EPOLLRDHUP) || !hear_producer(worker, waiting)) {
             close_and_clear(&worker->pollfd);
         }
     }
-    // The link's two ends go down here. Their numbers are closed by the thread that ends the run, which may still be
-    // about to send on one of them; a process worker's own go with the process.
+    // Shuts down both ends of the link. Their numbers are closed by the thread that ends the run, which may still be
+    // about to send on one of them; a process worker's own are closed at its exit.
     (void)shutdown(link, SHUT_RDWR);
     if (worker->fini != nullptr) {
         worker->fini(worker->fini_argument);

@@ -1,10 +1,10 @@
-// Descriptors and what is said over sockets: the fixed 259-byte directive, and one descriptor per message.
+// File descriptors and socket messages: the fixed 259-byte directive, and one descriptor per message.
 //
-// Receiving descriptors (unix(7), SCM_RIGHTS) has four classic mistakes, all met here: a control buffer of
+// File descriptor passing (unix(7), SCM_RIGHTS) has four classic pitfalls, all handled here: a control buffer of
 // CMSG_SPACE(one int) has room for a second descriptor on 64-bit machines, because of its alignment, so every
 // descriptor that arrives is looked at and only the first is kept; received descriptors are close-on-exec from the
-// start (MSG_CMSG_CLOEXEC); a control message of another kind is not mistaken for one; and closing a stranger's file
-// can take as long as the stranger likes, so nobody waits for that (close_foreign()).
+// start (MSG_CMSG_CLOEXEC); a control message of another kind is not mistaken for one; and closing a peer's file can
+// take as long as the peer likes, so nobody waits for that (close_foreign()).
 #include "internal.h"
 
 #include <algorithm>
@@ -35,8 +35,13 @@ namespace {
 
 constexpr size_t kClosingStackSize = (size_t)256 * 1024; // what any processor asks for at least, and sanitizers add
 
+bool zero_pending = false; // descriptor 0 has a closing thread that has not come to it; accessed atomically
+
 void* close_descriptor(void* number) {
-    close((int)(intptr_t)number);
+    const int fd = (int)(intptr_t)number;
+    if (fd != STDIN_FILENO || ks::claim_zero()) {
+        close(fd);
+    }
     return nullptr;
 }
 
@@ -67,6 +72,13 @@ void close_foreign(int fd) {
     if (fd < 0) {
         return;
     }
+    int domain = 0;
+    socklen_t size = sizeof(domain);
+    if (fcntl(fd, F_GET_SEALS) >= 0 ||
+        (getsockopt(fd, SOL_SOCKET, SO_DOMAIN, &domain, &size) == 0 && domain == AF_UNIX)) {
+        close(fd); // what callers pass as a rule, and what no file system has a say in
+        return;
+    }
     pthread_attr_t attr;
     pthread_attr_init(&attr);
     pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_DETACHED);
@@ -75,13 +87,20 @@ void close_foreign(int fd) {
     sigset_t before;
     sigfillset(&all);
     pthread_sigmask(SIG_SETMASK, &all, &before); // inherited: a signal of the process must not be left to that thread
+    if (fd == STDIN_FILENO) {
+        __atomic_store_n(&zero_pending, true, __ATOMIC_RELEASE);
+    }
     pthread_t thread = {};
     const bool started = pthread_create(&thread, &attr, close_descriptor, (void*)(intptr_t)fd) == 0;
     pthread_sigmask(SIG_SETMASK, &before, nullptr);
     pthread_attr_destroy(&attr);
     if (!started) {
-        close(fd);
+        close_descriptor((void*)(intptr_t)fd);
     }
+}
+
+bool claim_zero() {
+    return __atomic_exchange_n(&zero_pending, false, __ATOMIC_ACQ_REL);
 }
 
 directive make_directive(uint8_t type) {
@@ -140,7 +159,7 @@ int take_descriptor(msghdr* message) {
             }
         }
     }
-    if (kept >= 0 && kept <= STDERR_FILENO) { // as above_stdio(), but for a stranger's
+    if (kept >= 0 && kept <= STDERR_FILENO) { // as above_stdio(), but for a peer's
         const int moved = fcntl(kept, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
         close_foreign(kept);
         kept = moved;
@@ -199,7 +218,7 @@ ssize_t receive_with_descriptor(int sockfd, int flags, directive* ret_message, r
     }
     const int fd = take_descriptor(&letter.message);
     if (got <= (ssize_t)sizeof(*ret_message)) {
-        close_foreign(fd); // it came with the directive itself, where none belongs
+        close_foreign(fd); // sent with the directive itself, where none belongs
         return got;
     }
     *ret_fd = fd;

@@ -1,10 +1,10 @@
 // The message object. The record is private to each process; the memory file is shared, and so is its offset, because
 // both sides hold the same open file description. That is why a reply begins with ks_io_realloc(io, 0).
 //
-// On the service's side the file came from a stranger, who keeps a descriptor of it. is_memory_file() admits only files
-// in memory on which our steps can work, but the stranger can still grow the file beyond what can be mapped, or fill
-// its file system. Our own program did nothing wrong then, so nothing aborts: the object lets the file go, ends the
-// connection and carries on with a private file that nobody reads.
+// In a service the file comes from an untrusted peer, who keeps a descriptor of it. is_memory_file() admits only usable
+// memory files, but the peer can still grow the file beyond what can be mapped, or fill its file system. That is not
+// our own program's misuse, so nothing aborts: the object drops the file, ends the connection and continues with a
+// private file that nobody reads.
 #include "internal.h"
 
 #include <cerrno>
@@ -45,12 +45,12 @@ bool map(ks_io* io, size_t size) {
     return true;
 }
 
-// Whether somebody else has, or had, a hand on the memory file: a request has been made with it.
+// Whether a peer has, or had, the memory file: a request has been made with it.
 bool is_shared(const ks_io* io) {
     return io->sockfd >= 0 || io->cred.pid != 0 || io->command[0] != '\0';
 }
 
-// Parts with a file that the other side has made unusable.
+// Drops a file that the peer has made unusable.
 void let_go(ks_io* io) {
     unmap(io);
     ks::close_and_clear(&io->memfd);
@@ -95,15 +95,15 @@ bool io_try_sync(ks_io* io) {
 
 void io_reset(ks_io* io) {
     unmap(io);
-    (void)shutdown(io->sockfd, SHUT_RDWR); // a child may hold a copy; the other side shall see the end nevertheless
+    (void)shutdown(io->sockfd, SHUT_RDWR); // a child may hold a copy; the peer must still see end of file
     close_and_clear(&io->memfd);
     close_and_clear(&io->sockfd);
     io->passfd = -1;
 }
 
 bool is_memory_file(int fd) {
-    // Asked first, and for all but memory files the last: it is answered without the file's own file system, which may
-    // never answer (FUSE, a dead network share), and takes no lock of the file's, as F_ADD_SEALS does.
+    // Asked first, and nothing else unless it is a memory file: this does not involve the file's own file system, which
+    // may never respond (FUSE, a dead network share), and takes no lock of the file's, as F_ADD_SEALS does.
     int seals = fcntl(fd, F_GET_SEALS);
     if (seals < 0) {
         return false;
@@ -111,8 +111,8 @@ bool is_memory_file(int fd) {
     if ((fcntl(fd, F_GETFL) & O_ACCMODE) != O_RDWR) {
         return false;
     }
-    // First close the door, then look who is inside: a seal added after the look would make our own steps fail. Nearly
-    // always it is closed from the beginning: memfd_create(2) without MFD_ALLOW_SEALING.
+    // First seal the seals, then check them: a seal added after the check would make our own steps fail. Nearly always
+    // they are sealed from the beginning: memfd_create(2) without MFD_ALLOW_SEALING.
     if ((seals & F_SEAL_SEAL) == 0) {
         (void)fcntl(fd, F_ADD_SEALS, F_SEAL_SEAL);
         seals = fcntl(fd, F_GET_SEALS);
@@ -144,7 +144,7 @@ void ks_io_free(ks_io* io) {
 
 size_t ks_io_size(ks_io* io) {
     struct stat st = {};
-    return fstat(io->memfd, &st) == 0 ? (size_t)st.st_size : 0; // -1 is no file either
+    return fstat(io->memfd, &st) == 0 ? (size_t)st.st_size : 0; // also 0 for -1
 }
 
 void ks_io_realloc(ks_io* io, size_t size) {
@@ -242,7 +242,7 @@ uint32_t ks_io_alive(ks_io* io) {
     if (io->sockfd < 0) {
         return 0;
     }
-    // A caller has nothing to say once its request is sent: readable means it hung up, or broke the protocol.
+    // A caller sends nothing after its request: readable means it hung up, or violated the protocol.
     pollfd caller = {io->sockfd, POLLIN, {}};
     return TEMP_FAILURE_RETRY(poll(&caller, 1, 0)) == 0 ? 1 : 0;
 }

@@ -1,6 +1,6 @@
 /* kservice: named local services over AF_UNIX sockets, with requests and replies in shared memory.
  *
- * This is the library's interface, for C11 and C++; kservice.hpp wraps it for C++17. A service in ten lines:
+ * This is the library's interface, for C11 and C++; kservice.hpp wraps it for C++17. A service in a dozen lines:
  *
  *     static int serve(const char* command, ks_io* io, int fd) {
  *         (void)command; (void)fd;
@@ -12,20 +12,24 @@
  *         ks_io_free(io);
  *         return 0;
  *     }
- *     ks_handle* service = ks_create("my-service", KS_STANDALONE | KS_PTHREAD_MODE, 2, serve);
+ *     unsigned mode = KS_STANDALONE | KS_PTHREAD_MODE;
+ *     ks_handle* service = ks_create("my-service", mode, 2, serve);
  *     ks_start(service);
  *
  * and its caller:
  *
  *     void* reply = NULL;
  *     size_t size = 0;
- *     unsigned code = ks_ez_call("my-service", "ping", NULL, 0, &reply, &size, 5, -1);
+ *     unsigned code = ks_ez_call("my-service", "ping", NULL, 0,
+ *                                &reply, &size, 5, -1);
  *
- * Errors come in three kinds that are never mixed. Misuse by the program itself (a foreign pointer, a wrong mode) and
+ * There are three distinct kinds of errors. Misuse by the program itself (a foreign pointer, a wrong mode) and
  * exhausted resources print one line "[ABORT] @<function>() <message>: `<condition>'" to standard error and abort().
- * Whatever the other side of a connection does costs only that connection. Everything else is a result code.
+ * Whatever a peer does costs only its own connection. Everything else is a result code.
  *
- * What travels on the sockets, byte by byte, is described in docs/protocol.md.
+ * "KEPT:" marks behaviour that looks wrong but is deliberate, because programs rely on it.
+ *
+ * What travels on the sockets, byte by byte, is described in ks-protocol(7).
  */
 #ifndef KSERVICE_H
 #define KSERVICE_H
@@ -49,7 +53,9 @@ extern "C" {
 #define KS_PRINTF(format_index, first_argument)
 #endif
 
-/* ---- Constants ---------------------------------------------------------------------------------------------- */
+/* The sections below and the comment above are also manual pages; each section's title names its page. */
+
+/* ---- Constants: ks_constants(3) -------------------------------------------------------------------------------- */
 
 #define KS_IO_MAGIC 0x6B494F2DU     /**< First field of a live ks_io; "-OIk" in little-endian memory. */
 #define KS_HANDLE_MAGIC 0x6B53562DU /**< First field of a live ks_handle; "-VSk". */
@@ -79,17 +85,17 @@ enum {
     KS_REFUSED = 4,      /**< Directive 5 was received; no service of this library sends it. */
     KS_DISCONNECTED = 5, /**< The connection failed: error, hang-up, or a directive that was not 259 bytes. From
                               ks_ez_call() also: the request could not be stored, and nothing was sent. */
-    KS_BUSY = 6,         /**< The service's waiting list is full. */
+    KS_BUSY = 6,         /**< The service's waiting queue is full. */
     KS_BAD_ARGUMENT = 7  /**< Service name NULL or over 64 characters, or command NULL or over 256 characters. */
 };
 
 /** Types of a directive. */
 enum {
     KS_DIRECTIVE_READY = 1,    /**< consumer -> producer: idle again; data = worker index (size_t). */
-    KS_DIRECTIVE_BUSY = 2,     /**< producer -> caller: the waiting list is full. */
+    KS_DIRECTIVE_BUSY = 2,     /**< producer -> caller: the waiting queue is full. */
     KS_DIRECTIVE_STOP = 3,     /**< ks_stop() -> consumer: leave the loop. */
     KS_DIRECTIVE_PAUSED = 4,   /**< producer -> caller: the service is paused. */
-    KS_DIRECTIVE_REFUSED = 5,  /**< Understood by callers only. */
+    KS_DIRECTIVE_REFUSED = 5,  /**< Callers understand it; never sent. */
     KS_DIRECTIVE_TRANSFER = 6, /**< producer -> consumer and echoed back: data = descriptor number (int32_t). */
     KS_DIRECTIVE_ACCEPTED = 7, /**< consumer -> caller: send the request. */
     KS_DIRECTIVE_REQUEST = 8,  /**< caller -> consumer: data = command name; descriptors follow. */
@@ -106,10 +112,10 @@ enum {
     CLIENT_SOCK = 3    /**< An accepted caller that waits for a consumer. */
 };
 
-/* ---- Records ------------------------------------------------------------------------------------------------ */
+/* ---- Records: ks_records(3) ------------------------------------------------------------------------------------ */
 
-/** The fixed record of all the framework's sockets: always sent and read whole, 259 bytes, without padding.
- *  Numbers in `data` stand in host byte order and are unaligned: memcpy() them. */
+/** The fixed-size message on all the framework's sockets: always sent and read whole, 259 bytes, no padding.
+ *  Numbers in `data` are in host byte order and unaligned: memcpy() them. */
 typedef struct directive {
     uint8_t type;   /**< KS_DIRECTIVE_... */
     uint8_t flags;  /**< KS_DIRECTIVE_HAS_FD or 0. */
@@ -135,11 +141,11 @@ typedef struct ks_io {
     void* shared_data;  /**< Owned mapping of the whole memory file; NULL = not mapped. */
     size_t shared_size; /**< Bytes mapped at shared_data; 0 = not mapped. */
     ks_cred cred;       /**< The caller's credentials on the service's side; all 0 on the caller's. */
-    int32_t mapped_fd;  /**< The library's own: memfd when shared_data was mapped. Another file under
-                             the same number is not noticed while its size is the same. */
+    int32_t mapped_fd;  /**< Internal: memfd when shared_data was mapped. Another file under the same
+                             number goes unnoticed while its size is the same. */
 } ks_io;
 
-/** What a consumer worker runs for each request. It owns `io` and ends with ks_io_free(); `fd` is the caller's extra
+/** What a consumer worker runs for each request. It owns `io` and must ks_io_free() it; `fd` is the caller's extra
  *  descriptor (owned by the callback) or -1. The return value is ignored. It must not ks_stop() its own service. */
 typedef int (*ks_exec)(const char* command, ks_io* io, int fd);
 
@@ -177,7 +183,7 @@ typedef struct ks_worker {
 /** A named service. Made by ks_create(), ended by ks_free(). */
 typedef struct ks_handle {
     uint32_t magic;      /**< KS_HANDLE_MAGIC while valid. */
-    uint8_t paused;      /**< 1 = callers are turned away. Plain byte, accessed atomically. */
+    uint8_t paused;      /**< 1 = callers are rejected. Plain byte, accessed atomically. */
     uint8_t stopping;    /**< 1 = set by ks_stop(); the producer leaves its loop. Plain byte, accessed atomically. */
     char sockfile[65];   /**< Path of the socket, at most 63 characters. */
     char name[65];       /**< The service's name, its first 63 characters. */
@@ -208,7 +214,7 @@ typedef struct SHA1Context {
     int32_t corrupted;   /**< 1 after too long an input, or input after the digest was final. */
 } SHA1Context;
 
-/* ---- Message object ----------------------------------------------------------------------------------------- */
+/* ---- Message objects: ks_io(3) --------------------------------------------------------------------------------- */
 /* "Checked" operations abort on a NULL or foreign pointer. "Lazy" ones create the memory file (memfd_create(2)) when
  * there is none. The memory file's offset belongs to its open file description, which both processes share. */
 
@@ -219,16 +225,16 @@ KS_API void ks_io_free(ks_io* io);
 /** @return The memory file's size in bytes by fstat(2), 0 without one. KEPT: not checked. */
 KS_API size_t ks_io_size(ks_io* io);
 /** Makes the file `size` bytes long, moves its offset to the end and maps it. Size 0 leaves it unmapped.
- *  Checked, lazy. Aborts when the program's own file cannot be resized or mapped; a file that a caller passed and that
- *  refuses is let go instead: the caller's connection ends, and the object goes on with a private file. */
+ *  Checked, lazy. Aborts when the program's own file cannot be resized or mapped; if that happens to a file that a
+ *  caller passed, the caller's connection ends instead, and the object continues with a private file. */
 KS_API void ks_io_realloc(ks_io* io, size_t size);
-/** Maps the whole file as it is now, with the offset at its end. Without a memory file does nothing. Not checked. */
+/** Maps the whole file as it is now, with the offset at its end. No-op without a memory file. Not checked. */
 KS_API void ks_io_sync(ks_io* io);
 /** Syncs. Checked.
  *  @param size  Receives the bytes mapped; may be NULL.
  *  @return The mapping, which is not NUL-terminated, or NULL when the file is empty or absent. It stays owned by `io`
- *  and is valid until the next operation that maps. The other side can truncate the file, and access then raises
- *  SIGBUS: to read what a stranger sent, pread(2) from memfd instead. */
+ *  and is valid until the next operation that maps. The peer can truncate the file, and access then raises SIGBUS:
+ *  to read what an untrusted peer sent, pread(2) from memfd instead. */
 KS_API void* ks_io_read(ks_io* io, size_t* size);
 /** write(2) at the file's offset; does not remap. Checked (KEPT: with the wording of ks_io_read()), lazy.
  *  @return As write(2). */
@@ -260,11 +266,11 @@ KS_API int ks_io_dup3(ks_io* io, int newfd, int flags);
 KS_API FILE* ks_io_fopen(ks_io* io, const char* mode);
 /** Points `stream` at the memory file. @return As freopen(3). Lazy, not checked. */
 KS_API FILE* ks_io_freopen(ks_io* io, const char* mode, FILE* stream);
-/** Writer callback of JSON output, as ks_io_write().
+/** Writer callback for JSON output, as ks_io_write().
  *  @return 0 when all `len` bytes were written, negative otherwise. */
 KS_API int ks_json_write_io(const void* data, size_t len, ks_io* io);
 
-/* ---- Service ------------------------------------------------------------------------------------------------ */
+/* ---- Services: ks_service(3) ----------------------------------------------------------------------------------- */
 
 /** Names a service; nothing is published yet.
  *  @param name     Up to 64 characters. "@/path" is published at that path (its first 63 characters), any other name at
@@ -279,52 +285,52 @@ KS_API void ks_worker_init(ks_handle* handle, ks_worker_callback callback, void*
 /** Sets what every consumer worker runs last. Before ks_start(). Aborts on a foreign handle. */
 KS_API void ks_worker_fini(ks_handle* handle, ks_worker_callback callback, void* argument);
 /** Publishes the service and serves. With KS_STANDALONE returns once it is up; otherwise serves in the calling thread
- *  and returns after ks_stop(). Ignores SIGPIPE and SIGXFSZ for the process. Aborts when the service runs already,
- *  and when a socket, thread or process cannot be made. */
+ *  and returns after ks_stop(). Ignores SIGPIPE and SIGXFSZ for the process. Aborts if the service is already
+ *  running, and when a socket, thread or process cannot be made. */
 KS_API void ks_start(ks_handle* handle);
-/** Turns new callers away; those already waiting keep their place. Any thread. */
+/** Rejects new callers; those already waiting keep their place. Any thread. */
 KS_API void ks_pause(ks_handle* handle);
-/** Takes callers again. Any thread. */
+/** Accepts callers again. Any thread. */
 KS_API void ks_resume(ks_handle* handle);
-/** Withdraws the socket, ends the workers after their current request and waits for them. Does nothing on a service
- *  that is not started, or in a process worker. Any thread but the service's own workers; also while ks_start() is
- *  still under way, and more than once. Does not touch the handle after ks_start() may have returned because of it.
- *  Also in a signal handler, whatever that interrupted; inside ks_start(), or in a thread of the service, it then only
- *  asks for the stop. (It cannot help a request in hand that needs a lock which the interrupted code holds, malloc()'s
- *  among them, or that waits for the interrupted thread.)
+/** Removes the socket, ends the workers after their current request and waits for them. No-op on a service that is
+ *  not started, and in a process worker. Any thread but the service's own workers; also while ks_start() is still
+ *  running, and repeatedly. Does not touch the handle once ks_start() may have returned because of it.
+ *  May be called in a signal handler, whatever it interrupted; inside ks_start(), or in a thread of the service, it
+ *  then only requests the stop. (It deadlocks if a current request needs a lock held by the interrupted code, such as
+ *  malloc()'s, or waits for the interrupted thread.)
  *  KEPT: also closes descriptor 0, as the producer's table entry never had a first socket. */
 KS_API void ks_stop(ks_handle* handle);
-/** ks_stop(), then frees the handle. No other thread may use the handle any more; a ks_start() that still serves in
- *  another thread has returned, or is past its last use of the handle, before it is freed. */
+/** ks_stop(), then frees the handle. No other thread may still use the handle; a ks_start() that serves in another
+ *  thread has returned, or is past its last use of the handle, before it is freed. */
 KS_API void ks_free(ks_handle* handle);
 /** Run when the library is loaded: compiles BLOCKED_PROGRAM_LIST. Calling it again does nothing. */
 KS_API void ks_init(void);
 /** Run when the library is unloaded: frees what ks_init() made. */
 KS_API void ks_fini(void);
 
-/* ---- Calls -------------------------------------------------------------------------------------------------- */
+/* ---- Calls: ks_call(3) ----------------------------------------------------------------------------------------- */
 
-/** @return An empty set of requests, owned by the caller until ks_epoll_free(). Aborts when it cannot be had. */
+/** @return An empty set of requests, owned by the caller until ks_epoll_free(). Aborts when it cannot be made. */
 KS_API ks_epoll* ks_epoll_create(void);
 /** Connects to service `name` and puts the request into the set; it is sent when the service invites it.
  *  @param io      The request; borrowed until ks_epoll_perform() returns it or ks_epoll_cancel().
  *  @param passfd  Borrowed extra descriptor to hand over, or -1; kept open until the request has been sent.
- *  @return KS_OK, KS_NO_SERVICE (the unconnected socket stays in io->sockfd) or KS_BAD_ARGUMENT. Checks both. */
+ *  @return KS_OK, KS_BAD_ARGUMENT, KS_NO_SERVICE, or KS_TIMEOUT if the service's backlog stays full for 5 seconds;
+ *  after the last two the unconnected socket stays in io->sockfd. Checks both. */
 KS_API unsigned ks_epoll_call(ks_epoll* epoll, const char* name, const char* command, ks_io* io, int passfd);
 /** Waits for one event and acts on it. Checked.
- *  @param timeout_ms  Milliseconds; a directive of an unknown type starts them again.
+ *  @param timeout_ms  Milliseconds; restarted by a directive of an unknown type.
  *  @param status      Receives the result code; may be NULL.
  *  @return The object whose request ended: KS_OK with its reply mapped, any other code with the object emptied. NULL
- *  when none did: KS_OK = a request went out, KS_TIMEOUT = nothing happened in that time. */
+ *  if none did: KS_OK = a request was sent, KS_TIMEOUT = nothing happened in that time. */
 KS_API ks_io* ks_epoll_perform(ks_epoll* epoll, unsigned timeout_ms, unsigned* status);
 /** Takes a request out of the set and ends its connection. Checks both. */
 KS_API void ks_epoll_cancel(ks_epoll* epoll, ks_io* io);
-/** Frees the set; the requests in it stay their owners'. Checked. */
+/** Frees the set; the requests in it remain their owners'. Checked. */
 KS_API void ks_epoll_free(ks_epoll* epoll);
 /** Sends one request and waits for its reply.
- *  @param timeout_s  Seconds; values below 5 wait 5. Connecting counts. KEPT: the budget shrinks faster than the clock
- *                    when the request has to wait for a worker first, and a directive of an unknown type starts the
- *                    wait again.
+ *  @param timeout_s  Seconds, raised to 5 if less; includes connecting. KEPT: the budget shrinks faster than the clock
+ *                    if the request first waits for a worker, and a directive of an unknown type restarts the wait.
  *  @param passfd     Borrowed descriptor to hand to the service, or -1.
  *  @return KS_OK and the reply in `io` (read it with ks_io_read()), else a result code and `io` emptied.
  *  Any thread may call; two threads never share one `io`. */
@@ -340,8 +346,9 @@ KS_API unsigned ks_ez_call(const char* name, const char* command, const void* da
 /** Service side: tells the caller that its reply is complete, and shuts the connection down. Checked. */
 KS_API void ks_reply(ks_io* io);
 
-/* ---- Signals and crash reports ------------------------------------------------------------------------------ */
+/* ---- Signals and crash reports: ks_signal(3) ------------------------------------------------------------------- */
 
+/** Called with the number of a routed signal. */
 typedef void (*ks_signal_callback)(int signum);
 
 /** Callbacks by signal number; NULL = none. */
@@ -356,16 +363,17 @@ KS_API void ks_backtrace(void);
 /** The crash reporter: writes the numbered stack to the kernel log and ends the process with status 1. */
 KS_API void _ks_backtrace(int sig); /* NOLINT(clang-diagnostic-reserved-identifier): the callers' name for it */
 
-/* ---- Helpers ------------------------------------------------------------------------------------------------ */
+/* ---- Helpers: ks_helpers(3) ------------------------------------------------------------------------------------ */
 
-/** KEPT: writes the descriptor's status flags back with 1 added, and leaves the close-on-exec flag as it is; what a
- *  process worker must not inherit it closes by number instead. @return 1, or 0 when either fcntl(2) fails. */
+/** KEPT: writes the descriptor's status flags back with 1 added, and does not set close-on-exec; process workers close
+ *  by number what they must not inherit. @return 1, or 0 when either fcntl(2) fails. */
 KS_API uint32_t set_fd_cloexec(int fd);
 
+/** Starts a new digest. The context may be new or used. */
 KS_API void SHA1Reset(SHA1Context* context);
 /** Appends `length` bytes. After the digest is final, or past 2^64 bits, marks the context corrupted. */
 KS_API void SHA1Input(SHA1Context* context, const unsigned char* data, unsigned length);
-/** Finishes the digest. @return 1, or 0 when the context is corrupted. Mind: not the usual status convention. */
+/** Finishes the digest. @return 1, or 0 if the context is corrupted. Note: not the usual status convention. */
 KS_API int SHA1Result(SHA1Context* context);
 
 #ifdef __cplusplus

@@ -12,8 +12,8 @@
 //     kservice::service service("my-service", 2, [](kservice::request& request) { (void)request.reply("pong"); });
 //     service.start();
 //
-// Nothing here throws but result::value(), on an error, and the C++ library's own std::bad_alloc; the header compiles
-// with -fno-exceptions, where value() aborts instead. Misuse (a name too long for a service, a service started twice)
+// Only result::value(), on an error, and the C++ library (std::bad_alloc) throw; the header compiles with
+// -fno-exceptions, where value() aborts instead. Misuse (a service name that is too long, a service started twice)
 // and exhausted descriptors abort with one line, as kservice.h says.
 #ifndef KSERVICE_HPP
 #define KSERVICE_HPP
@@ -39,7 +39,7 @@
 
 namespace kservice {
 
-/// What became of a call; the values are the result codes of kservice.h.
+/// How a call ended; the values are the result codes of kservice.h.
 enum class status : unsigned {
     ok = KS_OK,
     timeout = KS_TIMEOUT,
@@ -51,7 +51,7 @@ enum class status : unsigned {
     bad_argument = KS_BAD_ARGUMENT,
 };
 
-/// @return A few words for people, such as "service is busy"; static.
+/// @return A short description, such as "service is busy"; static.
 inline const char* describe(status code) noexcept {
     switch (code) {
     case status::ok:
@@ -95,13 +95,17 @@ public:
     [[nodiscard]] bool has_value() const noexcept { return value_.has_value(); }
     /// status::ok when there is a value.
     [[nodiscard]] status error() const noexcept { return error_; }
-    /// The value; there has to be one.
+    /// The value; there must be one.
     [[nodiscard]] T& operator*() noexcept { return *value_; }
     [[nodiscard]] const T& operator*() const noexcept { return *value_; }
     [[nodiscard]] T* operator->() noexcept { return &*value_; }
     [[nodiscard]] const T* operator->() const noexcept { return &*value_; }
     /// The value. Throws call_error when there is none; without exceptions prints the reason and aborts.
     [[nodiscard]] T& value() & {
+        require();
+        return *value_;
+    }
+    [[nodiscard]] const T& value() const& {
         require();
         return *value_;
     }
@@ -126,7 +130,7 @@ private:
     status error_ = status::ok;
 };
 
-/// Owns a ks_io: one request or its reply. Moved-from = empty; only assignment and destruction may follow.
+/// Owns a ks_io: one request or its reply. Moved-from = empty; may then only be assigned or destroyed.
 class message {
 public:
     message() : io_(ks_io_create()) {}
@@ -135,10 +139,10 @@ public:
 
     /// The object, for the functions of kservice.h; still owned.
     [[nodiscard]] ks_io* get() const noexcept { return io_.get(); }
-    /// Gives the object up: the receiver ends it with ks_io_free().
+    /// Gives up ownership: the caller must ks_io_free() the object.
     [[nodiscard]] ks_io* release() noexcept { return io_.release(); }
 
-    /// Appends `text`. @return False and errno when it does not fit (memory, RLIMIT_FSIZE): half of it may stand there.
+    /// Appends `text`. @return False and errno if it does not fit (memory, RLIMIT_FSIZE); part of it may be written.
     [[nodiscard]] bool write(std::string_view text) {
         constexpr std::size_t kLargestWrite = std::size_t{1} << 30;
         while (!text.empty()) {
@@ -151,7 +155,7 @@ public:
         return true;
     }
 
-    /// All its bytes. A copy, and not made from the mapping, as the other side may shorten the file at any moment.
+    /// A copy of all its bytes, not made from the mapping, as the peer may truncate the file at any moment.
     [[nodiscard]] std::string text() const {
         std::string bytes(ks_io_size(get()), '\0');
         std::size_t filled = 0;
@@ -174,7 +178,7 @@ private:
     std::unique_ptr<ks_io, free_io> io_;
 };
 
-/// The library counts less than this as this much.
+/// The library raises shorter timeouts to this.
 inline constexpr std::chrono::seconds kShortestTimeout{5};
 
 namespace detail {
@@ -183,7 +187,7 @@ inline bool has_nul(std::string_view text) {
     return text.find('\0') != std::string_view::npos;
 }
 
-/// A message that holds `request`, or nothing when it cannot be stored: half a request would be another one.
+/// A message that holds `request`, or nothing if it does not fit: a part would be a different request.
 inline std::optional<message> stored(std::string_view request) {
     message stored;
     if (!stored.write(request)) {
@@ -229,9 +233,9 @@ public:
     set() : epoll_(ks_epoll_create()) {}
 
     /// Sends a request as soon as its service invites it, inside wait().
-    /// @param tag       Comes back with the reply.
+    /// @param tag       Returned with the reply.
     /// @param extra_fd  Borrowed descriptor to hand over, or -1; kept open until the request has ended.
-    /// @return status::ok, or why nothing was sent. Waits while the service has too many connections to accept.
+    /// @return status::ok, or why nothing was sent. Blocks while the service's backlog is full, for 5 seconds at most.
     [[nodiscard]] status add(const std::string& service, const std::string& command, std::string_view request = {},
                              std::size_t tag = 0, int extra_fd = -1) {
         if (service.empty() || detail::has_nul(service) || detail::has_nul(command)) {
@@ -250,7 +254,7 @@ public:
         return static_cast<status>(code);
     }
 
-    /// Waits until one request has ended. @return Nothing when none did within `timeout`, or when there is none.
+    /// Waits until one request has ended. @return Nothing if none did within `timeout`, or if there is none.
     [[nodiscard]] std::optional<ended> wait(std::chrono::milliseconds timeout) {
         using std::chrono::steady_clock;
         const auto begin = steady_clock::now();
@@ -299,7 +303,7 @@ private:
     std::vector<in_flight> requests_;
 };
 
-/// One request as a service's handler has it. Ends with the handler: without a reply() the caller is hung up on.
+/// One request as a service's handler sees it. Ends with the handler: without a reply() its connection is closed.
 class request {
 public:
     request(const char* command, ks_io* io, int extra_fd) : command_(command), io_(io), extra_fd_(extra_fd) {}
@@ -312,17 +316,17 @@ public:
     }
 
     [[nodiscard]] const std::string& command() const noexcept { return command_; }
-    /// What the caller sent; until reply().
+    /// What the caller sent; valid until reply().
     [[nodiscard]] std::string text() const { return io_.text(); }
     /// The caller's extra descriptor, closed with this object; -1 = none.
     [[nodiscard]] int extra_fd() const noexcept { return extra_fd_; }
-    /// The caller, as the kernel knows it.
+    /// The caller's credentials, from the kernel.
     [[nodiscard]] pid_t pid() const { return ks_io_pid(io_.get()); }
     [[nodiscard]] uid_t uid() const { return ks_io_uid(io_.get()); }
     [[nodiscard]] gid_t gid() const { return ks_io_gid(io_.get()); }
     /// False once the caller has gone.
     [[nodiscard]] bool alive() const { return ks_io_alive(io_.get()) != 0; }
-    /// Answers; once. @return False and errno when the answer cannot be stored: the caller is then hung up on.
+    /// Sends the reply; once. @return False and errno if it cannot be stored: the connection is then closed.
     [[nodiscard]] bool reply(std::string_view text) {
         ks_io_realloc(io_.get(), 0);
         if (!io_.write(text)) {
@@ -349,16 +353,25 @@ public:
     service(const std::string& name, std::size_t workers, handler serve,
             unsigned mode = KS_STANDALONE | KS_PTHREAD_MODE)
         : serve_(std::make_unique<handler>(std::move(serve))), handle_(ks_create(name.c_str(), mode, workers, run)) {
-        // The library's callback has no argument of ours, but each worker's first step has one.
+        // The library's exec callback takes no argument of ours, but the init callback does.
         ks_worker_init(
             handle_.get(), [](void* argument) { current() = static_cast<const handler*>(argument); }, serve_.get());
     }
 
-    /// The object, for the functions of kservice.h; still owned. Its worker's first step (ks_worker_init()) is taken.
+    service(service&&) noexcept = default;
+    /// Ends the service that this was, as its end does.
+    service& operator=(service&& other) noexcept {
+        handle_ = std::move(other.handle_); // its workers end before their handler goes
+        serve_ = std::move(other.serve_);
+        return *this;
+    }
+    ~service() = default;
+
+    /// The object, for the functions of kservice.h; still owned. Its ks_worker_init() callback is in use.
     [[nodiscard]] ks_handle* get() const noexcept { return handle_.get(); }
 
     void start() { ks_start(get()); }   ///< See ks_start().
-    void stop() { ks_stop(get()); }     ///< See ks_stop(); also before the object goes.
+    void stop() { ks_stop(get()); }     ///< See ks_stop(); the destructor does it too.
     void pause() { ks_pause(get()); }   ///< See ks_pause().
     void resume() { ks_resume(get()); } ///< See ks_resume().
 
@@ -393,7 +406,7 @@ private:
         (*current())(asked);
     }
 
-    std::unique_ptr<handler> serve_; // outlives the workers, and stays where it is when this object moves
+    std::unique_ptr<handler> serve_; // outlives the workers; its address survives a move of this object
     std::unique_ptr<ks_handle, free_handle> handle_;
 };
 

@@ -1,16 +1,16 @@
-// The producer worker: accepts callers, keeps those that no consumer can take yet, hands each to an idle consumer,
-// turns callers away when the service is paused or its list is full, and restarts consumer processes that have died.
+// The producer worker: accepts callers, queues those that no consumer can take yet, hands each to an idle consumer,
+// rejects callers when the service is paused or its queue is full, and restarts consumer processes that have died.
 //
-// One thread; it alone touches the waiting list, the cursor, the idle marks and in_transit.
+// One thread; it alone touches the waiting queue, the cursor, the idle flags and in_transit.
 //
-// Ownership of a caller's connection: the waiting list's entry owns it; with the hand-over it is "in transit": the
-// consumer gets a descriptor of its own by message, and the number here stays open, noted in in_transit, until the
+// Ownership of a caller's connection: the waiting queue's entry owns it; with the hand-over it is "in transit": the
+// consumer receives its own descriptor by message, and the number here stays open, noted in in_transit, until the
 // consumer's echo says that its copy has arrived. A consumer that dies or stops in between never echoes; the number is
 // then closed by the restart or by the end of the run. A consumer has at most one caller in transit, since it reports
 // ready only after its echo.
 //
 // An event of a batch may concern an entry that an earlier event of the same batch has freed, or a link that it has
-// replaced: whoever does so takes the pointer out of the rest of the batch (forget).
+// replaced: so freeing or replacing removes the pointer from the rest of the batch (forget).
 #include "internal.h"
 
 #include <cerrno>
@@ -38,6 +38,7 @@ constexpr const char* kSetUp = "ks_producer_worker_init";
 
 struct waiting_caller {
     ks_queue queue; // first, so that the two pointers convert
+    uid_t user;     // who connected
     bool watched;   // registered in the producer's epoll
 };
 
@@ -50,7 +51,8 @@ struct producer {
     ks_handle* handle;
     ks_worker* own;            // the producer's table entry
     size_t cursor;             // where the next search for an idle consumer begins
-    size_t waiting;            // entries in the list
+    size_t waiting;            // entries in the list, see set_waiting()
+    const ks_queue* speaking;  // the waiting caller whose own readiness is being worked on, until it is freed
     int64_t accept_retry_at;   // 0, or when a listening socket muted for want of descriptors is tried again
     epoll_event batch[kBatch]; // the events being worked through
     int batch_next;
@@ -70,11 +72,20 @@ void forget(producer* p, const ks_queue* entry) {
             p->batch[i].data.ptr = nullptr;
         }
     }
+    if (p->speaking == entry) {
+        p->speaking = nullptr;
+    }
 }
 
 void hang_up(int fd) {
     (void)shutdown(fd, SHUT_RDWR);
     close(fd);
+}
+
+// The consumers look at it too, see wait_for_caller().
+void set_waiting(producer* p, size_t count) {
+    p->waiting = count;
+    __atomic_store_n(p->self->waiting, count, __ATOMIC_RELAXED);
 }
 
 // Takes the entry out of the epoll, the list and the batch, and frees it. The connection stays open.
@@ -85,7 +96,7 @@ void unlist(producer* p, ks_queue* entry) {
     }
     entry->prev->next = entry->next;
     entry->next->prev = entry->prev;
-    --p->waiting;
+    set_waiting(p, p->waiting - 1);
     forget(p, entry);
     free(caller);
 }
@@ -127,11 +138,10 @@ void restart_consumer(producer* p, ks_worker* worker, int status) {
 }
 
 // Hands the first waiting caller to `worker`, which is idle.
-// `spoke` is the waiting caller whose own readiness brought us here, or NULL.
-void hand_over(producer* p, ks_worker* worker, const ks_queue* spoke) {
+void hand_over(producer* p, ks_worker* worker) {
     ks_queue* first = p->own->queue.next;
     const int fd = first->sockfd;
-    const bool spoke_itself = first == spoke;
+    const bool spoke_itself = first == p->speaking;
     directive transfer = make_directive(KS_DIRECTIVE_TRANSFER);
     const int32_t number = fd;
     memcpy(transfer.data, &number, sizeof(number));
@@ -146,38 +156,80 @@ void hand_over(producer* p, ks_worker* worker, const ks_queue* spoke) {
     }
     unlist(p, first);
     if (!announced) {
-        hang_up(fd); // the consumer has heard of nothing; a dead link says so itself
+        hang_up(fd); // the consumer has received nothing; a dead link is reported by itself
         return;
     }
     worker->idle = 0;
     p->self->consumers[worker->index].in_transit = fd;
     if (spoke_itself) {
         (void)shutdown(fd, SHUT_RDWR);
-        // The echo closes this number once more. The epoll's duplicate keeps it taken until then, so that no descriptor
-        // of somebody else's can come to stand there.
+        // The echo closes this number once more. The epoll's duplicate keeps it taken until then, so that nobody else's
+        // descriptor can get it.
         (void)dup3(p->own->pollfd, fd, O_CLOEXEC);
     }
 }
 
-void dispatch(producer* p, const ks_queue* spoke) {
-    if (p->waiting == 0) {
-        return;
-    }
+// One event can find several consumers free: a dead one is noticed here only, and then beside one that has just
+// reported ready. Whoever is passed over now would stay idle until the next event, so the search goes on while somebody
+// waits.
+void dispatch(producer* p) {
     const size_t begin = p->cursor;
-    do {
-        ks_worker* candidate = &p->handle->worker[p->cursor];
+    size_t at = begin;
+    while (p->waiting > 0) {
+        ks_worker* candidate = &p->handle->worker[at];
         if ((candidate->flags & KS_PROCESS_MODE) != 0) {
             int status = 0;
             if (waitpid(candidate->id.pid, &status, WNOHANG) != 0) {
                 restart_consumer(p, candidate, status);
             }
         }
-        p->cursor = (p->cursor + 1) % p->handle->service_size;
+        at = (at + 1) % p->handle->service_size;
         if (candidate->idle != 0) {
-            hand_over(p, candidate, spoke);
+            hand_over(p, candidate);
+            p->cursor = at;
+        }
+        if (at == begin) {
             return;
         }
-    } while (p->cursor != begin);
+    }
+}
+
+// Who connected; nobody's own id when the kernel does not tell.
+uid_t user_of(int fd) {
+    ucred peer = {0, (uid_t)-1, 0};
+    socklen_t size = sizeof(peer);
+    (void)getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &size);
+    return peer.uid;
+}
+
+// A full list is not one user's alone: while one holds more than half of it, another user's caller takes the place of
+// the newest of them. False = there is no such user, or the newcomer is his.
+bool make_room(producer* p, uid_t newcomer) {
+    const ks_queue* head = &p->own->queue;
+    uid_t user = newcomer; // the only one who can hold more than half, by Boyer and Moore's vote
+    size_t votes = 0;
+    for (ks_queue* each = head->next; each != head; each = each->next) {
+        const uid_t voter = caller_of(each)->user;
+        if (votes == 0) {
+            user = voter;
+        }
+        votes = voter == user ? votes + 1 : votes - 1;
+    }
+    size_t held = 0;
+    ks_queue* newest = nullptr;
+    for (ks_queue* each = head->next; each != head; each = each->next) {
+        if (caller_of(each)->user == user) {
+            newest = each;
+            ++held;
+        }
+    }
+    if (user == newcomer || held <= p->waiting / 2) {
+        return false;
+    }
+    const int fd = newest->sockfd;
+    unlist(p, newest);
+    turn_away(fd, KS_DIRECTIVE_BUSY);
+    return true;
 }
 
 void accept_caller(producer* p) {
@@ -199,7 +251,7 @@ void accept_caller(producer* p) {
         turn_away(fd, KS_DIRECTIVE_PAUSED);
         return;
     }
-    if (p->waiting > kMaxWaiting) {
+    if (p->waiting > kMaxWaiting && !make_room(p, user_of(fd))) {
         turn_away(fd, KS_DIRECTIVE_BUSY);
         return;
     }
@@ -216,13 +268,14 @@ void accept_caller(producer* p) {
     entry->prev = head->prev;
     head->prev->next = entry;
     head->prev = entry;
-    ++p->waiting;
+    set_waiting(p, p->waiting + 1);
     // Nearly always a consumer is idle and the caller leaves the list at once; only one that has to stay is watched.
     // The list is in arrival order, so the newcomer is the last entry, if it is still there.
-    dispatch(p, nullptr);
+    dispatch(p);
     if (p->waiting == 0 || head->prev != entry) {
         return;
     }
+    caller->user = user_of(fd);
     caller->watched = watch(p, EPOLL_CTL_ADD, entry, kWatched);
     if (!caller->watched) {
         remove_caller(p, entry);
@@ -264,18 +317,18 @@ void hear_consumer(producer* p, ks_queue* link) {
         }
         p->handle->worker[index].idle = 1;
     }
-    dispatch(p, nullptr);
+    dispatch(p);
 }
 
-// A waiting caller spoke. What it said stays unread for the consumer; so that it is not reported without end, only its
-// hang-up is watched from now on. Nothing is missed by that: whenever a consumer turns idle, a dispatch follows.
+// A waiting caller sent something. It stays unread for the consumer; to avoid endless events, only its hang-up is
+// watched from now on. Nothing is missed by that: whenever a consumer becomes idle, a dispatch follows.
 void hear_caller(producer* p, ks_queue* entry) {
-    const bool first = p->own->queue.next == entry;
-    const size_t waiting = p->waiting;
-    dispatch(p, entry);
-    if (first && p->waiting < waiting) {
+    p->speaking = entry;
+    dispatch(p);
+    if (p->speaking == nullptr) {
         return; // it has been handed over, and freed
     }
+    p->speaking = nullptr;
     if (!watch(p, EPOLL_CTL_MOD, entry, 0)) { // errors and hang-ups are always reported
         remove_caller(p, entry);
     }

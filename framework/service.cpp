@@ -4,13 +4,13 @@
 //
 //   ks_start()   opens the listening socket and the worker table, starts the consumers, runs the producer loop (in a
 //                thread of its own with KS_STANDALONE).
-//   ks_stop()    withdraws the socket, sets `stopping`, wakes the producer by shutting the listening socket down, and
+//   ks_stop()    removes the socket, sets `stopping`, wakes the producer by shutting down the listening socket, and
 //                waits until the run is over. It closes, joins and frees nothing itself: closing an epoll descriptor
-//                would not wake its waiter, and the number could be somebody else's a moment later.
+//                would not wake its waiter, and the number could be reused a moment later.
 //   end_run()    is for the thread that ran the producer loop: it tells each consumer to stop, waits for it, closes
-//                every descriptor and takes the table away. Nobody else touches the table any more, so nothing is read
-//                after it is freed, closed twice or waited for twice, however many threads call ks_stop(). The run is
-//                over then; the memory and the consumers' threads follow.
+//                every descriptor and detaches the table. Nobody else touches the table by then, so nothing is read
+//                after it is freed, closed twice or waited for twice, however many threads call ks_stop(). Then the
+//                run is over; the memory and the consumers' threads follow.
 //   the thread   of the producer, with KS_STANDALONE, is joined by the next ks_start() or by ks_free().
 //
 // ks_stop() may come while ks_start() is still setting up: the service then ends as soon as it is up. It may also come
@@ -32,6 +32,7 @@
 #include <cstring>
 #include <regex.h>
 #include <span>
+#include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -91,11 +92,13 @@ void begin_run(service* self) {
     const size_t entries = handle->service_size + 1;
     ks_worker* table = nullptr;
     service::consumer* consumers = nullptr;
+    void* const waiting =
+        mmap(nullptr, sizeof(*self->waiting), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
     if (entries != 0) {
         table = static_cast<ks_worker*>(calloc(entries, sizeof(ks_worker)));
         consumers = static_cast<service::consumer*>(calloc(entries, sizeof(service::consumer)));
     }
-    KS_REQUIRE_IN("ks_start", table != nullptr && consumers != nullptr,
+    KS_REQUIRE_IN("ks_start", table != nullptr && consumers != nullptr && waiting != MAP_FAILED,
                   "(service_handle->worker = calloc(service_option->service_size + 1, sizeof(ks_worker)))",
                   "alloc worker memory fail");
     ks_worker* worker = table;
@@ -104,6 +107,7 @@ void begin_run(service* self) {
     }
     locked guard(self);
     self->consumers = consumers;
+    self->waiting = static_cast<size_t*>(waiting);
     __atomic_store_n(&handle->worker, table, __ATOMIC_RELEASE);
 }
 
@@ -116,9 +120,10 @@ void end_run(service* self) {
     }
     const std::span workers(handle->worker, handle->service_size);
     const std::span consumers(self->consumers, handle->service_size);
+    size_t* const waiting = self->waiting;
     ks_worker* const producer = &handle->worker[handle->service_size];
     const bool threads = (handle->mode & KS_PTHREAD_MODE) != 0;
-    close_and_clear(&producer->sockfd[1]); // first: whoever calls from now on is refused, and does not wait in vain
+    close_and_clear(&producer->sockfd[1]); // first: new callers get ECONNREFUSED at once and do not wait in vain
     close_and_clear(&producer->pollfd);
     for (const ks_worker& each : workers) {
         (void)send_directive(each.sockfd[1], make_directive(KS_DIRECTIVE_STOP)); // fails when it is gone already
@@ -158,12 +163,13 @@ void end_run(service* self) {
             pthread_join(each.id.tid, nullptr);
         }
     }
+    munmap(waiting, sizeof(*waiting));
     free(consumers.data());
     free(workers.data());
 }
 
 // Whether this process has started the service. Not its parent: the lock may have been held when it forked, its waiters
-// are no threads of ours, and its socket and descriptors are not ours to take away.
+// are not our threads, and its socket and descriptors are not ours to remove.
 bool is_ours(const service* self) {
     return __atomic_load_n(&self->owner, __ATOMIC_ACQUIRE) == getpid();
 }
@@ -238,7 +244,7 @@ void serve_in_this_thread(service* self) {
     end_run(self);
 }
 
-// Takes the socket's name away and wakes the producer. The socket is not touched while open_producer() is still at it,
+// Removes the socket's name and wakes the producer. The socket is not touched while open_producer() is still running,
 // which would find its file gone: ks_start() then does this itself.
 void withdraw(service* self) {
     if (self->published) {
@@ -388,6 +394,7 @@ void ks_stop(ks_handle* handle) {
         }
     }
     if (first) {
+        (void)ks::claim_zero();
         close(STDIN_FILENO); // KEPT: the first socket of the producer's entry, never assigned and so 0
     }
     locked guard(self);

@@ -65,7 +65,7 @@ void* consumer_thread(void* argument) {
     const auto* start = static_cast<const service::consumer*>(argument);
     service* self = start->self;
     engage_thread(self);
-    run_consumer(start->worker);
+    run_consumer(start->worker, self->waiting);
     locked guard(self);
     --self->running;
     guard.wake_all();
@@ -110,7 +110,7 @@ void close_from(int first) {
     if (getppid() != parent) {
         _exit(0); // the parent died before it could have taken us along
     }
-    run_consumer(worker);
+    run_consumer(worker, self->waiting);
     const signals_blocked for_good; // a handler may know the handle
     free(self->handle.worker);
     free(self->consumers);

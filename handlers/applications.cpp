@@ -27,7 +27,7 @@ struct install_request {
 };
 
 // The member as text, "" when it is not there.
-// @return False for an array or an object, which are no text; numbers and booleans are.
+// @return False for an array or an object, which cannot become text; numbers and booleans can.
 bool take_text(const Json::Value& request, const char* key, std::string* ret_text) {
     const Json::Value member = request.get(key, "");
     if (!member.isConvertibleTo(Json::stringValue)) {
@@ -53,7 +53,7 @@ bool take_install_request(handler_call& call, const ks_io* io, install_request* 
     return true;
 }
 
-// The arguments out of an agent request. @return False when they are no list of texts; an absent list is an empty one.
+// The arguments of an agent request. @return False if they are not a list of strings; a missing list is an empty one.
 bool read_agent_request(const std::string& text, std::vector<std::string>* ret_arguments) {
     Json::Value request;
     if (!json_parse(text, &request) || !request.isObject()) {
@@ -93,7 +93,7 @@ int hos_install_app_handler(ks_io* io, int /*fd*/) {
     const std::string output = run.output.read_all();
     if (run.status != 0) {
         dbg_printf2("[%s][%d] exec %s failed, ret_out=[%s]", __func__, __LINE__, script.c_str(), output.c_str());
-        (void)run.output.release(); // KEPT: the file stays for whoever looks into it, and the caller gets no reply
+        (void)run.output.release(); // KEPT: the file stays for inspection, and the caller gets no reply
         return 0;
     }
     dbg_printf2("[%s][%d] exec %s succ, ret_out=[%s]", __func__, __LINE__, script.c_str(), output.c_str());

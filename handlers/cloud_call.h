@@ -1,4 +1,4 @@
-// What the handlers of the cloud account and of the cloud tunnel have in common, beyond the template.
+// What the cloud-account and cloud-tunnel handlers share, beyond the template.
 #ifndef VEXPROD_HANDLERS_CLOUD_CALL_H
 #define VEXPROD_HANDLERS_CLOUD_CALL_H
 
@@ -8,13 +8,13 @@
 #include <string>
 #include <vector>
 
-/// handler_call::take(), except that every refusal reads "paser fail".
-/// KEPT: so does a text that is not JSON, traced as usual; clients of these commands know no "input error".
+/// handler_call::take(), except that every rejection reads "paser fail".
+/// KEPT: even for a text that is not JSON, traced as usual; clients of these commands know no "input error".
 [[nodiscard]] bool take_cloud_keys(handler_call& call, std::initializer_list<request_key> keys,
                                    handler_call::location where = handler_call::location::current());
 
-/// Runs the tool and answers with all that it printed: "result_out" in Base64, "cli_ret" and "result" 0; or, when it
-/// failed, the handler's failure. A temporary file that cannot be removed is traced and does not change the reply.
+/// Runs the tool and replies with all its output: "result_out" in Base64, "cli_ret" and "result" 0; or, if it failed,
+/// the handler's failure. A temporary file that cannot be removed is traced and does not change the reply.
 void reply_cloud_tool(handler_call& call, const char* path, std::vector<std::string> arguments,
                       handler_call::location where = handler_call::location::current());
 

@@ -1,4 +1,4 @@
-// Files that the daemon writes where others may have put something before.
+// Files that the daemon writes where others may have planted something.
 #ifndef VEXPROD_HANDLERS_FRESH_FILE_H
 #define VEXPROD_HANDLERS_FRESH_FILE_H
 
@@ -6,10 +6,10 @@
 
 #include <sys/types.h>
 
-/// Removes what stands at `path`, then creates a file of its own there and opens it for writing. Whatever was planted
-/// at the name (a link, a file that somebody else owns or holds open) neither receives the content nor lends its mode.
-/// Of a few callers at once each gets a file; the name is that of the last.
-/// @return Nothing and errno when the file cannot be created.
+/// Removes what is at `path`, then creates a new file there and opens it for writing. Whatever was planted at the name
+/// (a link, a file that somebody else owns or holds open) neither receives the content nor determines the mode.
+/// Concurrent callers each get a file; the last one's keeps the name.
+/// @return Nothing and errno if the file cannot be created.
 unique_fd create_anew(const char* path, mode_t mode);
 
 #endif

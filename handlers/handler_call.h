@@ -9,8 +9,8 @@
 //         return call.send();
 //     }
 //
-// A handler without parameters does not call take(). One that departs from the template says so in its own code, by
-// what it does in place of take() and finish(); the template has no modes.
+// A handler without parameters does not call take(). One that deviates from the template does so in its own code, in
+// place of take() and finish(); the template has no modes.
 #ifndef VEXPROD_HANDLERS_HANDLER_CALL_H
 #define VEXPROD_HANDLERS_HANDLER_CALL_H
 
@@ -32,10 +32,10 @@ struct request_key {
     const char* type; ///< The type word of parser_param_from_json_str().
 };
 
-/// One run of a handler. Owns the reply; `io` stays the dispatch's.
+/// One run of a handler. Owns the reply; the dispatch owns `io`.
 class handler_call {
 public:
-    /// The handler's own source line, for its traces. (std::source_location is more than clang-tidy 14 can read.)
+    /// The handler's source line, for its traces. (clang-tidy 14 cannot parse std::source_location.)
     struct location {
         int line;
         static location current(int line = __builtin_LINE()) { return {line}; }
@@ -46,7 +46,7 @@ public:
     handler_call(const handler_call&) = delete;
     handler_call& operator=(const handler_call&) = delete;
 
-    /// Parses the request, then takes every key in order; all are tried even after one failed.
+    /// Parses the request, then takes every key in order; all are tried even after a failure.
     /// @return True with all destinations set. False with the rejection in the reply: "input error" for a text that is
     ///         not JSON, "paser fail" (clients match on the spelling) for a key that is missing or of another type.
     [[nodiscard]] bool take(std::initializer_list<request_key> keys, location where = location::current());
@@ -60,11 +60,11 @@ public:
     /// Sets "error_msg" and "error_code".
     void reject(const std::string& message, int error_code = -1);
 
-    /// The reply object; a handler sets only the keys that its path reaches.
+    /// The reply object; a handler sets only the keys that it reaches.
     [[nodiscard]] Json::Value& reply() { return reply_; }
     [[nodiscard]] const char* function() const { return function_; }
 
-    /// Serialises the reply and sends it, if the caller still waits. @return 0, for the handler to return.
+    /// Serialises the reply and sends it if the caller still waits. @return 0, for the handler to return.
     int send();
 
 private:

@@ -1,8 +1,8 @@
-// Every command's handler. commands.inc tells which file each is in.
+// Every command's handler. commands.inc says which file each is in.
 //
-// A handler answers one request: it reads the request's text from `io`, acts on the host and replies through `io`,
-// which stays its caller's (the dispatch frees it afterwards). `fd` is the descriptor that the client passed, already
-// made the process's standard output, or -1; no handler reads it. The return value is not used.
+// A handler serves one request: it reads the request's text from `io`, acts on the host and replies through `io`,
+// which the dispatch frees afterwards. `fd` is the descriptor that the client passed, already the process's standard
+// output, or -1; no handler reads it. The return value is ignored.
 #ifndef VEXPROD_HANDLERS_HANDLERS_H
 #define VEXPROD_HANDLERS_HANDLERS_H
 

@@ -1,4 +1,4 @@
-// The host's fixed paths and names, each once. The few that util/ or tools/ need as well stand in host_config.h.
+// The host's fixed paths and names, each once. The few that util/ or tools/ also need are in host_config.h.
 #ifndef VEXPROD_HANDLERS_HOST_PATHS_H
 #define VEXPROD_HANDLERS_HOST_PATHS_H
 
@@ -13,7 +13,7 @@ inline constexpr const char* kControlPanelConfig = "/etc/kos.ui.cp.conf";
 inline constexpr const char* kPlatformConfig = "/etc/platform.conf";
 inline constexpr const char* kGenericModelMark = "/etc/IS_G"; ///< Exists on generic models.
 
-// Mails: the folder that callers fill, the host's mail program, and what the last run leaves behind.
+// Mail: the folder that callers fill, the host's mail program, and what the last run leaves behind.
 inline constexpr const char* kMailSpool = "/tmp/vexsurveillance_sendmail";
 inline constexpr const char* kMailProgram = "/usr/sbin/sendmail";
 inline constexpr const char* kMailLog = "/tmp/.vexsurveillance_log/sendmail.log";

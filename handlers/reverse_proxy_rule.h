@@ -1,4 +1,4 @@
-// One rule of the reverse proxy and the virtual host that it becomes.
+// One rule of the reverse proxy and the virtual host generated from it.
 #ifndef VEXPROD_HANDLERS_REVERSE_PROXY_RULE_H
 #define VEXPROD_HANDLERS_REVERSE_PROXY_RULE_H
 
@@ -7,11 +7,11 @@
 #include <cstdint>
 #include <string>
 
-/// What all TLS rules have in common, taken from the host once per request.
+/// The settings shared by all TLS rules, read from the host once per request.
 struct tls_settings {
     std::string ciphers;
     std::string protocols;
-    bool has_chain = false; ///< Whether the host has the file of a certificate authority.
+    bool has_chain = false; ///< Whether the host has a certificate authority's file.
 };
 tls_settings host_tls_settings();
 
@@ -24,11 +24,11 @@ struct proxy_rule {
     std::string host_name; ///< The back end's name or address.
 };
 
-/// Takes a rule out of a request's object. Throws the JSON library's error for a member of the wrong kind, and for
-/// ports that are missing or no numbers.
+/// Reads a rule from a request's object. Throws the JSON library's error for a member of the wrong type, and for ports
+/// that are missing or not numbers.
 proxy_rule take_proxy_rule(const Json::Value& rule);
 
-/// @return The rule as the web server reads it.
+/// @return The rule as web-server configuration.
 std::string proxy_rule_text(const proxy_rule& rule, const tls_settings& tls);
 
 #endif

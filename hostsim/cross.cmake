@@ -7,6 +7,7 @@ ExternalProject_Add(hostsim_programs
     PREFIX "${CMAKE_BINARY_DIR}/hostsim-programs"
     SOURCE_DIR "${PROJECT_SOURCE_DIR}"
     CMAKE_ARGS -DCMAKE_BUILD_TYPE=${CMAKE_BUILD_TYPE} -DBUILD_TESTING=OFF -DVEXPROD_BENCH=OFF
+               -DVEXPROD_HOSTSIM=ON
     BUILD_COMMAND "${CMAKE_COMMAND}" --build <BINARY_DIR> --target ${programs}
     BUILD_ALWAYS ON
     # Where hostsim/enter looks for them.

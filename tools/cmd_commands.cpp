@@ -42,7 +42,7 @@ declaration declare() {
 
 const command cmd_commands = {
     "commands", "List the daemon's commands",
-    "Prints the service, the command's name and what it is for, as docs/commands.md has them.\n"
+    "Prints the service, the command's name and what it is for, as vexprod-commands(7) has them.\n"
     "The service is main (VexHubServer-vexprod) or mail (VexHubServer_send_mail-vexprod).",
     "ksctl commands --service mail", declare};
 

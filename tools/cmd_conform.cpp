@@ -59,7 +59,7 @@ declaration declare() {
 
 const command cmd_conform = {
     "conform", "Check a service or a client against the protocol",
-    "Prints one line for each rule, in the words of docs/protocol.md, and below a rule that is not kept what was\n"
+    "Prints one line for each rule, in the words of ks-protocol(7), and below a rule that is not kept what was\n"
     "seen instead. Ends with 0 when all are kept, else with 1.\n"
     "\n"
     "A client is run some twenty times, as WORDS SERVICE COMMAND REQUEST. It has to print the reply's bytes and end\n"

@@ -4,6 +4,7 @@
 #include "near_name.h"
 #include "service_socket.h"
 
+#include <algorithm>
 #include <memory>
 #include <sstream>
 #include <string>
@@ -123,10 +124,15 @@ int describe(const describe_options& options) {
         if (!service.empty() && each.service != service) {
             continue;
         }
-        names.push_back(each.name);
+        if (std::find(names.begin(), names.end(), each.name) == names.end()) { // services may share a name
+            names.push_back(each.name);
+        }
         if (each.name == options.command) {
             text += (text.empty() ? "" : "\n") + description(each);
         }
+    }
+    if (text.empty() && !service.empty()) {
+        return fail(kUsage, "%s", about_unknown_command(service, options.command).c_str());
     }
     if (text.empty()) {
         const std::string question = did_you_mean(near_names(options.command, names));
@@ -148,7 +154,7 @@ declaration declare() {
 const command cmd_describe = {
     "describe", "Tell all about one command",
     "Prints what the command is for, its keys with their types and defaults, what it runs on the host, an\n"
-    "example that can be pasted, and every other reply and what it means, as docs/commands.md has them.",
+    "example that can be pasted, and every other reply and what it means, as vexprod-commands(7) has them.",
     "ksctl describe get_sess_id", declare};
 
 } // namespace ksctl

@@ -32,7 +32,7 @@ namespace {
 namespace fs = std::filesystem;
 using std::chrono::steady_clock;
 
-constexpr const char* kRestart = "start vexprod; a start that ends at once is explained in docs/operations.md";
+constexpr const char* kRestart = "start vexprod; a start that ends at once is explained in vexprod(8)";
 constexpr int kNotifyQueue = 65521;
 constexpr int kEventQueue = 65522;
 constexpr size_t kFewDescriptors = 64;
@@ -210,7 +210,7 @@ void look_at_queue(report& findings, int key, const char* name) {
                                                  : ", only " + user(state.msg_perm.uid) + " may post";
     if (state.msg_qnum > 0 && !is_being_emptied(id, &state)) {
         findings.bad(subject, std::to_string(state.msg_qnum) + " records wait and none is taken; " + text,
-                     "see docs/events.md: the notification service may not answer, or a record that is too long may "
+                     "see vexprod-events(7): the notification service may not answer, or a record that is too long may "
                      "keep the others back; ipcrm -Q " +
                          std::to_string(key) + " drops them all, then restart vexprod");
         return;

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <cmath>
 #include <memory>
 #include <string>
 #include <thread>
@@ -26,6 +27,9 @@ struct wait_options {
 // than being told, and costs one system call each time.
 int wait_for(const wait_options& options) {
     constexpr std::chrono::milliseconds kInterval(20);
+    if (std::isnan(options.timeout_s)) { // which is in every range, and never over
+        return fail(kUsage, "--timeout: %g is no number (see ksctl wait --help)", options.timeout_s);
+    }
     if (!check_service_name(options.service)) {
         return kBadArgument;
     }

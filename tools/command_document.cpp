@@ -141,7 +141,7 @@ std::vector<documented_command> read_command_document(const std::string& text) {
     for (std::string line; std::getline(document, line);) {
         if (line.starts_with("## ")) {
             current = section_of(line);
-        } else if (line.starts_with("### `") && line.ends_with('`')) {
+        } else if (line.size() > 6 && line.starts_with("### `") && line.ends_with('`')) {
             commands.push_back({current.section, current.service, line.substr(5, line.size() - 6), "", {}, "", ""});
             items.emplace_back();
         } else if (!current.service.empty() && !commands.empty()) {

@@ -92,7 +92,7 @@ std::vector<candidate> requests(const documented_command& command, const std::st
 
 std::vector<candidate> argument(const std::string& kind, const reading& before, const std::string& typed) {
     const std::string service = before.arguments.empty() ? "" : before.arguments.front();
-    if (kind == "SERVICE") {
+    if (kind == "SERVICE" || kind == "WORDS") { // of conform
         return services();
     }
     if (kind == "COMMAND") {

@@ -1,4 +1,4 @@
-// What may stand where the cursor is in a command line of ksctl: for the shells, whose scripts in completions/ ask
+// Completion candidates at the cursor in a ksctl command line: for the shells' scripts in completions/, which run
 // "ksctl complete WORD…".
 #pragma once
 
@@ -22,10 +22,10 @@ struct subcommand_words {
     std::string name;
     std::string meaning;
     std::vector<option_words> options;
-    std::vector<std::string> arguments; ///< As the help calls them, in order: SERVICE, COMMAND, REQUEST.
+    std::vector<std::string> arguments; ///< As named in the help, in order: SERVICE, COMMAND, REQUEST.
 };
 
-/// @param words  What follows "ksctl" up to the cursor; the last one, which may be empty, is to be completed.
+/// @param words  The words after "ksctl" up to the cursor; the last one, which may be empty, is to be completed.
 /// @return Whole words that begin with it.
 std::vector<candidate> candidates(const std::vector<std::string>& words,
                                   const std::vector<subcommand_words>& subcommands);

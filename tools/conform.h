@@ -1,8 +1,8 @@
-// ksctl conform: holds what a service or a client says on its sockets against docs/protocol.md.
+// ksctl conform: checks what a service or a client sends on its sockets against docs/protocol.md.
 //
-// A check's name is the document's own sentence (the test suite looks it up there), so that a failure can be read where
-// the rule stands. conform_service.cpp plays a caller, conform_client.cpp a service; both speak the wire themselves, as
-// the library would not say anything wrong.
+// A check's name is the document's own sentence (the test suite looks it up there), so that a failure leads to the
+// rule. conform_service.cpp plays a caller, conform_client.cpp a service; both implement the wire protocol themselves,
+// as the library would never violate it.
 #pragma once
 
 #include "unique_fd.h"
@@ -23,7 +23,7 @@ public:
     /// `trouble` is what was seen instead; empty = the rule is kept.
     void add(const char* rule, const std::string& trouble);
     void skip(const char* rule, const std::string& why);
-    /// Prints the sum. @return The exit status: 0 when all checks passed that were made.
+    /// Prints the totals. @return The exit status: 0 if no check failed.
     int end();
 
 private:
@@ -35,16 +35,16 @@ private:
     bool printed_ = true; // so far
 };
 
-/// What one receive brought. No bytes = the connection has ended, or `silent`.
+/// The result of one receive. No bytes = the connection has ended, or `silent`.
 struct heard {
     std::string bytes;
     std::vector<unique_fd> descriptors;
     bool silent = false; ///< nothing came in time
 };
 
-/// How long the other side may take for a step. Set once, before the checks.
+/// Timeout for each step of the peer. Set once, before the checks.
 inline std::chrono::milliseconds patience{30000};
-/// How long silence is listened to where silence is the rule.
+/// How long to wait where the rule is that nothing arrives.
 constexpr std::chrono::milliseconds kListening{200};
 
 /// "`what`: `trouble`", if there is any.
@@ -56,20 +56,20 @@ heard hear(int socket, size_t size, std::chrono::milliseconds longest = patience
 std::string wrong_directive(const heard& message, uint8_t type);
 /// A whole directive.
 std::string make_directive(uint8_t type, uint8_t flags = 0, std::string_view data = "");
-/// Sends without SIGPIPE; that the other side has gone shows in what is heard next.
+/// Sends without SIGPIPE; that the peer is gone shows at the next receive.
 void send_bytes(int socket, std::string_view bytes);
 /// Sends one data byte with the descriptors, which may be none.
 void send_descriptors(int socket, const std::vector<int>& descriptors);
 /// The file's content, read without moving its offset.
 std::string content_of(int fd);
-/// A memory file with `text` in it and its offset at the end.
+/// A memory file that holds `text`, with its offset at the end.
 unique_fd memory_file(std::string_view text, unsigned flags = 0);
 
-/// Checks the service that listens at `path`. `command` with `request` has to be one that is answered.
-/// @param slow  Also the check that takes half a minute.
+/// Checks the service that listens at `path`, which must reply to `command` with `request`.
+/// @param slow  Also run the check that takes half a minute.
 int check_service(const std::string& path, const std::string& command, const std::string& request, bool slow);
-/// Checks the program: run with SERVICE, COMMAND and REQUEST after its own words it has to print the reply, and without
-/// one to end with another status than 0.
+/// Checks the program: run with SERVICE, COMMAND and REQUEST appended to its arguments, it must print the reply, or
+/// without one exit with a non-zero status.
 int check_client(const std::vector<std::string>& program);
 
 } // namespace ksctl::conform

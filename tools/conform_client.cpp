@@ -17,6 +17,7 @@
 #include <spawn.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -83,6 +84,11 @@ public:
                 break;
             }
             output->append(chunk.data(), static_cast<size_t>(count));
+        }
+        const unique_fd process(static_cast<int>(syscall(SYS_pidfd_open, pid_, 0))); // it may go on without its output
+        pollfd watched = {process.get(), POLLIN, 0};
+        if (process.ok() && TEMP_FAILURE_RETRY(poll(&watched, 1, static_cast<int>(patience.count()))) <= 0) {
+            return std::nullopt;
         }
         int status = 0;
         (void)waitpid(pid_, &status, 0);
@@ -256,7 +262,7 @@ std::string wrong_descriptor(const heard& message) {
 
 std::string wrong_memory_file(int fd, const std::string& request) {
     if (fcntl(fd, F_GET_SEALS) < 0) {
-        return "it is no file in memory";
+        return "it is not a memory file";
     }
     if ((fcntl(fd, F_GETFL) & O_ACCMODE) != O_RDWR) {
         return "it is not open for reading and writing";
@@ -289,7 +295,7 @@ void check_call(const client_under_test& client, report& checks) {
         checks.add("accepted: send the request", ended.trouble);
         return;
     }
-    checks.add("The caller says nothing before 7", early);
+    checks.add("The caller sends nothing before 7", early);
     std::string trouble = wrong_directive(seen.directive_seen, KS_DIRECTIVE_REQUEST);
     checks.add("It is sent whole in one call, and received whole", trouble);
     if (trouble.empty() &&
@@ -308,7 +314,7 @@ void check_call(const client_under_test& client, report& checks) {
                trouble);
     checks.add("The memory file comes first, always; the extra descriptor second, if the request's flags announce one.",
                file_trouble);
-    checks.add("After its descriptors it says nothing more", late);
+    checks.add("After its descriptors it sends nothing more", late);
     checks.add("passes the descriptor and leaves the file alone until the reply or the end of the connection", touched);
     checks.add("reads the file from 0 to its size, which is the reply's, with `pread` or `mmap`",
                ended.status == 0 && ended.output == kReply ? "" : "it did not print the reply and end with 0");
@@ -323,7 +329,7 @@ void check_edges(const client_under_test& client, report& checks) {
         command_sent = seen.directive_seen.bytes;
         reply(connection, seen, kReply);
     });
-    checks.add("256 bytes; longer ones arrive cut",
+    checks.add("256 bytes; longer ones arrive truncated",
                command_sent.size() == sizeof(directive) && command_sent.substr(2) == longest + '\0'
                    ? ""
                    : "a command of 256 bytes does not arrive whole");
@@ -413,7 +419,7 @@ void check_path(const client_under_test& client, report& checks) {
 } // namespace
 
 int check_client(const std::vector<std::string>& program) {
-    std::string folder = (std::filesystem::temp_directory_path() / "conform-XXXXXX").string();
+    std::string folder = "/tmp/conform-XXXXXX"; // $TMPDIR may be too long for a service's name
     if (mkdtemp(folder.data()) == nullptr) {
         return fail(kFailure, "cannot make %s: %s", folder.c_str(), strerror(errno));
     }

@@ -156,9 +156,12 @@ void check_answer(const service_under_test& service, report& checks) {
     made.pass({file.get()});
     const std::string reply = made.expect(KS_DIRECTIVE_REPLY);
     checks.add("the reply is complete", with(service.command.c_str(), made.trouble()));
-    const bool replied = made.trouble().empty();
-    const bool ended = replied && hear(made.get(), 1).bytes.empty();
-    checks.add("and shuts the connection down", replied && !ended ? "something came after 9" : made.trouble());
+    std::string trouble = made.trouble();
+    if (trouble.empty()) {
+        const heard after = hear(made.get(), 1);
+        trouble = after.silent ? "the connection stays open" : after.bytes.empty() ? "" : "something came after 9";
+    }
+    checks.add("and shuts the connection down", trouble);
     checks.add("Every message with a number above is a *directive* of exactly 259 bytes.", made.trouble());
     made.require(accepted == make_directive(KS_DIRECTIVE_ACCEPTED) && reply == make_directive(KS_DIRECTIVE_REPLY),
                  "a directive of the service has flags or data");
@@ -209,7 +212,7 @@ std::string seal_trouble(const service_under_test& service) {
 
 void check_files(const service_under_test& service, report& checks) {
     checks.add(
-        "The service refuses a file, by closing the connection, that is no file in memory: it has to come from `memfd_create`, or to stand on a `tmpfs` such as `/dev/shm`",
+        "The service refuses a file, by closing the connection, that is not a memory file: it must come from `memfd_create` or be on a `tmpfs` such as `/dev/shm`",
         memory_trouble(service));
 
     const unique_fd file = memory_file(service.request);
@@ -228,7 +231,7 @@ void check_files(const service_under_test& service, report& checks) {
         seal_trouble(service));
 
     const unique_fd huge = memory_file("");
-    (void)ftruncate(huge.get(), off_t{1} << 61);
+    (void)!ftruncate(huge.get(), off_t{1} << 61);
     checks.add("The service refuses a file, by closing the connection, that is not empty and cannot be mapped",
                with("2^61 bytes", file_trouble(service, huge.get(), false)));
 
@@ -285,7 +288,7 @@ void check_misuse(const service_under_test& service, report& checks, bool slow) 
     cut_off.say(make_directive(KS_DIRECTIVE_REQUEST).substr(0, sizeof(directive) - 1));
     cut_off.expect_end();
     checks.add(
-        "The connection ends without 9 when the request was none of the protocol: a directive of another type or length, a missing descriptor, a "
+        "The connection ends without 9 when the request violates the protocol: a directive of another type or length, a missing descriptor, a "
         "file that is refused",
         with("type 9", other_type.trouble()) + with("258 bytes", cut_off.trouble()));
 
@@ -296,7 +299,7 @@ void check_misuse(const service_under_test& service, report& checks, bool slow) 
     long_name.pass({file.get()});
     const heard answer = hear(long_name.get(), sizeof(directive));
     long_name.require(!answer.silent, "neither an answer nor an end");
-    checks.add("256 bytes; longer ones arrive cut", long_name.trouble());
+    checks.add("256 bytes; longer ones arrive truncated", long_name.trouble());
 
     (void)caller(service.path); // each leaves at once
     (void)invited(service);

@@ -5,7 +5,7 @@
 
 namespace ksctl {
 
-/// The package's folder, as the package registry says. @return Nothing when it does not.
+/// The package's folder according to the package registry. @return Nothing if not there.
 std::string install_path();
 
 /// The daemon's log; without an install path a text that says where to find it.

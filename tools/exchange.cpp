@@ -82,7 +82,10 @@ outcome exchange(const std::string& given_service, const std::string& command, u
     const unsigned allowed_s = std::max(timeout_s, kShortestTimeoutS);
     const auto deadline = timeout_s == kNoTimeout ? steady_clock::time_point::max()
                                                   : steady_clock::now() + std::chrono::seconds(allowed_s);
-    unsigned code = ks_epoll_call(epoll.get(), service.c_str(), command.c_str(), request.get(), passfd);
+    unsigned code = KS_OK;
+    do { // connecting alone times out earlier
+        code = ks_epoll_call(epoll.get(), service.c_str(), command.c_str(), request.get(), passfd);
+    } while (code == KS_TIMEOUT && steady_clock::now() < deadline);
     if (code == KS_NO_SERVICE) {
         const int error = errno;
         return {kNoService,

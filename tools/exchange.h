@@ -1,6 +1,6 @@
-// One call with all that can become of it. ks_call() has the same steps, but does not tell a connection that failed
-// before the service took the request from one that ended without a reply afterwards; for a caller that wants to try
-// again this is the difference that matters.
+// One call with all its outcomes. ks_call() has the same steps, but does not distinguish a connection that failed
+// before the service took the request from one that ended afterwards without a reply; to a caller that wants to retry
+// that difference matters.
 #pragma once
 
 #include "scoped.h"
@@ -10,7 +10,7 @@
 
 namespace ksctl {
 
-/// Below this the library's own calls do not go, and neither do these, unless they wait without a limit.
+/// The minimum of the library's calls, and of these unless they wait without limit.
 constexpr unsigned kShortestTimeoutS = 5;
 constexpr unsigned kNoTimeout = 0;
 
@@ -21,17 +21,17 @@ struct outcome {
     unique_io reply;   ///< Null without a reply.
 };
 
-/// Writes all of `text` into the memory file. @return False and errno when it does not take it all: then it must not be
-/// sent, as half a text can be read as another one.
+/// Writes all of `text` into the memory file. @return False and errno if it does not fit: it must then not be sent, as
+/// a truncated text may read as a different one.
 [[nodiscard]] bool write_all(ks_io* io, std::string_view text);
 
-/// A new request that holds `payload`. @return Null and errno when the memory file does not take it all.
+/// A new request that holds `payload`. @return Null and errno if that does not fit into the memory file.
 unique_io make_request(std::string_view payload);
 
 /// Calls `service` and waits.
 /// @param service    May be an alias.
 /// @param request    Taken over.
-/// @param timeout_s  Raised to kShortestTimeoutS; kNoTimeout waits for ever.
+/// @param timeout_s  At least kShortestTimeoutS; kNoTimeout waits for ever.
 /// @param passfd     Borrowed descriptor to hand over, or -1.
 outcome exchange(const std::string& service, const std::string& command, unique_io request, unsigned timeout_s,
                  int passfd);

@@ -14,7 +14,7 @@ namespace ksctl {
 namespace {
 
 bool is_failure(const Json::Value& value) {
-    return value.isNumeric() && value != 0;
+    return value.isNumeric() && value.asDouble() != 0;
 }
 
 std::string quoted(const std::string& text) {

@@ -1,4 +1,4 @@
-// Names that somebody may have meant.
+// Suggestions for misspelt names.
 #pragma once
 
 #include <string>
@@ -7,13 +7,12 @@
 
 namespace ksctl {
 
-/// Those of `names` that come nearest to `given`, in their order: case and the separators "_" and "-" do not count.
-/// Nearest are the names that differ by the fewest letters left out, put in or replaced, two at most and no more than
-/// half of them; if there are none, the names that begin with `given`; if there are none, those that contain it, and
-/// those that it contains. @return Nothing when none is near.
+/// Those of `names` nearest to `given`, in their order, ignoring case and the separators "_" and "-": the names at the
+/// smallest edit distance, at most two and at most half of the letters; if there are none, the names that begin with
+/// `given`; if there are none, those that contain it, and those that it contains. @return Nothing if none is near.
 std::vector<std::string> near_names(std::string_view given, const std::vector<std::string>& names);
 
-/// "did you mean A, B or C?"; of more than three the number. @return Nothing for no names.
+/// "did you mean A, B or C?"; beyond three, their number. @return Nothing for no names.
 std::string did_you_mean(const std::vector<std::string>& names);
 
 } // namespace ksctl

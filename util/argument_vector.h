@@ -17,7 +17,7 @@ public:
         }
         pointers_.push_back(nullptr);
     }
-    // A move takes the vectors' blocks along, and with them the strings that pointers_ points into.
+    // A move keeps the vectors' blocks, and so the strings that pointers_ points into.
     argument_vector(argument_vector&&) noexcept = default;
     argument_vector& operator=(argument_vector&&) noexcept = default;
     argument_vector(const argument_vector&) = delete;

@@ -27,7 +27,7 @@ struct child_orders {
 
 constexpr int kFirstForbiddenFd = STDERR_FILENO + 1;
 
-// The number that a directory entry's name spells, or -1. strtol() is no call for this place.
+// A directory entry's name as a number, or -1. strtol() is not safe to call here.
 int descriptor_number(const char* name) noexcept {
     int number = 0;
     for (; *name != '\0'; ++name) {

@@ -1,7 +1,7 @@
 // The process environment, shared safely between threads.
 //
-// The C library's environment may be moved and freed by setenv() while another thread walks it. All code of the daemon
-// that changes the environment, or walks it, therefore goes through here, under one mutex. The runner takes its copy
+// setenv() may move and free the C library's environment while another thread iterates over it. All daemon code that
+// changes or iterates over the environment therefore goes through here, under one mutex. The runner takes its copy
 // before it makes a child, so that the child itself neither locks nor allocates.
 #ifndef VEXPROD_UTIL_ENVIRONMENT_H
 #define VEXPROD_UTIL_ENVIRONMENT_H
@@ -17,9 +17,9 @@ int environment_set(const char* name, const char* value);
 /// unsetenv(3). @return 0, or -1 and errno. Any thread.
 int environment_unset(const char* name);
 
-/// Keeps the environment as it is while held, for library calls that read it (tzset()).
-/// @return The lock, or one that owns nothing when the environment is being changed this moment: a caller that may run
-///         in a signal handler must not wait for a thread that it has interrupted.
+/// Keeps the environment unchanged while held, for library calls that read it (tzset()).
+/// @return The lock, or an empty one if the environment is just being changed: a caller that may run in a signal
+///         handler must not wait for the thread that it has interrupted.
 std::unique_lock<std::mutex> environment_try_lock();
 
 /// A copy of an environment in the form that execve() takes. Immutable, may be read after any later change.
@@ -27,7 +27,7 @@ class environment_snapshot {
 public:
     /// No variables at all.
     static environment_snapshot empty() noexcept { return {}; }
-    /// The process's variables of this moment, less the one called `name`. Throws std::bad_alloc.
+    /// The process's current variables, except `name`. Throws std::bad_alloc.
     static environment_snapshot own_without(std::string_view name);
 
     /// NULL-terminated, valid as long as this object.
@@ -46,7 +46,7 @@ private:
     environment_snapshot() = default;
 
     std::vector<char> text_;      ///< The entries, one after another, each with its NUL.
-    std::vector<char*> pointers_; ///< Into text_, and the null; nothing at all without variables.
+    std::vector<char*> pointers_; ///< Into text_, then the null; empty without variables.
 };
 
 #endif

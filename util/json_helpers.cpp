@@ -13,7 +13,7 @@
 
 namespace {
 
-// The member, or null when it is not there or `root` is no object: the library throws when one asks a number for a key.
+// The member, or null if it is missing or `root` is not an object: the library throws when a number is asked for a key.
 const Json::Value& member_of(const Json::Value& root, const char* key) {
     return root.isObject() ? root[key] : Json::Value::nullSingleton();
 }

@@ -1,6 +1,5 @@
-// Requests and replies as JSON. The library's reader and writers of the old interface are used by json_helpers.cpp
-// alone: what clients see (the reply's layout, the texts that still parse) is theirs. Nothing here throws on any
-// request.
+// Requests and replies as JSON. Only json_helpers.cpp uses the library's deprecated reader and writers: they define
+// what clients see (the reply's layout, the texts that still parse). Nothing here throws on any request.
 #ifndef VEXPROD_UTIL_JSON_HELPERS_H
 #define VEXPROD_UTIL_JSON_HELPERS_H
 
@@ -14,39 +13,39 @@
 /// Longest request text that is read, in bytes. Requests are a few hundred bytes; mails are the largest.
 inline constexpr std::size_t kRequestLimitBytes = std::size_t{16} * 1024 * 1024;
 
-/// Copies the request out of `io`, once: up to its first NUL byte or its end. The mapping is not touched, as a caller
-/// may truncate its file at any moment, and every later look at the copy sees the same text.
-/// @return The text; empty without one, when it cannot be read, and when it is longer than kRequestLimitBytes. A file
-///         that is merely long is read no further than its first NUL, so a hole costs nothing.
+/// Copies the request out of `io`, once: up to its first NUL byte or its end. The mapping is not used, as a caller may
+/// truncate its file at any moment, and the copy never changes.
+/// @return The text; empty without one, if it cannot be read, and if it is longer than kRequestLimitBytes. A longer
+///         file is read no further than its first NUL, so a hole costs nothing.
 std::string request_text(const ks_io* io);
 
 /// Parses JSON (comments are allowed and kept).
 /// @param ret_root  Untouched on failure.
-/// @return False for whatever the library refuses, too deep a nesting included.
+/// @return False for whatever the library rejects, including too deep nesting.
 bool json_parse(const std::string& text, Json::Value* ret_root);
 
-/// The same by the library's newer reader, whose rules and error texts a few commands have.
+/// The same with the library's newer reader, whose rules and error texts a few commands use.
 /// @param ret_error  Receives the library's description of the failure; may be null.
 bool json_parse_stream(const std::string& text, Json::Value* ret_root, std::string* ret_error);
 
-/// @return `value` without indentation, keys sorted, and a line feed: the form of all replies but one.
+/// @return `value` without indentation, keys sorted, and a newline: the form of all replies but one.
 std::string json_write_compact(const Json::Value& value);
-/// @return `value` as the newer writer's defaults give it: indented by a tab, no line feed at the end.
+/// @return `value` with the newer writer's defaults: indented by tabs, no final newline.
 std::string json_write_stream(const Json::Value& value);
 
-/// Names the type of `root`'s member `key`: "string", "int" (fits 32 bits), "long" (any other whole number), "bool",
-/// "double" or, for everything else and for a member that is not there, "Others".
+/// Names the type of `root`'s member `key`: "string", "int" (fits 32 bits), "long" (any other integer), "bool",
+/// "double" or, for everything else and for a missing member, "Others".
 void get_json_type(const Json::Value& root, const char* key, std::string* ret_type);
 
-/// Takes one parameter out of a request.
-/// @param out   Where it goes, by `type`: "string" std::string, "int" int32_t, "long" int64_t, "bool" int32_t (1 or 0).
+/// Reads one parameter of a request.
+/// @param out   Destination, by `type`: "string" std::string, "int" int32_t, "long" int64_t, "bool" int32_t (1 or 0).
 ///              Untouched on failure.
-/// @param fail  Set to true when the member is missing, null or not of that type, or the type word is none of the four;
+/// @param fail  Set to true if the member is missing, null or not of that type, or the type word is none of the four;
 ///              never cleared, so that a caller tests it once after all its keys.
 void parser_param_from_json_str(const Json::Value& root, const char* key, void* out, const char* type, bool* fail);
 
-/// Replaces the request in `io` by `text` and tells the caller that its reply is complete. A caller that is gone gets
-/// nothing, and nothing is reported.
+/// Replaces the request in `io` with `text` and tells the caller that its reply is complete. If the caller is gone,
+/// nothing is sent or reported.
 void ks_reply_json(const std::string& text, ks_io* io);
 
 #endif

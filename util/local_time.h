@@ -4,8 +4,8 @@
 
 #include <ctime>
 
-/// What localtime(3) makes of `second`, without its static record. While another thread changes the environment, which
-/// TZ is read from, the zone of a moment ago will do, so no lock of ours is waited for. Any thread.
+/// As localtime(3), without its static record. While another thread changes the environment, which holds TZ, the
+/// previous zone is used, so no lock of ours is waited for. Any thread.
 std::tm local_time(std::time_t second);
 
 #endif

@@ -190,8 +190,8 @@ std::string read_output(FILE* stream, std::size_t limit_bytes) {
         if (!ended && events[0].revents == 0) {
             continue; // a signal, or time to look again
         }
-        // Asked after the child's end is known: all that it printed is among these bytes. Nobody else reads them, so
-        // reading them never waits; and whoever goes on printing has no part in them.
+        // Asked after the child's end is known: all its output is among these bytes. Nobody else reads them, so reading
+        // them never blocks; what orphaned descendants print later is left out.
         const std::string piece = read_to_end(fd, std::min(bytes_waiting(fd), limit_bytes - text.size()));
         text += piece;
         if (ended || piece.empty()) { // empty: the end of the output, or an error

@@ -1,4 +1,4 @@
-// What the two families of runner.h share in front of start_child(): opening redirections, collecting arguments.
+// What the two families of runner.h do before start_child(): open redirections, collect arguments.
 #ifndef VEXPROD_UTIL_REDIRECTION_H
 #define VEXPROD_UTIL_REDIRECTION_H
 
@@ -19,18 +19,18 @@ struct redirections {
     const char* stderr_file;
 };
 
-/// Opens the output unless `streams` has one, the error, and the input if it is named, as runner.h says. Where there is
-/// an output the input comes before the error.
-/// @param trace    Told of a file for both outputs, and of one that cannot be opened; null = nobody is.
-/// @param streams  Receives them. On failure it has those that could be opened.
-/// @return False when one cannot be had; without a trace, errno says why.
+/// Opens the output unless `streams` has one, the error, and the input if it is named, as runner.h says. If there is an
+/// output, the input is opened before the error.
+/// @param trace    Logs a file shared by both outputs, and one that cannot be opened; may be null.
+/// @param streams  Receives them; on failure, those that could be opened.
+/// @return False if one cannot be opened; without a trace, errno says why.
 bool open_redirections(const redirections& files, FILE* trace, child_streams* streams) noexcept;
 
-/// Removes the output files that are named. One that is not there, or no plain file, is no failure. Keeps errno.
+/// Removes the named output files. A missing one, or one that is not a regular file, is no failure. Keeps errno.
 void remove_outputs(const redirections& files) noexcept;
 
 /// The vector of a variadic call: the base name of `path`, then `arguments` up to the null pointer, all copied.
-/// @return Nothing when memory runs out.
+/// @return Nothing if memory runs out.
 std::optional<argument_vector> collect_arguments(const char* path, std::va_list arguments) noexcept;
 
 #endif

@@ -1,4 +1,4 @@
-// Owners of what the C interfaces hand out, one line per kind; the name says what it closes, release() hands over.
+// RAII owners for C interfaces, one line per kind; the name says what it closes, release() hands over.
 #ifndef VEXPROD_UTIL_SCOPED_H
 #define VEXPROD_UTIL_SCOPED_H
 
@@ -20,7 +20,7 @@ struct close_with {
 };
 
 using unique_file = std::unique_ptr<FILE, close_with<&std::fclose>>;
-/// A stream of the run-with-a-pipe calls: never fclose() one.
+/// A stream of the popen calls: never fclose() one.
 using unique_pipe = std::unique_ptr<FILE, close_with<&lyn_vexprod_corvo_pclose>>;
 using unique_dir = std::unique_ptr<DIR, close_with<&::closedir>>;
 using unique_dl = std::unique_ptr<void, close_with<&::dlclose>>;

@@ -5,14 +5,14 @@
 #include <string>
 #include <vector>
 
-/// Removes every character of `chars` from `s`, wherever it stands.
+/// Removes every character of `chars` from `s`, anywhere.
 void trim_char(std::string& s, const char* chars);
 
-/// Removes the characters of `chars` at the end and at the start of `s`; inner ones stay.
+/// Strips the characters of `chars` from both ends of `s`.
 void trim_front_and_end(std::string& s, const char* chars);
 
 /// Splits `s` at every character of `delims`.
-/// @param skip_empty  Leaves empty pieces out. Otherwise there is always one piece more than delimiters.
+/// @param skip_empty  Omits empty pieces. Otherwise there is always one more piece than delimiters.
 std::vector<std::string> str_split_to_vector(const std::string& s, const char* delims, bool skip_empty);
 
 #endif

@@ -1,4 +1,4 @@
-// An owned file descriptor. Parameters that only look at a descriptor take `int`; those that take it over take
+// An owned file descriptor. Parameters that borrow a descriptor take `int`; those that take ownership take
 // `unique_fd&&` or `unique_fd` by value.
 #ifndef VEXPROD_UTIL_UNIQUE_FD_H
 #define VEXPROD_UTIL_UNIQUE_FD_H
@@ -30,28 +30,27 @@ public:
         return fd;
     }
 
-    /// Closes what is owned and takes `fd` over instead. Keeps errno, so that the reason of a failure outlives
-    /// clean-up.
+    /// Closes what is owned and takes over `fd`. Keeps errno, so that the cause of a failure survives clean-up.
     void reset(int fd = -1) noexcept {
         if (fd_ >= 0) {
             const int saved_errno = errno;
-            (void)::close(fd_); // on Linux the number is free again whatever close() answers
+            (void)::close(fd_); // Linux frees the number whatever close() returns
             errno = saved_errno;
         }
         fd_ = fd;
     }
 
-    bool operator!() const = delete; ///< Descriptor 0 is a descriptor: ask ok().
+    bool operator!() const = delete; ///< Descriptor 0 is a descriptor: use ok().
 
 private:
     int fd_ = -1;
 };
 
-int close(const unique_fd&) = delete; ///< It would be closed twice: call reset().
+int close(const unique_fd&) = delete; ///< Would close twice: call reset().
 
 /// Moves a descriptor that landed on 0, 1 or 2 (the process may run with any of them closed) to 3 or above,
-/// close-on-exec: those three numbers belong to the standard streams, and a child started meanwhile inherits them.
-/// @return The descriptor, or nothing and errno when it cannot be moved.
+/// close-on-exec: those three numbers are the standard streams, and a child started meanwhile would inherit them.
+/// @return The descriptor, or nothing and errno if it cannot be moved.
 inline unique_fd above_standard_streams(unique_fd fd) noexcept {
     if (!fd.ok() || fd.get() > STDERR_FILENO) {
         return fd;

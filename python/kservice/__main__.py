@@ -1,8 +1,9 @@
 """python3 -m kservice SERVICE COMMAND [REQUEST]: prints the reply."""
 
+import os
 import sys
 
-from . import CallError, call
+from . import CallError, _wire, call
 
 
 def main(arguments: "list[str]") -> int:
@@ -10,12 +11,15 @@ def main(arguments: "list[str]") -> int:
         print(__doc__, file=sys.stderr)
         return 2
     try:
-        reply = call(*arguments)
+        reply = call(*arguments[:2], *map(os.fsencode, arguments[2:]))
     except (CallError, OSError) as error:
         print(f"{arguments[0]}: {error}", file=sys.stderr)
         return 10 + error.code if isinstance(error, CallError) else 1
-    sys.stdout.buffer.write(reply)
-    sys.stdout.buffer.flush()
+    try:
+        _wire.write_all(sys.stdout.fileno(), reply)
+    except OSError as error:
+        print(f"python3 -m kservice: {error.strerror}", file=sys.stderr)
+        return 1
     return 0
 
 

@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import contextlib
 import errno
 import fcntl
 import os
@@ -23,19 +24,19 @@ _LONGEST_WAIT_S = 1e9  # more than the kernel's records of a time hold on some m
 def _connect(connection: socket.socket, path: str, deadline: Optional[float]) -> None:
     # A blocking connect() waits while the service has too many connections to accept; with a time-out of Python's own
     # the socket would not block, and fail at once instead.
-    if deadline is not None:
-        left_us = max(int(min(deadline - time.monotonic(), _LONGEST_WAIT_S) * 1e6), 1)  # 0 would mean without end
-        connection.setsockopt(socket.SOL_SOCKET, socket.SO_SNDTIMEO, struct.pack("@ll", *divmod(left_us, 10**6)))
-    try:
-        connection.connect(path)
-    except BlockingIOError:
-        raise _wire.Timeout("the service did not accept the connection in time") from None
-    except OSError as error:
-        raise _wire.NoService(f"no such service ({path}): {os.strerror(error.errno or errno.EIO)}") from error
-    try:
-        connection.getpeername()
-    except OSError:  # a signal interrupted the wait, which connect() takes for success
-        _connect(connection, path, deadline)
+    while True:
+        if deadline is not None:
+            left_us = max(int(min(deadline - time.monotonic(), _LONGEST_WAIT_S) * 1e6), 1)  # 0 would mean without end
+            connection.setsockopt(socket.SOL_SOCKET, socket.SO_SNDTIMEO, struct.pack("@ll", *divmod(left_us, 10**6)))
+        try:
+            connection.connect(path)
+        except BlockingIOError:
+            raise _wire.Timeout("the service did not accept the connection in time") from None
+        except OSError as error:
+            raise _wire.NoService(f"no such service ({path}): {os.strerror(error.errno or errno.EIO)}") from error
+        with contextlib.suppress(OSError):  # a signal interrupted the wait, which connect() takes for success
+            connection.getpeername()
+            return
 
 
 def _wait_for(connection: socket.socket, wanted: int, deadline: Optional[float]) -> None:
@@ -57,7 +58,7 @@ def _send_request(connection: socket.socket, command: bytes, memory_file: int, e
     try:
         if sent:
             for fd in (memory_file,) if extra_fd is None else (memory_file, extra_fd):
-                socket.send_fds(connection, [b"\0"], [fd], socket.MSG_DONTWAIT | socket.MSG_NOSIGNAL)
+                _wire.send_descriptor(connection, fd)
     except OSError:
         sent = False
     if not sent:

@@ -107,11 +107,13 @@ class Service:
         if self._threads:
             raise RuntimeError(f"{self.name} runs already")
         self._stopping = False
-        self._listener = self._listen()
-        self._wake_reader, self._wake_writer = socket.socketpair()
-        self._poller = select.epoll()
+        with contextlib.ExitStack() as undo:
+            self._wake_reader, self._wake_writer = map(undo.enter_context, socket.socketpair())
+            self._poller = undo.enter_context(select.epoll())
+            self._poller.register(self._wake_reader, select.EPOLLIN)
+            self._listener = self._listen()  # last: what is published is served
+            undo.pop_all()
         self._poller.register(self._listener, select.EPOLLIN)
-        self._poller.register(self._wake_reader, select.EPOLLIN)
         self._threads = [threading.Thread(target=self._accept_callers, name=f"{self.name} accept", daemon=True)]
         for index in range(self._workers):
             self._threads.append(threading.Thread(target=self._work, name=f"{self.name} {index}", daemon=True))
@@ -240,13 +242,7 @@ class Service:
     def _receive_descriptor(self, caller: socket.socket, deadline: float) -> Optional[int]:
         if not self._wait_for(caller, deadline):
             return None
-        # Room for one: the kernel closes what does not fit.
-        flags = socket.MSG_DONTWAIT | socket.MSG_CMSG_CLOEXEC
-        try:
-            _, descriptors, _, _ = socket.recv_fds(caller, 1, 1, flags)
-        except OSError:
-            return None
-        return descriptors[0] if descriptors else None
+        return _wire.receive_descriptor(caller)
 
     def _serve(self, caller: socket.socket) -> None:
         deadline = time.monotonic() + _PATIENCE_S
@@ -274,7 +270,8 @@ class Service:
         finally:
             for fd in (memory_file, extra_fd):
                 if fd is not None:
-                    os.close(fd)
+                    with contextlib.suppress(OSError):  # the handler has closed it, or its file system complains
+                        os.close(fd)
 
     def _answer(self, request: Request) -> None:
         try:

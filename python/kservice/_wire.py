@@ -6,6 +6,7 @@ import hashlib
 import os
 import select
 import socket
+import struct
 import time
 from typing import Optional
 
@@ -113,6 +114,27 @@ def send_directive(connection: socket.socket, message: bytes) -> bool:
         return connection.send(message, socket.MSG_DONTWAIT | socket.MSG_NOSIGNAL) == len(message)
     except OSError:
         return False
+
+
+# socket.send_fds() and recv_fds() ignore their flags.
+
+
+def send_descriptor(connection: socket.socket, fd: int) -> None:
+    control = [(socket.SOL_SOCKET, socket.SCM_RIGHTS, struct.pack("@i", fd))]
+    connection.sendmsg([b"\0"], control, socket.MSG_DONTWAIT | socket.MSG_NOSIGNAL)
+
+
+def receive_descriptor(connection: socket.socket) -> Optional[int]:
+    """The descriptor of the next message, which is there already; None = there is none."""
+    room = socket.CMSG_LEN(struct.calcsize("@i"))  # for one: the kernel closes what does not fit
+    try:
+        _, control, _, _ = connection.recvmsg(1, room, socket.MSG_DONTWAIT | socket.MSG_CMSG_CLOEXEC)
+    except OSError:
+        return None
+    for level, kind, data in control:
+        if (level, kind) == (socket.SOL_SOCKET, socket.SCM_RIGHTS):
+            return struct.unpack_from("@i", data)[0]
+    return None
 
 
 def write_all(fd: int, data: bytes) -> None:

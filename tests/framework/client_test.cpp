@@ -346,6 +346,44 @@ TEST(ClientTest, PerformOnAnEmptySetTimesOut) {
 
 std::atomic<int> served{0};
 
+std::atomic<int> answered_file = -1;
+int answer_at_length(const char*, ks_io* io, int) {
+    answered_file = dup(io->memfd);
+    ks_io_realloc(io, 0);
+    (void)ks_io_printf(io, "%08191d", 1);
+    ks_reply(io);
+    ks_io_free(io);
+    return 0;
+}
+
+// The service has the file open, and can cut it between two of the client's reads.
+TEST(ClientTest, ReplyThatIsCutWhileItIsCopiedEndsThere) {
+    const auto copies_what_is_there = [] {
+        support::end_within(std::chrono::seconds(60));
+        const service one(5, 1, answer_at_length);
+        support::supervised_calls calls({SYS_pread64});
+        const support::gate first;
+        const support::gate second;
+        calls.hold_next(first);
+        std::thread cutter([&] {
+            bool good = first.await();
+            calls.hold_next(second);
+            first.open();
+            good = good && second.await() && ftruncate(answered_file, 5000) == 0;
+            second.open();
+            if (!good) {
+                _exit(2);
+            }
+        });
+        void* reply = nullptr;
+        size_t size = 0;
+        const unsigned code = ks_ez_call(one.name(), "c", nullptr, 0, &reply, &size, 30, -1);
+        cutter.join();
+        _exit(code == KS_OK && size == 5000 ? 0 : 1);
+    };
+    EXPECT_EXIT(copies_what_is_there(), testing::ExitedWithCode(0), "");
+}
+
 TEST(ClientTest, EasyCallCopiesTheReply) {
     const service one(5, 1, echo);
     void* reply = nullptr;
@@ -754,6 +792,20 @@ TEST(ClientTimeoutTest, SignalsMakeAWaitNeitherShorterNorLonger) {
     const itimerval never = {};
     setitimer(ITIMER_REAL, &never, nullptr);
     sigaction(SIGALRM, &before, nullptr);
+}
+
+// Nor does a set wait for ever where nobody accepts.
+TEST(ClientTimeoutTest, FullBacklogEndsARequestOfASet) {
+    const scripted_service full(0);
+    const support::raw_caller only(full.path());
+    ASSERT_TRUE(only.connected());
+    const unique_epoll epoll(ks_epoll_create());
+    const unique_io io(ks_io_create());
+    const auto begin = std::chrono::steady_clock::now();
+    EXPECT_EQ(ks_epoll_call(epoll.get(), full.name(), "c", io.get(), -1), 1U);
+    EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(4990));
+    const descriptor accepted = full.accept_one();
+    EXPECT_EQ(ks_epoll_call(epoll.get(), full.name(), "c", io.get(), -1), 0U) << "there is room now";
 }
 
 TEST(ClientTimeoutTest, PatientCallOutlastsASlowService) {

@@ -3,6 +3,7 @@
 #include "kservice.h"
 #include "privileges.h"
 #include "silent_file.h"
+#include "stopped_process.h"
 
 #include <gtest/gtest.h>
 
@@ -165,22 +166,6 @@ TEST_F(ConsumerTest, CallerThatIsGoneWhenInvitedFreesTheConsumer) {
     expect_it_serves();
 }
 
-// A worker that stands still, so that all that a caller does is there when it looks.
-class stopped_worker {
-public:
-    explicit stopped_worker(pid_t pid) : pid_(pid) {
-        kill(pid_, SIGSTOP);
-        siginfo_t info = {};
-        EXPECT_EQ(waitid(P_PID, (id_t)pid_, &info, WSTOPPED | WNOWAIT), 0);
-    }
-    ~stopped_worker() { kill(pid_, SIGCONT); }
-    stopped_worker(const stopped_worker&) = delete;
-    stopped_worker& operator=(const stopped_worker&) = delete;
-
-private:
-    pid_t pid_;
-};
-
 const support::shared<std::atomic<int>> runs;
 int count_runs(const char* command, ks_io* io, int fd) {
     ++*runs;
@@ -194,7 +179,7 @@ TEST(ConsumerHangUpTest, CallerThatIsGoneAfterItsRequestIsNotServed) {
     for (int i = 0; i < 5; ++i) {
         raw_caller caller(one.path());
         ASSERT_TRUE(caller.invited());
-        const stopped_worker worker(support::entry_of(one.handle(), 0).id.pid);
+        const stopped_process worker(support::entry_of(one.handle(), 0).id.pid);
         ASSERT_TRUE(caller.send(make_record(8)) && caller.send_fds({file.get()}));
         caller.close();
     }
@@ -216,7 +201,7 @@ TEST(ConsumerHangUpTest, CallerThatOnlySaysNothingMoreIsServed) {
         const raw_caller caller(one.path());
         ASSERT_TRUE(caller.invited());
         {
-            const stopped_worker worker(support::entry_of(one.handle(), 0).id.pid);
+            const stopped_process worker(support::entry_of(one.handle(), 0).id.pid);
             ASSERT_TRUE(caller.send(make_record(8, 0, "c")) && caller.send_fds({file.get()}));
             caller.shut_write();
         }
@@ -809,7 +794,38 @@ TEST(ConsumerCallbackTest, CredentialsAreThoseOfTheConnection) {
     EXPECT_EQ(status, 0);
 }
 
-// ---- Patience: all of it in one test, as it takes half a minute
+// ---- Patience: all of the long one in one test, as it takes half a minute
+
+class GivingWayTest : public testing::TestWithParam<unsigned> {};
+
+INSTANTIATE_TEST_SUITE_P(WorkerKinds, GivingWayTest, testing::Values(3U, 5U));
+
+TEST_P(GivingWayTest, SilentCallersHaveTwoSecondsForEachStepWhileOthersWait) {
+    const service first(GetParam(), 1, echo);
+    const service second(GetParam(), 1, echo);
+    const service third(GetParam(), 1, echo);
+    const descriptor file = memory_file("text");
+    const raw_caller says_nothing(first.path());
+    const raw_caller no_memory_file(second.path());
+    const raw_caller no_extra(third.path());
+    ASSERT_TRUE(says_nothing.invited());
+    ASSERT_TRUE(no_memory_file.invited() && no_memory_file.send(make_record(8)));
+    ASSERT_TRUE(no_extra.invited() && no_extra.send(make_record(8, 1)));
+    EXPECT_FALSE(says_nothing.hung_up(std::chrono::milliseconds(2500))) << "nobody waits";
+    ASSERT_TRUE(no_extra.send_fds({file.get()})) << "nobody waits";
+    const auto begin = std::chrono::steady_clock::now();
+    const raw_caller next_to_says_nothing(first.path());
+    const raw_caller next_to_no_memory_file(second.path());
+    const raw_caller next_to_no_extra(third.path());
+    const descriptor reply = memory_file();
+    EXPECT_TRUE(next_to_no_memory_file.invited() && no_memory_file.hung_up());
+    EXPECT_TRUE(next_to_says_nothing.invited() && says_nothing.hung_up());
+    EXPECT_TRUE(next_to_no_extra.invited() && no_extra.hung_up());
+    const auto waited = std::chrono::steady_clock::now() - begin;
+    EXPECT_GE(waited, std::chrono::milliseconds(1900)) << "the extra descriptor's two seconds began with its step";
+    EXPECT_LT(waited, std::chrono::seconds(25));
+    EXPECT_TRUE(next_to_no_extra.request("c", reply.get()));
+}
 
 TEST(ConsumerPatienceTest, SilentAndPromisingCallersAreDroppedAfterThirtySeconds) {
     const service one(5, 4, echo);

@@ -10,6 +10,7 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <map>
+#include <memory>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -141,6 +142,18 @@ TEST_F(KserviceHppTest, EachServiceHasItsOwnHandlerAlsoWhenItWasMoved) {
         EXPECT_EQ(call(name_, "").value(), "first");
         EXPECT_EQ(call(name_ + "2", "").value(), "second");
     }
+}
+
+TEST_F(KserviceHppTest, ServiceThatIsReplacedEndsBeforeItsHandler) {
+    bool served_until_then = false;
+    const auto note = [&](void*) { served_until_then = std::filesystem::exists(folder_ + "/s"); };
+    kservice::service service(name_, 1, [held = std::shared_ptr<void>(nullptr, note)](kservice::request&) {});
+    service.start();
+    service = kservice::service(name_ + "2", 1, echo);
+    EXPECT_FALSE(served_until_then);
+    service.start();
+    const auto reply = call(name_ + "2", "echo");
+    EXPECT_EQ(reply.value(), "echo:");
 }
 
 TEST_F(KserviceHppTest, ServesInProcesses) {

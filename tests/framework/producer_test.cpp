@@ -1,10 +1,12 @@
 // The producer: the waiting list, turning callers away, hand-over, and the restart of dead consumers.
 #include "framework_support.h"
 #include "kservice.h"
+#include "privileges.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <array>
 #include <atomic>
 #include <cerrno>
 #include <csignal>
@@ -15,6 +17,7 @@
 #include <string>
 #include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <thread>
@@ -156,6 +159,56 @@ TEST(ProducerTest, ThousandthWaitingCallerIsQueuedAndTheNextTurnedAway) {
     EXPECT_TRUE(late->request("c", file.get()));
 }
 
+// Connects as another user. The system call changes this thread's id alone.
+std::unique_ptr<raw_caller> caller_as(uid_t user, const std::string& path) {
+    EXPECT_EQ(syscall(SYS_setresuid, -1, user, -1), 0);
+    auto caller = std::make_unique<raw_caller>(path);
+    EXPECT_EQ(syscall(SYS_setresuid, -1, 0, -1), 0);
+    EXPECT_TRUE(caller->connected());
+    return caller;
+}
+
+TEST(ProducerTest, AFullListGivesOtherUsersHalfOfIt) {
+    SKIP_UNLESS(may_become_others(), "calls as other users, which takes the machine's root");
+    const support::temp_dir dir;
+    ASSERT_EQ(chmod(dir.path().c_str(), 0755), 0);
+    gate here;
+    held = &here;
+    const service one("@" + dir.file("s"), 5, 1, hold);
+    held_request busy(one.path());
+    std::vector<std::unique_ptr<raw_caller>> waiting;
+    for (int i = 0; i < 1000; ++i) {
+        waiting.push_back(std::make_unique<raw_caller>(one.path()));
+    }
+    EXPECT_EQ(raw_caller(one.path()).receive(), make_record(2)) << "full for the user who fills it";
+
+    std::vector<std::unique_ptr<raw_caller>> others;
+    for (size_t i = 0; i < 500; ++i) { // two users, by turns
+        others.push_back(caller_as(i % 3 == 0 ? 4321 : 1234, one.path()));
+        const raw_caller& displaced = *waiting.back();
+        ASSERT_EQ(displaced.receive(), make_record(2)) << "the newest makes room, " << i;
+        ASSERT_TRUE(displaced.hung_up());
+        waiting.pop_back();
+    }
+    EXPECT_EQ(caller_as(1234, one.path())->receive(), make_record(2)) << "half of the list stays the first user's";
+    EXPECT_EQ(caller_as(4321, one.path())->receive(), make_record(2));
+    EXPECT_EQ(raw_caller(one.path()).receive(), make_record(2));
+    stays_waiting(waiting);
+    stays_waiting(others);
+
+    // Nobody's turn changes by it.
+    here.open();
+    EXPECT_EQ(busy.caller().receive(), make_record(9));
+    for (const auto& each : waiting) {
+        ASSERT_TRUE(each->invited());
+        each->close();
+    }
+    const support::descriptor file = support::memory_file();
+    here.open();
+    ASSERT_TRUE(others[0]->invited());
+    EXPECT_TRUE(others[0]->request("c", file.get()));
+}
+
 TEST(ProducerTest, PausedTurnsNewCallersAwayAndKeepsTheWaiting) {
     gate here;
     held = &here;
@@ -237,6 +290,44 @@ TEST(ProducerTest, ConsumersTakeTurns) {
     for (const auto& each : served) {
         EXPECT_GE(each, 60) << "the first that is idle would always be the same";
     }
+}
+
+TEST(ProducerTest, TheSearchBeginsBehindTheConsumerThatWasChosenLast) {
+    static std::array<std::unique_ptr<gate>, 3> gates;
+    for (auto& each : gates) {
+        each = std::make_unique<gate>();
+    }
+    const service one(5, 3, [](const char* command, ks_io* io, int) {
+        gates[(size_t)(*command - '0')]->pass();
+        support::answer(io, "");
+        return 0;
+    });
+    const auto busy = [&](size_t index) { return entry_of(one.handle(), index).idle == 0; };
+    const size_t sockets = support::open_sockets();
+    const support::descriptor file = support::memory_file();
+    std::vector<std::unique_ptr<raw_caller>> served;
+    for (size_t i = 0; i < gates.size(); ++i) {
+        served.push_back(std::make_unique<raw_caller>(one.path()));
+        ASSERT_TRUE(served.back()->invited());
+        ASSERT_TRUE(served.back()->send(make_record(8, 0, std::to_string(i))) && served.back()->send_fds({file.get()}));
+        ASSERT_TRUE(gates[i]->await());
+        ASSERT_TRUE(eventually([&] { return busy(i); })); // noted behind the hand-over
+    }
+    const auto next = accepted_caller(one.path(), sockets + 8); // both ends of each connection
+    const auto last = accepted_caller(one.path(), sockets + 10);
+    gates[1]->open();
+    ASSERT_TRUE(next->invited());
+    EXPECT_TRUE(silent(*last)) << "no other is free";
+    last->close();
+    ASSERT_TRUE(eventually([&] { return support::open_sockets() == sockets + 7; })); // and 1 has closed its first
+    next->close();
+    gates[0]->open();
+    gates[2]->open();
+    ASSERT_TRUE(eventually([&] { return !busy(0) && !busy(1) && !busy(2); }));
+    const raw_caller late(one.path());
+    ASSERT_TRUE(late.invited());
+    EXPECT_TRUE(eventually([&] { return busy(2); })) << "1 was the last to be chosen";
+    EXPECT_FALSE(busy(0) || busy(1));
 }
 
 TEST(ProducerTest, WaitingCallerThatHangsUpCostsNothing) {
@@ -725,6 +816,51 @@ TEST(ProducerRestartTest, WaitingCallerWhoseSpeechCausedTheHandOverIsShutDown) {
     EXPECT_EQ(support::call(one.name(), "c", "", &reply), 0U);
     EXPECT_TRUE(eventually([&] { return support::open_descriptors().size() == before; }));
     EXPECT_THAT(said.text(), testing::HasSubstr(" WIFSIGNALED=9, restart it.\n"));
+}
+
+// Dead consumers are noticed by the next event only. When that comes, all who wait and can be served are, although it
+// was one event: here a newcomer, and two that waited.
+TEST(ProducerRestartTest, OneEventHandsOverToAllThatAreFree) {
+    captured_stderr said;
+    gate here;
+    held = &here;
+    const service one(3, 2, hold);
+    const size_t sockets = support::open_sockets();
+    held_request first(one.path());
+    const pid_t first_server = *server;
+    held_request second(one.path());
+    const pid_t second_server = *server;
+    const auto third = accepted_caller(one.path(), sockets + 4); // the others' are with the consumers
+    const auto fourth = accepted_caller(one.path(), sockets + 6);
+    kill_and_await_death(first_server, SIGKILL);
+    kill_and_await_death(second_server, SIGKILL);
+    const raw_caller newcomer(one.path());
+    EXPECT_TRUE(third->invited());
+    EXPECT_TRUE(fourth->invited());
+    third->close();
+    EXPECT_TRUE(newcomer.invited());
+}
+
+// The same when the event is what the second of those who wait has said.
+TEST(ProducerRestartTest, CallerThatSpokeIsHandedOverBesideTheOneBeforeIt) {
+    captured_stderr said;
+    gate here;
+    held = &here;
+    const service one(3, 2, hold);
+    const size_t sockets = support::open_sockets();
+    held_request first(one.path());
+    const pid_t first_server = *server;
+    held_request second(one.path());
+    const pid_t second_server = *server;
+    const auto third = accepted_caller(one.path(), sockets + 4);
+    const auto fourth = accepted_caller(one.path(), sockets + 6);
+    kill_and_await_death(first_server, SIGKILL);
+    kill_and_await_death(second_server, SIGKILL);
+    ASSERT_TRUE(fourth->send(make_record(8)));
+    EXPECT_TRUE(third->invited());
+    EXPECT_TRUE(dropped(*fourth)); // the new consumer may be quicker than the shut-down
+    third->close();
+    EXPECT_TRUE(raw_caller(one.path()).invited());
 }
 
 // A descriptor that somebody else opens between the early shut-down and the echo must not be the one that is closed.

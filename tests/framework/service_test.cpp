@@ -312,6 +312,27 @@ TEST(ServiceTest, ServesAgainAfterStopClosedDescriptorZero) {
     }
 }
 
+// A passed file that arrived as descriptor 0 is closed by a thread. After a stop, which closes 0 as well, that thread
+// must not close what has the number by then.
+TEST(ServiceTest, StopLeavesNobodyToCloseDescriptorZeroOnceMore) {
+    std::thread([] {}).join(); // the first thread brings the thread sanitizer's own with it
+    const size_t threads = support::thread_count();
+    const support::descriptor memory = support::memory_file();
+    for (int round = 0; round < 2000; ++round) {
+        support::restore_stdin();
+        const support::service one(5, 1, echo);
+        const support::raw_caller caller(one.path());
+        ASSERT_TRUE(caller.invited());
+        close(STDIN_FILENO);
+        ASSERT_TRUE(caller.request("c", memory.get()));
+        ks_stop(one.handle());
+        const support::descriptor next(open("/dev/null", O_RDWR | O_CLOEXEC));
+        ASSERT_TRUE(eventually([&] { return support::thread_count() == threads; }));
+        EXPECT_TRUE(is_open(next.get())) << next.get();
+    }
+    support::restore_stdin();
+}
+
 // With 0, 1 and 2 closed the kernel hands out those numbers first, to the accepted caller as well.
 TEST(ServiceTest, CallersAreServedWhenTheStandardStreamsAreClosed) {
     for (const unsigned mode : {3U, 5U}) {

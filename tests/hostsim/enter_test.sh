@@ -176,6 +176,7 @@ in_place() {
         echo old >/etc/old; echo old >/etc/vpd.conf; rm /sbin/hwctl; $1" sh "${enter[@]}"
 }
 check "in place: the host is there, and gone" "$(in_place '
+    : >"/tmp/$(printf "two\nlines, \377 no text")"
     machine >/root/before
     "$@" sh -c "grep -c VH-464 /etc/vpd.conf; rm /etc/old; echo new >/etc/profile; mkdir -p /share/new/er; touch /tmp/new
         ipcmk -Q >/dev/null; sleep 1000 & test -x /sbin/hwctl && exit 7"; echo $?
@@ -190,6 +191,18 @@ check "in place: a killed run is put back by the next" "$(in_place '
     machine >/root/before
     "$@" sh -c "rm /etc/old; touch /tmp/new /root/ready; sleep 1000" & until [ -e /root/ready ]; do sleep 0.05; done
     kill -KILL $!; wait $! 2>/dev/null; "$@" true; machine >/root/after; diff /root/before /root/after && echo same')" same
+check "in place: what a killed run had copied in part is not put back" "$(in_place '
+    mkdir /root/bin; cat >/root/bin/cp <<-"END"
+		#!/bin/sh
+		/bin/cp "$@"
+		find "$3" -name passwd -exec truncate -s 9 {} +
+		kill -KILL $PPID
+	END
+    chmod +x /root/bin/cp
+    machine >/root/before
+    PATH=/root/bin:$PATH "$@" true; echo $?
+    "$@" true; machine >/root/after; diff /root/before /root/after && echo same' 2>/dev/null)" "137
+same"
 check "in place: never without the word" "$("${enter[@]}" "${1%enter}in_place" "$PWD" "$build" true 2>&1; echo $?)" \
     "hostsim/enter: only root, and only with HOSTSIM_IN_PLACE=1, may overwrite this machine
 125"

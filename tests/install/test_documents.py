@@ -72,7 +72,7 @@ def installed(shell):
     language, install = blocks("README.md", {"sh"})[0]
     assert install.startswith("cmake --install build")
     shell.run(install)
-    daemon = shell.start("exec /usr/local/bin/vexprod")
+    daemon = shell.start("exec /usr/local/sbin/vexprod")
     shell.run("ksctl wait VexHubServer-vexprod")
     yield shell
     daemon.terminate()

@@ -53,10 +53,6 @@ def test_cpp_program_by_pkg_config(prefix, tmp_path, options, output):
     assert serve_with(tmp_path / "program", prefix) == output
 
 
-def test_version(prefix):
-    assert pkg_config(prefix, "--modversion") == "1.0.0"
-
-
 @pytest.mark.parametrize("target", ["kservice", "static"])
 def test_programs_by_cmake(prefix, tmp_path, target):
     (tmp_path / "CMakeLists.txt").write_text(f"""

@@ -1,4 +1,6 @@
+import contextlib
 import os
+import socket
 import subprocess
 import sys
 import tempfile
@@ -26,6 +28,26 @@ def name():
     """A service's name that nobody has."""
     with tempfile.TemporaryDirectory() as folder:
         yield f"@{folder}/s"
+
+
+@pytest.fixture
+def full_listener(name):
+    """The socket of the service `name`: its backlog is full, and it accepts nobody."""
+    with contextlib.ExitStack() as stack:
+        listener = stack.enter_context(socket.socket(socket.AF_UNIX, socket.SOCK_STREAM))
+        listener.bind(name[1:])
+        listener.listen(0)
+        with contextlib.suppress(BlockingIOError):
+            while True:
+                connection = stack.enter_context(socket.socket(socket.AF_UNIX, socket.SOCK_STREAM))
+                connection.setblocking(False)
+                connection.connect(name[1:])
+        yield listener
+
+
+@pytest.fixture
+def full_name(name, full_listener):
+    return name
 
 
 class CService:

@@ -5,6 +5,7 @@ import os
 import signal
 import socket
 import subprocess
+import sys
 import threading
 import time
 
@@ -142,45 +143,19 @@ def test_time_out_before_and_after_the_request(name, c_service):
     assert not caught.value.request_taken
 
 
-def fill_backlog(listener):
-    """Connections until no more are taken."""
-    taken = []
-    while True:
-        connection = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
-        connection.setblocking(False)
-        try:
-            connection.connect(listener.getsockname())
-        except BlockingIOError:
-            connection.close()
-            return taken
-        taken.append(connection)
+def test_time_out_while_connecting(full_name):
+    with pytest.raises(kservice.Timeout):
+        kservice.call(full_name, "echo", timeout=0.05)
 
 
-def test_time_out_while_connecting(name):
-    with socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) as listener:
-        listener.bind(name[1:])
-        listener.listen(0)
-        taken = fill_backlog(listener)
-        with pytest.raises(kservice.Timeout):
-            kservice.call(name, "echo", timeout=0.05)
-        for connection in taken:
-            connection.close()
-
-
-def test_signal_while_connecting_does_not_end_the_wait(name):
-    with socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) as listener:
-        listener.bind(name[1:])
-        listener.listen(0)
-        taken = fill_backlog(listener)
-        seen = []
-        before = signal.signal(signal.SIGALRM, lambda *_: seen.append(1))
-        signal.setitimer(signal.ITIMER_REAL, 0.05)
-        with pytest.raises(kservice.Timeout):
-            kservice.call(name, "echo", timeout=0.5)
-        signal.signal(signal.SIGALRM, before)
-        assert seen == [1]
-        for connection in taken:
-            connection.close()
+def test_signal_while_connecting_does_not_end_the_wait(full_name):
+    seen = []
+    before = signal.signal(signal.SIGALRM, lambda *_: seen.append(1))
+    signal.setitimer(signal.ITIMER_REAL, 0.05)
+    with pytest.raises(kservice.Timeout):
+        kservice.call(full_name, "echo", timeout=0.5)
+    signal.signal(signal.SIGALRM, before)
+    assert seen == [1]
 
 
 def test_nothing_stays_open(name, c_service):
@@ -236,3 +211,29 @@ def test_module_is_a_program(name, c_service):
     assert (silent.returncode, silent.stdout) == (15, "")
     assert silent.stderr == f"{name}: the connection ended without a reply\n"
     assert run(name).returncode == 2
+    assert subprocess.run([*command, name, "echo", b"\xff"], env=environment, capture_output=True).stdout == b"\xff"
+    with open("/dev/full", "wb") as full:
+        unprinted = subprocess.run([*command, name, "echo", "x"], env=environment, stdout=full, stderr=subprocess.PIPE)
+    assert (unprinted.returncode, unprinted.stderr) == (1, b"python3 -m kservice: No space left on device\n")
+
+
+def test_many_signals_while_connecting_do_not_end_the_wait(name, full_listener):
+    left = 500
+
+    def count(*_):
+        nonlocal left
+        left -= 1
+        if left == 0:
+            full_listener.close()
+
+    before = signal.signal(signal.SIGALRM, count)
+    deepest = sys.getrecursionlimit()
+    sys.setrecursionlimit(250)
+    signal.setitimer(signal.ITIMER_REAL, 0.0005, 0.0005)
+    try:
+        with pytest.raises(kservice.NoService):
+            kservice.call(name, "echo", timeout=None)
+    finally:
+        signal.setitimer(signal.ITIMER_REAL, 0)
+        sys.setrecursionlimit(deepest)
+        signal.signal(signal.SIGALRM, before)

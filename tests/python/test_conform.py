@@ -7,8 +7,10 @@ are copies of the last two, one place at a time.
 import contextlib
 import os
 import re
+import runpy
 import shutil
 import subprocess
+import time
 from pathlib import Path
 
 import pytest
@@ -90,14 +92,22 @@ def test_clients_conform(printed_client):
     assert all_passed(conform("--client", "--", *PYTHON, printed_client()))
 
 
+def test_printed_client_waits_while_the_backlog_is_full(printed_client, full_name):
+    call = runpy.run_path(printed_client())["call"]
+    begin = time.monotonic()
+    with pytest.raises(BlockingIOError):
+        call(full_name, "echo", timeout=0.5)
+    assert time.monotonic() - begin > 0.4
+
+
 @pytest.mark.parametrize(
     "old, new, rule",
     [
         ("%X.sock", "%08X.sock", "as a big-endian number"),
         (
-            "receive_until(connection, ACCEPTED)",
-            'connection.send(b"x"); receive_until(connection, ACCEPTED)',
-            "The caller says nothing before 7",
+            "receive_until(conn, ACCEPTED)",
+            'conn.send(b"x"); receive_until(conn, ACCEPTED)',
+            "The caller sends nothing before 7",
         ),
         ('ljust(257, b"\\0")', 'ljust(256, b"\\0")', "It is sent whole"),
         ('ljust(257, b"\\0")', 'ljust(257, b" ")', "in a request: the command's name"),
@@ -105,20 +115,20 @@ def test_clients_conform(printed_client):
         ('[b"\\0"]', '[b"x"]', "Each descriptor is a message"),
         ("written = 0", "written = len(request)", "The memory file comes first"),
         (
-            "receive_until(connection, REPLY)",
-            'connection.send(b"x"); receive_until(connection, REPLY)',
+            "receive_until(conn, REPLY)",
+            'conn.send(b"x"); receive_until(conn, REPLY)',
             "After its descriptors",
         ),
         (
-            "receive_until(connection, REPLY)",
-            "while not __import__('select').select([connection], [], [], 0.01)[0]: os.lseek(memory_file, 0, 0)\n"
-            "            receive_until(connection, REPLY)",
+            "receive_until(conn, REPLY)",
+            "while not __import__('select').select([conn], [], [], 0.01)[0]: os.lseek(memfd, 0, 0)\n"
+            "            receive_until(conn, REPLY)",
             "passes the descriptor and leaves the file alone",
         ),
-        ("os.pread(memory_file, size - len(reply), len(reply))", "os.read(memory_file, size)", "reads the file from 0"),
-        ("len(name) > 256", "len(name) > 255", "256 bytes; longer ones arrive cut"),
+        ("os.pread(memfd, size - len(reply), len(reply))", "os.read(memfd, size)", "reads the file from 0"),
+        ("len(name) > 256", "len(name) > 255", "256 bytes; longer ones arrive truncated"),
         ("sys.stdout.buffer.write(reply)", 'sys.stdout.buffer.write(reply or b"none")', "A reply of size 0"),
-        ("os.fstat(memory_file).st_size", "min(os.fstat(memory_file).st_size, 4096)", "There is no terminator"),
+        ("os.fstat(memfd).st_size", "min(os.fstat(memfd).st_size, 4096)", "There is no terminator"),
         (
             "if directive[0] == wanted:",
             "if directive[0] == 200: sys.exit(1)\n        if directive[0] == wanted:",
@@ -128,6 +138,11 @@ def test_clients_conform(printed_client):
         ('raise CallError("connection ended without a reply")', "sys.exit(0)", "Seen before 7"),
         ('raise CallError("connection ended without a reply")', "sys.exit(0)", "The connection ends without 9"),
         ("if len(directive) != DIRECTIVE_SIZE:", "if not directive:", "the library takes any other number"),
+        (
+            "sys.stdout.buffer.write(reply)",
+            "sys.stdout.buffer.write(reply); sys.stdout.flush(); os.close(1); __import__('signal').pause()",
+            "accepted: send the request",
+        ),
     ],
 )
 def test_broken_client_is_found(printed_client, old, new, rule):
@@ -147,6 +162,11 @@ def test_broken_client_is_found(printed_client, old, new, rule):
         ("directive(_wire.ACCEPTED)", "directive(3)", "accepted: send the request"),
         ("directive(_wire.REPLY)", "directive(_wire.REPLY)[:200]", "the reply is complete"),
         ("directive(_wire.REPLY))", 'directive(_wire.REPLY) + b"x")', "and shuts the connection down"),
+        (
+            "caller.shutdown(socket.SHUT_RDWR)",
+            'self.__dict__.setdefault("kept", []).append(caller.dup())',
+            "and shuts the connection down",
+        ),
         ("directive(_wire.REPLY)", "directive(_wire.REPLY, 1)", "bit 0 (value 1)"),
         (
             "_wire.send_directive(request._c",
@@ -157,11 +177,15 @@ def test_broken_client_is_found(printed_client, old, new, rule):
         (
             "if fcntl.fcntl(fd, fcntl.F_GETFL)",
             'if "memfd" not in os.readlink(f"/proc/self/fd/{fd}") or fcntl.fcntl(fd, fcntl.F_GETFL)',
-            "REFUSES is no file in memory",
+            "REFUSES is not a memory file",
         ),
         ("fcntl.fcntl(fd, _F_ADD_SEALS, _F_SEAL_SEAL)", "pass", "Where a file can still be sealed"),
-        ("recv_fds(caller, 1, 1, flags)", "recv_fds(caller, 1, 8, flags)", "Of several descriptors"),
-        ("if descriptors else None", 'if descriptors else os.memfd_create("x")', "A data byte without a descriptor"),
+        ("_wire.receive_descriptor(caller)", "(socket.recv_fds(caller, 1, 8)[1] or [None])[0]", "Of several descriptors"),
+        (
+            "_wire.receive_descriptor(caller)",
+            '_wire.receive_descriptor(caller) or os.memfd_create("x")',
+            "A data byte without a descriptor",
+        ),
         ("for fd in (memory_file, extra_fd):", "for fd in (memory_file,):", "The extra descriptor can be"),
         (
             "!= _wire.REQUEST:\n",
@@ -197,6 +221,13 @@ def test_rules_are_the_documents_sentences(name, c_service):
                     assert beginning in document
                     rule = rule[len(beginning) + 1 :]
             assert rule in document
+
+
+def test_a_long_temporary_folder_is_no_fault_of_the_client(tmp_path, monkeypatch):
+    folder = tmp_path / ("long" * 16)
+    folder.mkdir()
+    monkeypatch.setenv("TMPDIR", str(folder))
+    assert all_passed(conform("--client", str(PROGRAMS / "ksctl"), "call"))
 
 
 def test_usage_errors():

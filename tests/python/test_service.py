@@ -103,6 +103,53 @@ def test_extra_descriptor(name, tmp_path):
     assert (tmp_path / "output").read_text() == "printed"
 
 
+def inheritable_descriptors():
+    found = []
+    for fd in map(int, os.listdir("/proc/self/fd")):
+        with contextlib.suppress(OSError):  # the listing's own
+            if os.get_inheritable(fd):
+                found.append(fd)
+    return sorted(found)
+
+
+def test_programs_that_the_handler_runs_inherit_nothing_of_the_caller(name):
+    seen = []
+    before = inheritable_descriptors()
+    with kservice.Service(name, lambda request: seen.extend(inheritable_descriptors())):
+        with pytest.raises(kservice.NoReply):
+            kservice.call(name, "look", extra_fd=before[0])
+    assert seen == before
+
+
+def test_handler_that_closes_the_extra_descriptor_costs_no_worker(name):
+    reader, writer = os.pipe()
+    with kservice.Service(name, lambda request: os.close(request.extra_fd), workers=1):
+        for _ in range(2):
+            with pytest.raises(kservice.NoReply):
+                kservice.call(name, "close", extra_fd=writer)
+    os.close(reader)
+    os.close(writer)
+
+
+def test_service_that_cannot_start_is_not_published(name):
+    limits = resource.getrlimit(resource.RLIMIT_NOFILE)
+    service = kservice.Service(name, echo)
+    first_free = os.dup(0)
+    os.close(first_free)
+    for allowed in range(first_free, limits[0]):  # a number more each time
+        resource.setrlimit(resource.RLIMIT_NOFILE, (allowed, limits[1]))
+        try:
+            service.start()
+            break
+        except OSError:
+            assert not os.path.exists(service.path)
+        finally:
+            resource.setrlimit(resource.RLIMIT_NOFILE, limits)
+    assert allowed > first_free
+    assert kservice.call(name, "x") == b"x:"
+    service.stop()
+
+
 def test_anybody_may_call(name):
     with kservice.Service(name, echo) as service:
         assert stat.S_IMODE(os.stat(service.path).st_mode) == 0o777

@@ -9,7 +9,7 @@ status_of() { # runs the rest, which ends at once, prints only its status
     echo $?
 }
 
-for script in scripts/* hostsim/enter hostsim/in_place hostsim/probe hostsim/smtp_sink; do
+for script in .ci/run scripts/* hostsim/enter hostsim/in_place hostsim/probe hostsim/smtp_sink; do
     check "$script --help" "$(status_of "$script" --help)" 0
     check "$script --help names it" "$(timeout 20 "$script" --help | grep -qF "$script" && echo named)" named
     check "$script --nope" "$(status_of "$script" --nope)" 2
@@ -18,6 +18,8 @@ check "what is refused is named" "$(timeout 20 scripts/demo --shell --nope 2>&1 
 check "an unknown preset" "$(status_of scripts/test nope)" 2
 check "an option without its value" "$(status_of scripts/test asan -R)" 2
 check "help after other words" "$(status_of scripts/test -R asan --help)" 0
+check "no number of seconds" "$(status_of scripts/fuzz)" 2
+check "an unknown fuzz target" "$(status_of scripts/fuzz 1 nope)" 2
 check "sources that nobody compiles" "$(status_of scripts/check-tidy README.md)" 2
 
 exit $failed

@@ -1,6 +1,7 @@
 // The road of an event: a host program posts a record, the real daemon relays it, a real notification service hears it.
 #include "daemon_process.h"
 #include "notify_listener.h"
+#include "stopped_process.h"
 #include "system_helpers.h"
 #include "unique_fd.h"
 
@@ -247,7 +248,7 @@ TEST_F(EventsSystemTest, AServiceThatNeverAnswersDelaysNeitherRequestsNorTheStop
 
     // Stopped in the middle of two calls that take their full time-out, with more to come. A record that has been taken
     // out of its queue is not called for yet: the call's socket is waited for.
-    kill(service.pid(), SIGSTOP);
+    const stopped_process stopped(service.pid());
     const size_t idle = sockets_of(daemon.pid());
     for (int i = 0; i < 4; ++i) {
         ASSERT_TRUE(post(kNotifyQueue, host_record::notification(1, 1, 1, "x")));
@@ -279,7 +280,7 @@ TEST_F(EventsSystemTest, AStoppedServiceWithoutRoomDelaysTheStopByOneCall) {
         return connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0; // and stays open
     };
     ASSERT_TRUE(wait_until(connected));
-    kill(service.pid(), SIGSTOP);
+    const stopped_process stopped(service.pid());
     ASSERT_TRUE(wait_until([&] { return !connected(); })) << "its backlog never filled up";
     for (int i = 0; i < 3; ++i) {
         ASSERT_TRUE(post(kEventQueue, host_record::event(1, "u", "c")));

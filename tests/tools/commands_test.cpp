@@ -110,6 +110,16 @@ TEST(KsctlCommandsTest, AnUnknownServiceIsAUsageError) {
     EXPECT_THAT(list.err, StartsWith("ksctl: --service: notify not in"));
 }
 
+TEST(KsctlDescribeTest, NamesANearCommandOnceAndTheServiceThatHasIt) {
+    const finished near = ksctl({"describe", "tesst"}); // both services have a "test"
+    EXPECT_EQ(near.status, 2);
+    EXPECT_EQ(near.err, "ksctl: no command tesst is known; did you mean test?\n");
+    const finished elsewhere = ksctl({"describe", "sendmail", "--service", "main"});
+    EXPECT_EQ(elsewhere.status, 2);
+    EXPECT_EQ(elsewhere.err, "ksctl: VexHubServer-vexprod is not known to have a command sendmail; mail "
+                             "(VexHubServer_send_mail-vexprod) has it\n");
+}
+
 // Answers with the command that it was sent.
 int serve(const char* command, ks_io* io, int fd) {
     const std::string_view reply = command;

@@ -49,6 +49,7 @@ TEST(CompletionTest, FirstComesASubcommand) {
 TEST(CompletionTest, ServicesAndTheirCommands) {
     EXPECT_THAT(complete({"call", "ma"}), ElementsAre("main", "mail"));
     EXPECT_THAT(complete({"wait", "VexHubServer_n"}), ElementsAre("VexHubServer_notify-vexprod"));
+    EXPECT_THAT(complete({"conform", "ma"}), ElementsAre("main", "mail"));
     EXPECT_THAT(complete({"call", "mail", ""}), ElementsAre("test", "sendmail"));
     EXPECT_THAT(complete({"call", "VexHubServer-vexprod", "get_vpd_e"}),
                 ElementsAre("get_vpd_eepkey", "get_vpd_ext_area"));
@@ -104,7 +105,7 @@ TEST(CompletionTest, FishHasThem) {
     };
     EXPECT_THAT(words("ksctl cal"), ElementsAre("call\tCall a service and print its reply"));
     EXPECT_THAT(words("ksctl call mail "), ElementsAre("sendmail\tGives a prepared mail to the host's mail program.",
-                                                       "test\tTells that the mail service answers."));
+                                                       "test\tChecks that the mail service answers."));
     EXPECT_THAT(words("ksctl call main get_sess_id "), SizeIs(1));
 }
 

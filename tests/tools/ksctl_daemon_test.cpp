@@ -5,6 +5,7 @@
 #include "documented_calls.h"
 #include "host_tool.h"
 #include "run_program.h"
+#include "stopped_process.h"
 #include "unique_fd.h"
 
 #include <gmock/gmock.h>
@@ -167,12 +168,11 @@ TEST_F(KsctlDaemonTest, DoctorFindsADaemonThatIsGone) {
 }
 
 TEST_F(KsctlDaemonTest, DoctorFindsADaemonThatDoesNotAnswer) {
-    ASSERT_EQ(kill(daemon_.pid(), SIGSTOP), 0);
+    const stopped_process stopped(daemon_.pid());
     const finished doctor = ksctl({"doctor"});
     EXPECT_EQ(doctor.status, 20);
     EXPECT_THAT(doctor.out, HasSubstr("BAD   main service: time-out: VexHubServer-vexprod took no request within 5 s\n"
                                       "      remedy: see whether vexprod is stopped "));
-    EXPECT_EQ(kill(daemon_.pid(), SIGCONT), 0);
 }
 
 TEST_F(KsctlDaemonTest, DoctorTellsOfTheLastCrash) {
@@ -199,7 +199,7 @@ TEST_F(KsctlDaemonTest, DoctorFindsARecordThatBlocksItsQueue) {
     EXPECT_EQ(doctor.status, 20);
     EXPECT_THAT(doctor.out,
                 ContainsRegex("BAD   event-log queue 65522: 1 records wait and none is taken; last posted by "
-                              "process [0-9]+ \\([^\n]*\\) at [^\n]*\n      remedy: see docs/events.md"));
+                              "process [0-9]+ \\([^\n]*\\) at [^\n]*\n      remedy: see vexprod-events\\(7\\)"));
     EXPECT_THAT(doctor.out, HasSubstr("ok    notification queue 65521: empty"));
     EXPECT_EQ(msgctl(queue, IPC_RMID, nullptr), 0);
 }

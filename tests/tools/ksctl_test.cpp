@@ -374,6 +374,24 @@ TEST_F(KsctlTest, CallGivesUpAfterFiveSecondsAtLeastWithStatus11) {
     EXPECT_LT(took, std::chrono::seconds(15));
 }
 
+// Connecting counts, too, and goes on when the library gives it up.
+TEST_F(KsctlTest, CallTimesOutWhileTheBacklogIsFull) {
+    raw_service full(folder_ + "/s");
+    std::vector<int> callers;
+    do {
+        callers.push_back(try_to_connect(folder_ + "/s"));
+    } while (callers.back() >= 0);
+    callers.pop_back();
+    const auto begin = std::chrono::steady_clock::now();
+    const finished call = ksctl({"call", name_, "echo", "--timeout", "6"});
+    EXPECT_EQ(call.status, 11);
+    EXPECT_EQ(call.err, "ksctl: time-out: " + name_ + " took no request within 6 s\n");
+    EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::seconds(6));
+    for (const int caller : callers) {
+        close(caller);
+    }
+}
+
 TEST_F(KsctlTest, TimeoutZeroWaitsWithoutALimit) {
     start_service(name_);
     const finished call = ksctl({"call", name_, "late", "--timeout", "0"});
@@ -392,7 +410,8 @@ TEST_F(KsctlTest, CheckedCallTellsAReplyThatSaysFailure) {
         EXPECT_THAT(call.err, IsEmpty());
         EXPECT_EQ(ksctl({"call", name_, "echo", reply}).status, 0) << reply;
     }
-    for (const char* reply : {R"({"result":0,"error_code":0})", R"({"result":"text"})", "text", "-1", "[1]", ""}) {
+    for (const char* reply :
+         {R"({"result":0,"error_code":0})", R"({"result":0.0})", R"({"result":"text"})", "text", "-1", "[1]", ""}) {
         EXPECT_EQ(ksctl({"call", name_, "echo", "--check", "--", reply}).status, 0) << reply;
     }
 }
@@ -503,6 +522,14 @@ TEST_F(KsctlTest, FullServiceIsListedAndNotTakenForAccepting) {
     EXPECT_EQ(ksctl({"list"}).out, "/var/run/ks/A9993E36.sock   full  -\n");
     EXPECT_EQ(ksctl({"wait", "abc", "--timeout", "0.1"}).status, 11);
     EXPECT_EQ(ksctl({"listen", "abc"}).status, 1);
+    const std::string untaken = "time-out: abc took no request within 5 s\n";
+    const finished call = ksctl({"call", "abc", "echo", "--timeout", "5"});
+    EXPECT_EQ(call.status, 11);
+    EXPECT_EQ(call.err, "ksctl: " + untaken);
+    const finished ping = ksctl({"ping", "abc", "-c", "1", "--timeout", "5"});
+    EXPECT_EQ(ping.status, 11);
+    EXPECT_EQ(ping.err, "ksctl: 1: " + untaken);
+    EXPECT_EQ(ping.out, "1 calls, 0 answered\n");
     for (const int caller : callers) {
         close(caller);
     }
@@ -705,6 +732,7 @@ TEST_F(KsctlTest, WrongUsageIsStatus2) {
                                                       {"unknown"},
                                                       {"call", name_, "a", "b", "c"},
                                                       {"wait", name_, "--timeout", "-1"},
+                                                      {"wait", name_, "--timeout", "nan"},
                                                       {"ping", name_, "-c", "0"},
                                                       {"call", name_, "a", "--timeout", "x"}}) {
         const finished wrong = ksctl(arguments);

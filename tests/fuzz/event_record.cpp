@@ -1,0 +1,8 @@
+// Records of the event-log queue, through the relay to the package's notification service.
+#include "record.h"
+#include "relays.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    relay_record(data, size, kEventLogBodySize, eventlog_handler);
+    return 0;
+}
