@@ -41,6 +41,11 @@ void run_on_own_thread(request_thread* request) {
     } // else the request ends without a reply
 }
 
+// KEPT: one for all requests, unguarded.
+void set_standard_output(int fd) {
+    dup2(fd, STDOUT_FILENO);
+}
+
 int dispatch(std::span<const command_entry> table, const char* command, ks_io* io, int fd) {
     const command_entry* entry = find(table, command);
     if (entry == nullptr || entry->handler == nullptr) {
@@ -54,14 +59,14 @@ int dispatch(std::span<const command_entry> table, const char* command, ks_io* i
     }
     request_thread request = {fd, io, entry->command, entry->handler};
     if (fd >= 0) {
-        dup2(fd, STDOUT_FILENO);
+        set_standard_output(fd);
         // Closes the descriptor and leaves "/dev/null" at its number for the second close() below. An empty number
         // could be taken by another request's descriptor meanwhile, and that one would be closed instead.
         dup3(null_device, fd, O_CLOEXEC);
     }
     run_on_own_thread(&request);
     (void)fflush(stdout); // what the handler printed belongs to its caller
-    dup2(null_device, STDOUT_FILENO);
+    set_standard_output(null_device);
     if (fd >= 0) {
         close(fd); // KEPT: closed once more
     }
