@@ -818,49 +818,49 @@ TEST(ProducerRestartTest, WaitingCallerWhoseSpeechCausedTheHandOverIsShutDown) {
     EXPECT_THAT(said.text(), testing::HasSubstr(" WIFSIGNALED=9, restart it.\n"));
 }
 
+// Two consumers that have died with a request each, which nobody has noticed yet, and two callers that wait.
+struct two_dead_consumers {
+    two_dead_consumers() {
+        kill_and_await_death(first_server, SIGKILL);
+        kill_and_await_death(second_server, SIGKILL);
+    }
+
+    gate here;
+    gate* const held_here = held = &here; // before there is a request
+    service one{3, 2, hold};
+    size_t sockets = support::open_sockets();
+    held_request first{one.path()};
+    pid_t first_server = *server;
+    held_request second{one.path()};
+    pid_t second_server = *server;
+    std::unique_ptr<raw_caller> third = accepted_caller(one.path(), sockets + 4); // the others' are with the consumers
+    std::unique_ptr<raw_caller> fourth = accepted_caller(one.path(), sockets + 6);
+};
+
 // Dead consumers are noticed by the next event only. When that comes, all who wait and can be served are, although it
 // was one event: here a newcomer, and two that waited.
 TEST(ProducerRestartTest, OneEventHandsOverToAllThatAreFree) {
-    captured_stderr said;
-    gate here;
-    held = &here;
-    const service one(3, 2, hold);
-    const size_t sockets = support::open_sockets();
-    held_request first(one.path());
-    const pid_t first_server = *server;
-    held_request second(one.path());
-    const pid_t second_server = *server;
-    const auto third = accepted_caller(one.path(), sockets + 4); // the others' are with the consumers
-    const auto fourth = accepted_caller(one.path(), sockets + 6);
-    kill_and_await_death(first_server, SIGKILL);
-    kill_and_await_death(second_server, SIGKILL);
-    const raw_caller newcomer(one.path());
-    EXPECT_TRUE(third->invited());
-    EXPECT_TRUE(fourth->invited());
-    third->close();
+    const captured_stderr said;
+    const two_dead_consumers now;
+    const raw_caller newcomer(now.one.path());
+    ASSERT_TRUE(now.third->invited());
+    // Its worker has work, so that nothing else happens that would be an event, and it need not give way.
+    const support::descriptor file = support::memory_file();
+    ASSERT_TRUE(now.third->send(make_record(8, 0, "c")) && now.third->send_fds({file.get()}) && now.here.await());
+    EXPECT_TRUE(now.fourth->invited());
+    now.here.open();
     EXPECT_TRUE(newcomer.invited());
 }
 
 // The same when the event is what the second of those who wait has said.
 TEST(ProducerRestartTest, CallerThatSpokeIsHandedOverBesideTheOneBeforeIt) {
-    captured_stderr said;
-    gate here;
-    held = &here;
-    const service one(3, 2, hold);
-    const size_t sockets = support::open_sockets();
-    held_request first(one.path());
-    const pid_t first_server = *server;
-    held_request second(one.path());
-    const pid_t second_server = *server;
-    const auto third = accepted_caller(one.path(), sockets + 4);
-    const auto fourth = accepted_caller(one.path(), sockets + 6);
-    kill_and_await_death(first_server, SIGKILL);
-    kill_and_await_death(second_server, SIGKILL);
-    ASSERT_TRUE(fourth->send(make_record(8)));
-    EXPECT_TRUE(third->invited());
-    EXPECT_TRUE(dropped(*fourth)); // the new consumer may be quicker than the shut-down
-    third->close();
-    EXPECT_TRUE(raw_caller(one.path()).invited());
+    const captured_stderr said;
+    const two_dead_consumers now;
+    ASSERT_TRUE(now.fourth->send(make_record(8)));
+    EXPECT_TRUE(now.third->invited());
+    EXPECT_TRUE(dropped(*now.fourth)); // the new consumer may be quicker than the shut-down
+    now.third->close();
+    EXPECT_TRUE(raw_caller(now.one.path()).invited());
 }
 
 // A descriptor that somebody else opens between the early shut-down and the echo must not be the one that is closed.
