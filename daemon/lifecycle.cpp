@@ -54,7 +54,7 @@ constexpr unsigned kCrashSeconds = 10;
 constexpr int kExitRefused = -1;
 constexpr int kExitNoService = -2;
 
-int g_IsDaemonize = 0;
+int g_IsDaemonize;     // option -d
 int g_IsTerminate = 0; // written by a signal handler, read by the loop: through set_terminate() and is_terminate() only
 ks_handle* ks_service_handle = nullptr;
 ks_handle* ks_send_mail_service_handle = nullptr;

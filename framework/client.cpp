@@ -178,7 +178,7 @@ void end_connection(const requests& of, ks_io* io) {
 // Advances the requests by one event, see ks_epoll_perform(). A directive of an unknown type does not count: the wait
 // restarts with the whole of `timeout_ms`.
 ks_io* perform(const requests& of, unsigned timeout_ms, unsigned* ret_code) {
-    uint32_t events = 0;
+    uint32_t events{};
     while (ks_io* io = wait_for_event(of, timeout_ms, &events)) {
         switch (advance(events, io, ret_code)) {
         case step::waits:
@@ -313,7 +313,7 @@ unsigned ks_epoll_call(ks_epoll* epoll, const char* name, const char* command, k
 
 ks_io* ks_epoll_perform(ks_epoll* epoll, unsigned timeout_ms, unsigned* status) {
     KS_REQUIRE(is_epoll(epoll), KS_EPOLL_TEXT, "cannot perform incorrect ks_epoll %p", (void*)epoll);
-    unsigned ignored = 0;
+    unsigned ignored{};
     unsigned* code = status != nullptr ? status : &ignored;
     ks_io* io = perform({epoll, nullptr}, timeout_ms, code);
     if (io != nullptr) {

@@ -178,7 +178,7 @@ void dispatch(producer* p) {
     while (p->waiting > 0) {
         ks_worker* candidate = &p->handle->worker[at];
         if ((candidate->flags & KS_PROCESS_MODE) != 0) {
-            int status = 0;
+            int status{};
             if (waitpid(candidate->id.pid, &status, WNOHANG) != 0) {
                 restart_consumer(p, candidate, status);
             }
