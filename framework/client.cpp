@@ -8,7 +8,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <climits>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
@@ -228,15 +227,17 @@ bool store(ks_io* io, const payload& request) {
 unsigned call(const char* name, const char* command, ks_io* io, const payload& request, unsigned timeout_s,
               int passfd) {
     const int64_t begin = ks::now_ms();
-    const int64_t give_up_at = begin + (int64_t)std::max(timeout_s, kMinimumTimeoutS) * 1000;
+    const int64_t allowed = (int64_t)std::max(timeout_s, kMinimumTimeoutS) * 1000;
+    const int64_t give_up_at = begin + allowed;
     unsigned code = open_request(name, command, io, passfd, give_up_at);
     if (code == KS_OK && !store(io, request)) {
         code = KS_DISCONNECTED;
     }
     if (code == KS_OK) {
-        // Less than all only when the backlog was full.
-        int64_t remaining = std::max<int64_t>(give_up_at - ks::now_ms(), 0);
-        while (perform({nullptr, io}, (unsigned)std::min<int64_t>(remaining, UINT_MAX), &code) == nullptr) {
+        int64_t remaining = allowed;
+        // Connecting has taken some of the first wait's time. After a pass, `remaining` is never the longer of the two.
+        while (perform({nullptr, io}, (unsigned)std::min<int64_t>(remaining, ks::wait_time(give_up_at)), &code) ==
+               nullptr) {
             // KEPT: each pass takes the whole time since the start off the budget, not just its own, so a request that
             // waited for a worker has less than the clock says. Callers have tuned their time-outs to it.
             const int64_t elapsed = ks::now_ms() - begin;
