@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
@@ -28,6 +29,7 @@ namespace {
 
 constexpr uint8_t kUnknownType = 200;
 constexpr std::string_view kReply("a reply\0with a NUL and without a newline", 40);
+constexpr size_t kMostOutput = size_t{16} << 20; // many times the largest reply that a client is given here
 
 // A client program that runs, and its standard output. Killed at scope end if it has not ended.
 class program {
@@ -70,12 +72,12 @@ public:
     [[nodiscard]] int error() const { return error_; }
     [[nodiscard]] int output() const { return output_.get(); }
 
-    // Reads its output to the end and collects it. Nothing = it does not end.
+    // Reads its output to the end and collects it. Nothing = it does not end in time, or printing without end.
     std::optional<int> end(std::string* output) {
+        const auto deadline = std::chrono::steady_clock::now() + patience;
         std::array<char, 65536> chunk{};
         for (;;) {
-            pollfd watched = {output_.get(), POLLIN, 0};
-            if (TEMP_FAILURE_RETRY(poll(&watched, 1, static_cast<int>(patience.count()))) <= 0) {
+            if (output->size() > kMostOutput || !readable_by(deadline, output_.get())) {
                 return std::nullopt;
             }
             const ssize_t count = read(output_.get(), chunk.data(), chunk.size());
@@ -85,8 +87,7 @@ public:
             output->append(chunk.data(), static_cast<size_t>(count));
         }
         const unique_fd process(static_cast<int>(syscall(SYS_pidfd_open, pid_, 0))); // it may go on without its output
-        pollfd watched = {process.get(), POLLIN, 0};
-        if (process.ok() && TEMP_FAILURE_RETRY(poll(&watched, 1, static_cast<int>(patience.count()))) <= 0) {
+        if (process.ok() && !readable_by(deadline, process.get())) {
             return std::nullopt;
         }
         int status{};
@@ -96,6 +97,13 @@ public:
     }
 
 private:
+    static bool readable_by(std::chrono::steady_clock::time_point deadline, int fd) {
+        using std::chrono::milliseconds;
+        const auto left = std::chrono::ceil<milliseconds>(deadline - std::chrono::steady_clock::now());
+        pollfd watched = {fd, POLLIN, 0};
+        return TEMP_FAILURE_RETRY(poll(&watched, 1, static_cast<int>(std::max(left, milliseconds(0)).count()))) > 0;
+    }
+
     pid_t pid_ = -1;
     int error_ = 0;
     unique_fd output_;

@@ -728,6 +728,24 @@ TEST_F(KsctlTest, InterruptedPingDoesNotWaitForItsService) {
     over.notify_one();
 }
 
+// ---- conform
+
+// What conform says of a client that makes its call and goes on with `script`. It is not waited for beyond that.
+std::string first_trouble(const std::string& script, const std::string& timeout_s) {
+    running_program conform({KSCTL_PROGRAM, "conform", "--client", "--timeout", timeout_s, "--", "/bin/sh", "-c",
+                             R"("$0" call "$@"; )" + script, KSCTL_PROGRAM});
+    EXPECT_THAT(conform.read_line(), StartsWith("FAIL  "));
+    return conform.read_line();
+}
+
+TEST_F(KsctlTest, ConformWaitsForAClientsEndOnceOnly) {
+    EXPECT_EQ(first_trouble("while sleep 0.1; do echo retry; done", "1"), "      -> it did not end");
+}
+
+TEST_F(KsctlTest, ConformDoesNotKeepEndlessOutput) {
+    EXPECT_EQ(first_trouble("head -c 20000000 /dev/zero; exec sleep 60", "3600"), "      -> it did not end");
+}
+
 // ---- the command line itself
 
 TEST_F(KsctlTest, WrongUsageIsStatus2) {
