@@ -37,22 +37,25 @@ _log = logging.getLogger("kservice")
 class Request:
     """One request, as the handler has it. Valid until the handler returns."""
 
-    def __init__(self, command: str, connection: socket.socket, memory_file: int, extra_fd: Optional[int]) -> None:
+    def __init__(self, command: str, connection: socket.socket, received: list[int]) -> None:
         self.command = command
-        #: The caller's extra descriptor, closed when the handler has returned; None = there is none.
-        self.extra_fd = extra_fd
         credentials = connection.getsockopt(socket.SOL_SOCKET, socket.SO_PEERCRED, struct.calcsize("=iII"))
         self.pid: int
         self.uid: int
         self.gid: int
         self.pid, self.uid, self.gid = struct.unpack("=iII", credentials)
         self._connection = connection
-        self._memory_file = memory_file
+        self._received = received  # the memory file, and the extra descriptor until the handler takes it
 
     @property
     def body(self) -> bytes:
         """What the caller sent: a copy, which the caller cannot change any more."""
-        return _wire.read_all(self._memory_file)
+        return _wire.read_all(self._received[0])
+
+    def take_extra_fd(self) -> Optional[int]:
+        """The caller's extra descriptor, which is now the handler's to close, as os.fdopen() does; None = there is none
+        (any more). One that the handler does not take is closed when it has returned."""
+        return self._received.pop() if len(self._received) > 1 else None
 
     def alive(self) -> bool:
         """False once the caller has gone."""
@@ -253,34 +256,31 @@ class Service:
         message = _wire.receive_directive(caller)
         if message is None or message[0] != _wire.REQUEST:
             return
-        memory_file: Optional[int] = None
-        extra_fd: Optional[int] = None
+        received: list[int] = []  # who takes one out closes it
         try:
-            memory_file = self._receive_descriptor(caller, deadline)
-            if memory_file is None:
-                return
-            if message[1] & _wire.HAS_FD:
-                extra_fd = self._receive_descriptor(caller, deadline)
-                if extra_fd is None:
+            for _ in range(2 if message[1] & _wire.HAS_FD else 1):
+                fd = self._receive_descriptor(caller, deadline)
+                if fd is None:
                     return
-            if not _is_memory_file(memory_file):
+                received.append(fd)
+            if not _is_memory_file(received[0]):
                 return
             command = os.fsdecode(message[2 : 2 + _wire.LONGEST_COMMAND].split(b"\0", 1)[0])
-            self._answer(Request(command, caller, memory_file, extra_fd))
+            self._answer(Request(command, caller, received))
         finally:
-            for fd in (memory_file, extra_fd):
-                if fd is not None:
-                    with contextlib.suppress(OSError):  # the handler has closed it, or its file system complains
-                        os.close(fd)
+            while received:
+                with contextlib.suppress(OSError):  # its file system complains
+                    os.close(received.pop())
 
     def _answer(self, request: Request) -> None:
         try:
             reply = self._handler(request)
             if reply is None:
                 return
-            os.ftruncate(request._memory_file, 0)
-            os.lseek(request._memory_file, 0, os.SEEK_SET)
-            _wire.write_all(request._memory_file, reply.encode() if isinstance(reply, str) else reply)
+            memory_file = request._received[0]
+            os.ftruncate(memory_file, 0)
+            os.lseek(memory_file, 0, os.SEEK_SET)
+            _wire.write_all(memory_file, reply.encode() if isinstance(reply, str) else reply)
         except BaseException:  # costs this request only; SystemExit, too, would only end the worker
             _log.exception("%s: %s gave no reply", self.name, request.command)
             return
