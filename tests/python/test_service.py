@@ -174,6 +174,28 @@ def test_service_that_cannot_start_is_not_published(name):
     service.stop()
 
 
+@pytest.mark.parametrize("started", [0, 1, 2])
+def test_service_whose_threads_cannot_start_is_not_published(name, started, monkeypatch):
+    before = sorted(os.listdir("/proc/self/fd"))
+    service = kservice.Service(name, echo)
+    start, left = threading.Thread.start, iter(range(started))
+
+    def start_with_too_large_a_stack(thread):
+        if next(left, None) is None:
+            threading.stack_size(1 << 48)
+        start(thread)
+
+    with monkeypatch.context() as patched:
+        patched.setattr(threading.Thread, "start", start_with_too_large_a_stack)
+        with pytest.raises(RuntimeError, match="can't start new thread"):
+            service.start()
+        threading.stack_size(0)
+    assert not os.path.exists(service.path)
+    assert sorted(os.listdir("/proc/self/fd")) == before
+    with service:
+        assert kservice.call(name, "x") == b"x:"
+
+
 def test_anybody_may_call(name):
     with kservice.Service(name, echo) as service:
         assert stat.S_IMODE(os.stat(service.path).st_mode) == 0o777
