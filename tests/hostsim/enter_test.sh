@@ -40,6 +40,7 @@ check "not executable" "$(status_of "${enter[@]}" /etc/passwd)" 126
 check "no command" "$(status_of "${enter[@]}")" 2
 check "unknown option" "$(status_of "${enter[@]}" --nope true)" 2
 check "no such build folder" "$(status_of "$1" --build /nope true)" 2
+check "no such build folder in the environment" "$(HOSTSIM_BUILD=$scratch/no status_of "$1" true; ls "$scratch")" 2
 check "standard streams" "$(echo text | "${enter[@]}" sh -c 'cat; echo error >&2' 2>&1)" "text
 error"
 check "arguments" "$("${enter[@]}" printf '[%s]' 'two words' '' "*" -x)" "[two words][][*][-x]"
