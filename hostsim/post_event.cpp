@@ -10,6 +10,7 @@
 //
 // Exit status: 0 posted, 1 not posted (no queue, full queue), 2 bad arguments.
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <charconv>
@@ -117,16 +118,15 @@ bool put(std::vector<char>* record, const field& to, std::string_view text) {
     }
 }
 
-int usage() {
-    (void)fputs("usage: post_event log|conn|notify [--count N] [--wait] [OPTION VALUE]...\n", stderr);
+void print_usage(FILE* to) {
+    (void)fputs("usage: post_event log|conn|notify [--count N] [--wait] [OPTION VALUE]...\n", to);
     for (const kind& each : kinds()) {
-        (void)fprintf(stderr, "  %s:", each.name.data());
+        (void)fprintf(to, "  %s:", each.name.data());
         for (const field& option : each.fields) {
-            (void)fprintf(stderr, " %s", option.option.data());
+            (void)fprintf(to, " %s", option.option.data());
         }
-        (void)fputc('\n', stderr);
+        (void)fputc('\n', to);
     }
-    return kBadArguments;
 }
 
 struct order {
@@ -135,6 +135,7 @@ struct order {
     bool waits = false;
 };
 
+// False = an option is wrong, which has been reported.
 bool read_options(const kind& chosen, int argc, char** argv, order* ret) {
     for (int i = 2; i < argc; ++i) {
         const std::string_view option = argv[i];
@@ -142,26 +143,24 @@ bool read_options(const kind& chosen, int argc, char** argv, order* ret) {
             ret->waits = true;
             continue;
         }
+        const auto to = std::find_if(chosen.fields.begin(), chosen.fields.end(),
+                                     [&](const field& each) { return each.option == option; });
+        if (option != "--count" && to == chosen.fields.end()) {
+            (void)fprintf(stderr, "post_event: %s has no option %s; post_event --help lists them\n", chosen.name.data(),
+                          argv[i]);
+            return false;
+        }
         if (i + 1 == argc) {
+            (void)fprintf(stderr, "post_event: %s takes a value\n", argv[i]);
             return false;
         }
         const std::string_view value = argv[++i];
-        if (option == "--count") {
-            if (!parse(value, &ret->count)) {
+        if (option != "--count") {
+            if (!put(&ret->record, *to, value)) {
                 return false;
             }
-            continue;
-        }
-        bool known = false;
-        for (const field& each : chosen.fields) {
-            if (each.option == option) {
-                known = true;
-                if (!put(&ret->record, each, value)) {
-                    return false;
-                }
-            }
-        }
-        if (!known) {
+        } else if (!parse(value, &ret->count)) {
+            (void)fprintf(stderr, "post_event: --count: not a number of records: %s\n", argv[i]);
             return false;
         }
     }
@@ -189,6 +188,10 @@ int post(const kind& chosen, const order& what) {
 
 int main(int argc, char** argv) {
     const std::string_view name = argc > 1 ? argv[1] : "";
+    if (name == "-h" || name == "--help") {
+        print_usage(stdout);
+        return 0;
+    }
     for (const kind& chosen : kinds()) {
         if (chosen.name != name) {
             continue;
@@ -202,7 +205,11 @@ int main(int argc, char** argv) {
                 (void)put(&what.record, each, now);
             }
         }
-        return read_options(chosen, argc, argv, &what) ? post(chosen, what) : usage();
+        return read_options(chosen, argc, argv, &what) ? post(chosen, what) : kBadArguments;
     }
-    return usage();
+    if (argc > 1) {
+        (void)fprintf(stderr, "post_event: unknown kind: %s\n", argv[1]);
+    }
+    print_usage(stderr);
+    return kBadArguments;
 }

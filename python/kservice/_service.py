@@ -37,22 +37,25 @@ _log = logging.getLogger("kservice")
 class Request:
     """One request, as the handler has it. Valid until the handler returns."""
 
-    def __init__(self, command: str, connection: socket.socket, memory_file: int, extra_fd: Optional[int]) -> None:
+    def __init__(self, command: str, connection: socket.socket, received: list[int]) -> None:
         self.command = command
-        #: The caller's extra descriptor, closed when the handler has returned; None = there is none.
-        self.extra_fd = extra_fd
         credentials = connection.getsockopt(socket.SOL_SOCKET, socket.SO_PEERCRED, struct.calcsize("=iII"))
         self.pid: int
         self.uid: int
         self.gid: int
         self.pid, self.uid, self.gid = struct.unpack("=iII", credentials)
         self._connection = connection
-        self._memory_file = memory_file
+        self._received = received  # the memory file, and the extra descriptor until the handler takes it
 
     @property
     def body(self) -> bytes:
         """What the caller sent: a copy, which the caller cannot change any more."""
-        return _wire.read_all(self._memory_file)
+        return _wire.read_all(self._received[0])
+
+    def take_extra_fd(self) -> Optional[int]:
+        """The caller's extra descriptor, which is now the handler's to close, as os.fdopen() does; None = there is none
+        (any more). One that the handler does not take is closed when it has returned."""
+        return self._received.pop() if len(self._received) > 1 else None
 
     def alive(self) -> bool:
         """False once the caller has gone."""
@@ -99,45 +102,33 @@ class Service:
         self._stopping = False
         self._waiting: OrderedDict[int, socket.socket] = OrderedDict()
         self._changed = threading.Condition()  # guards the three above
-        self._threads: list[threading.Thread] = []
+        self._running: Optional[contextlib.ExitStack] = None  # undoes start()
 
     def start(self) -> None:
         """Publishes the service; returns once it can be called. Raises OSError when the socket cannot be made, and
-        RuntimeError when it runs already. A socket that somebody left behind at the path is replaced."""
-        if self._threads:
+        RuntimeError when it runs already or no thread can be started. A socket that somebody left behind at the path is
+        replaced."""
+        if self._running:
             raise RuntimeError(f"{self.name} runs already")
         self._stopping = False
-        with contextlib.ExitStack() as undo:
-            self._wake_reader, self._wake_writer = map(undo.enter_context, socket.socketpair())
-            self._poller = undo.enter_context(select.epoll())
+        with contextlib.ExitStack() as running:
+            self._wake_reader, self._wake_writer = map(running.enter_context, socket.socketpair())
+            self._poller = running.enter_context(select.epoll())
             self._poller.register(self._wake_reader, select.EPOLLIN)
-            self._listener = self._listen()  # last: what is published is served
-            undo.pop_all()
-        self._poller.register(self._listener, select.EPOLLIN)
-        self._threads = [threading.Thread(target=self._accept_callers, name=f"{self.name} accept", daemon=True)]
-        for index in range(self._workers):
-            self._threads.append(threading.Thread(target=self._work, name=f"{self.name} {index}", daemon=True))
-        for thread in self._threads:
-            thread.start()
+            running.callback(self._drop_waiting)
+            for index in range(self._workers):
+                self._start_thread(running, self._work, str(index))
+            self._listener = running.enter_context(socket.socket(socket.AF_UNIX, socket.SOCK_STREAM))
+            self._start_thread(running, self._accept_callers, "accept")
+            self._publish(running)  # last: what is published is served
+            self._running = running.pop_all()
 
     def stop(self) -> None:
         """Withdraws the socket, ends the workers after their current request and waits for them. Does nothing on a
         service that does not run. Not for the service's own handler."""
-        if not self._threads:
-            return
-        with self._changed:
-            self._stopping = True
-            self._changed.notify_all()
-        self._wake_writer.send(b"\0")
-        for thread in self._threads:
-            thread.join()
-        self._threads = []
-        for waiting in self._waiting.values():
-            waiting.close()
-        self._waiting.clear()
-        self._poller.close()
-        self._wake_reader.close()
-        self._wake_writer.close()
+        if self._running:
+            self._running.close()
+            self._running = None
 
     def pause(self) -> None:
         """Turns new callers away; those already waiting keep their place."""
@@ -156,23 +147,40 @@ class Service:
     def __exit__(self, *_: object) -> None:
         self.stop()
 
-    def _listen(self) -> socket.socket:
+    def _start_thread(self, running: contextlib.ExitStack, target: Callable[[], None], name: str) -> None:
+        thread = threading.Thread(target=target, name=f"{self.name} {name}", daemon=True)
+        thread.start()
+        running.callback(self._end_thread, thread)
+
+    def _end_thread(self, thread: threading.Thread) -> None:
+        with self._changed:
+            self._stopping = True
+            self._changed.notify_all()
+        self._wake_writer.shutdown(socket.SHUT_WR)
+        thread.join()
+
+    def _drop_waiting(self) -> None:
+        for waiting in self._waiting.values():
+            waiting.close()
+        self._waiting.clear()
+
+    def _publish(self, running: contextlib.ExitStack) -> None:
         with contextlib.suppress(OSError):  # one level only; bind() tells what is missing above
             os.mkdir(os.path.dirname(self.path), 0o755)
         with contextlib.suppress(FileNotFoundError):
             if not stat.S_ISSOCK(os.lstat(self.path).st_mode):
                 raise FileExistsError(f"{self.path} is no socket")
             os.unlink(self.path)
-        listener = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
-        try:
-            listener.setblocking(False)
-            listener.bind(self.path)
-            os.chmod(self.path, 0o777)  # any local user may call
-            listener.listen(_BACKLOG)
-        except OSError:
-            listener.close()
-            raise
-        return listener
+        self._listener.setblocking(False)
+        self._listener.bind(self.path)
+        running.callback(self._withdraw)
+        os.chmod(self.path, 0o777)  # any local user may call
+        self._listener.listen(_BACKLOG)
+        self._poller.register(self._listener, select.EPOLLIN)
+
+    def _withdraw(self) -> None:
+        with contextlib.suppress(OSError):
+            os.unlink(self.path)
 
     # ---- the accepting thread
 
@@ -181,16 +189,13 @@ class Service:
             events = dict(self._poller.poll())
             with self._changed:
                 if self._stopping:
-                    break
+                    return
                 for fd in events:
                     if fd in self._waiting:  # only a hang-up is reported
                         self._poller.unregister(fd)
                         self._waiting.pop(fd).close()
             if self._listener.fileno() in events:
                 self._accept()
-        with contextlib.suppress(OSError):
-            os.unlink(self.path)
-        self._listener.close()
 
     def _accept(self) -> None:
         try:
@@ -253,34 +258,31 @@ class Service:
         message = _wire.receive_directive(caller)
         if message is None or message[0] != _wire.REQUEST:
             return
-        memory_file: Optional[int] = None
-        extra_fd: Optional[int] = None
+        received: list[int] = []  # who takes one out closes it
         try:
-            memory_file = self._receive_descriptor(caller, deadline)
-            if memory_file is None:
-                return
-            if message[1] & _wire.HAS_FD:
-                extra_fd = self._receive_descriptor(caller, deadline)
-                if extra_fd is None:
+            for _ in range(2 if message[1] & _wire.HAS_FD else 1):
+                fd = self._receive_descriptor(caller, deadline)
+                if fd is None:
                     return
-            if not _is_memory_file(memory_file):
+                received.append(fd)
+            if not _is_memory_file(received[0]):
                 return
             command = os.fsdecode(message[2 : 2 + _wire.LONGEST_COMMAND].split(b"\0", 1)[0])
-            self._answer(Request(command, caller, memory_file, extra_fd))
+            self._answer(Request(command, caller, received))
         finally:
-            for fd in (memory_file, extra_fd):
-                if fd is not None:
-                    with contextlib.suppress(OSError):  # the handler has closed it, or its file system complains
-                        os.close(fd)
+            while received:
+                with contextlib.suppress(OSError):  # its file system complains
+                    os.close(received.pop())
 
     def _answer(self, request: Request) -> None:
         try:
             reply = self._handler(request)
             if reply is None:
                 return
-            os.ftruncate(request._memory_file, 0)
-            os.lseek(request._memory_file, 0, os.SEEK_SET)
-            _wire.write_all(request._memory_file, reply.encode() if isinstance(reply, str) else reply)
+            memory_file = request._received[0]
+            os.ftruncate(memory_file, 0)
+            os.lseek(memory_file, 0, os.SEEK_SET)
+            _wire.write_all(memory_file, reply.encode() if isinstance(reply, str) else reply)
         except BaseException:  # costs this request only; SystemExit, too, would only end the worker
             _log.exception("%s: %s gave no reply", self.name, request.command)
             return

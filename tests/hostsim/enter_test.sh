@@ -40,6 +40,7 @@ check "not executable" "$(status_of "${enter[@]}" /etc/passwd)" 126
 check "no command" "$(status_of "${enter[@]}")" 2
 check "unknown option" "$(status_of "${enter[@]}" --nope true)" 2
 check "no such build folder" "$(status_of "$1" --build /nope true)" 2
+check "no such build folder in the environment" "$(HOSTSIM_BUILD=$scratch/no status_of "$1" true; ls "$scratch")" 2
 check "standard streams" "$(echo text | "${enter[@]}" sh -c 'cat; echo error >&2' 2>&1)" "text
 error"
 check "arguments" "$("${enter[@]}" printf '[%s]' 'two words' '' "*" -x)" "[two words][][*][-x]"
@@ -187,10 +188,6 @@ old
 old
 0
 none left"
-check "in place: a killed run is put back by the next" "$(in_place '
-    machine >/root/before
-    "$@" sh -c "rm /etc/old; touch /tmp/new /root/ready; sleep 1000" & until [ -e /root/ready ]; do sleep 0.05; done
-    kill -KILL $!; wait $! 2>/dev/null; "$@" true; machine >/root/after; diff /root/before /root/after && echo same')" same
 check "in place: what a killed run had copied in part is not put back" "$(in_place '
     mkdir /root/bin; cat >/root/bin/cp <<-"END"
 		#!/bin/sh
@@ -203,6 +200,75 @@ check "in place: what a killed run had copied in part is not put back" "$(in_pla
     PATH=/root/bin:$PATH "$@" true; echo $?
     "$@" true; machine >/root/after; diff /root/before /root/after && echo same' 2>/dev/null)" "137
 same"
+check "in place: what is of another kind or mode than before" "$(in_place '
+    mkdir -p /etc/kinds/file /etc/kinds/gone /etc/kinds/open /etc/kinds/link; echo in >/etc/kinds/file/in
+    chown 5:6 /etc/kinds/gone; chmod 2750 /etc/kinds/gone; chmod 700 /etc/kinds/open; echo text >/etc/kinds/text
+    owners() { find /etc/kinds -printf "%p %U:%G %m %l\n" | sort; }; owners >/root/owners
+    machine >/root/before
+    "$@" sh -c "cd /etc/kinds; rm -r file gone link; touch file; chmod 755 open; ln -s /root link; rm text; mkdir text"
+    echo $?; machine >/root/after; diff /root/before /root/after; owners | diff /root/owners -
+    cat /etc/kinds/file/in /etc/kinds/text; ls /root/owners')" "0
+in
+text
+/root/owners"
+check "in place: what was mounted meanwhile is left alone" "$(in_place '
+    mkdir /root/data /root/share; echo mine | tee /root/data/file >/root/share/file; echo mine >/root/etc_file
+    "$@" sh -c "mkdir -p /run/media/stick /run/media/new; mount --bind /root/data /run/media/stick
+        mount --bind /root/share /share; mount --bind /root/etc_file /etc/old"; echo $?
+    cat /root/data/file /root/share/file /root/etc_file; ls /run/media; umount /etc/old; cat /etc/old' 2>&1 | sort)" "0
+hostsim/enter: /etc/old was mounted meanwhile; it is left alone
+hostsim/enter: /run/media/stick was mounted meanwhile; it is left alone
+mine
+mine
+mine
+old
+stick"
+# Sent to all, as by a terminal, but by a process: the command may get it twice.
+check "in place: an interrupt ends the command and what it left running" "$(in_place '
+    for run in 1 2 3; do
+        rm -f /root/ready
+        setsid env --default-signal=INT "$@" sh -c "sleep 1000 & : >/root/ready; wait" & pid=$!
+        until [ -e /root/ready ]; do sleep 0.01; done
+        kill -INT -- -$pid; wait $pid; echo $?; grep -lx sleep /proc/[0-9]*/comm
+    done 2>&1 | sort | uniq -c | tr -s " "')" " 3 130"
+check "in place: a signal before the command starts" "$(in_place '
+    mkdir /root/bin; printf "#!/bin/sh\nkill -TERM \$PPID; exec /bin/cp \"\$@\"\n" >/root/bin/cp; chmod +x /root/bin/cp
+    machine >/root/before
+    PATH=/root/bin:$PATH "$@" echo started; echo $?; machine >/root/after; diff /root/before /root/after && echo same')" "143
+same"
+# in_killed SCRIPT: the same as in_place, behind a run that was killed.
+in_killed() {
+    in_place 'machine >/root/before
+    "$@" sh -c "rm /etc/old; ipcmk -Q >/dev/null; setsid sleep 1000 & touch /tmp/new /root/ready; exec sleep 1000" &
+    until [ -e /root/ready ]; do sleep 0.05; done; kill -KILL $!; wait $! 2>/dev/null
+    left() { machine >/root/after; diff /root/before /root/after; ipcs -q | grep -c 0x; grep -lx sleep /proc/[0-9]*/comm
+        echo "none left"; }
+    '"$1"
+}
+check "in place: a killed run is put back and ended by the next" "$(in_killed '"$@" true; left')" "0
+none left"
+check "in place: or before something is installed" "$(in_killed 'scripts/setup >/dev/null 2>&1; left')" "0
+none left"
+check "in place: and leaves the project that does it" "$(in_killed 'mkdir -p /tmp/new_one/project
+    cp -r hostsim /tmp/new_one/project; touch /tmp/new_one/file; cd /; /tmp/new_one/project/hostsim/in_place --put-back
+    ls /tmp/new_one /tmp/new_one/project/hostsim/in_place')" "/tmp/new_one/project/hostsim/in_place
+
+/tmp/new_one:
+project"
+check "in place: what cannot be put back is kept for the next run" "$(in_place '
+    mkdir /root/bin; cat >/root/bin/cp <<-"END"
+		#!/bin/sh
+		case $2 in *before/etc/old) exit 1 ;; esac
+		exec /bin/cp "$@"
+	END
+    chmod +x /root/bin/cp
+    PATH=/root/bin:$PATH "$@" rm /etc/old /etc/vpd.conf 2>&1 | cut -d " " -f 2-6; cat /etc/old /etc/vpd.conf
+    "$@" true; cat /etc/old' 2>&1)" "/var/lib/hostsim-in-place/before/etc/old cannot be put back:
+cannot lay the host over
+cat: /etc/old: No such file or directory
+old
+old"
+check "in place: no command" "$(in_place 'hostsim/in_place . build >/dev/null 2>&1; echo $?')" 2
 check "in place: never without the word" "$("${enter[@]}" "${1%enter}in_place" "$PWD" "$build" true 2>&1; echo $?)" \
     "hostsim/enter: only root, and only with HOSTSIM_IN_PLACE=1, may overwrite this machine
 125"

@@ -199,6 +199,13 @@ def test_real_daemon_answers(daemon):
         kservice.call("VexHubServer-vexprod", "no_such_command")
 
 
+def test_program_knows_the_daemons_services_by_their_short_names(daemon):
+    environment = {**os.environ, "PYTHONPATH": os.path.dirname(os.path.dirname(kservice.__file__))}
+    for short, service in [("main", "VexHubServer-vexprod"), ("mail", "VexHubServer_send_mail-vexprod")]:
+        command = ["/usr/bin/python3", "-B", "-m", "kservice", short, "test"]
+        assert service in subprocess.run(command, env=environment, capture_output=True, text=True).stdout
+
+
 def test_module_is_a_program(name, c_service):
     command = ["/usr/bin/python3", "-B", "-m", "kservice"]
     environment = {**os.environ, "PYTHONPATH": os.path.dirname(os.path.dirname(kservice.__file__))}
@@ -208,13 +215,35 @@ def test_module_is_a_program(name, c_service):
 
     assert run(name, "echo", "text").stdout == "text"
     silent = run(name, "silent")
-    assert (silent.returncode, silent.stdout) == (15, "")
+    assert (silent.returncode, silent.stdout) == (18, "")
     assert silent.stderr == f"{name}: the connection ended without a reply\n"
-    assert run(name).returncode == 2
+    assert (run(name).returncode, run(name).stdout) == (2, "")
+    assert run(name, "c" * 257).returncode == 17
+    with raw_service(name + "2", lambda connection: None):
+        assert run(name + "2", "echo").returncode == 15
+    helped = run("--help")
+    assert (helped.returncode, helped.stderr) == (0, "")
+    assert "SERVICE COMMAND [REQUEST]" in helped.stdout
     assert subprocess.run([*command, name, "echo", b"\xff"], env=environment, capture_output=True).stdout == b"\xff"
     with open("/dev/full", "wb") as full:
         unprinted = subprocess.run([*command, name, "echo", "x"], env=environment, stdout=full, stderr=subprocess.PIPE)
     assert (unprinted.returncode, unprinted.stderr) == (1, b"python3 -m kservice: No space left on device\n")
+
+
+@pytest.mark.parametrize("closed", [0, 1, 2])
+def test_program_works_without_a_standard_stream(name, c_service, closed):
+    def run(service):
+        command = f'exec {closed}>&-; exec /usr/bin/python3 -B -m kservice "$0" echo text'
+        environment = {**os.environ, "PYTHONPATH": os.path.dirname(os.path.dirname(kservice.__file__))}
+        return subprocess.run(["sh", "-c", command, service], env=environment, capture_output=True, text=True)
+
+    answered, missing = run(name), run(name + "2")
+    assert missing.returncode == 12
+    assert missing.stdout == ""
+    if closed == 1:
+        assert (answered.returncode, answered.stderr) == (1, "python3 -m kservice: Bad file descriptor\n")
+    else:
+        assert (answered.returncode, answered.stdout, answered.stderr) == (0, "text", "")
 
 
 def test_many_signals_while_connecting_do_not_end_the_wait(name, full_listener):

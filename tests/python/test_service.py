@@ -67,7 +67,7 @@ def test_handler_without_a_reply(name, caplog):
 
 def test_request_knows_its_caller(name):
     def serve(request):
-        return f"{request.pid} {request.uid} {request.gid} {request.alive()} {request.extra_fd}"
+        return f"{request.pid} {request.uid} {request.gid} {request.alive()} {request.take_extra_fd()}"
 
     with kservice.Service(name, serve):
         assert kservice.call(name, "who").decode() == f"{os.getpid()} {os.getuid()} {os.getgid()} True None"
@@ -89,7 +89,9 @@ def test_handler_sees_that_the_caller_has_gone(name):
 
 def test_extra_descriptor(name, tmp_path):
     def serve(request):
-        os.write(request.extra_fd, b"printed")
+        with os.fdopen(request.take_extra_fd(), "wb") as output:
+            output.write(b"printed")
+        assert request.take_extra_fd() is None
         return ""
 
     with kservice.Service(name, serve):
@@ -121,14 +123,36 @@ def test_programs_that_the_handler_runs_inherit_nothing_of_the_caller(name):
     assert seen == before
 
 
-def test_handler_that_closes_the_extra_descriptor_costs_no_worker(name):
-    reader, writer = os.pipe()
-    with kservice.Service(name, lambda request: os.close(request.extra_fd), workers=1):
-        for _ in range(2):
-            with pytest.raises(kservice.NoReply):
-                kservice.call(name, "close", extra_fd=writer)
-    os.close(reader)
-    os.close(writer)
+def test_workers_side_by_side_close_what_is_theirs_alone(name):
+    def serve(request):  # a number that is closed twice is another worker's the second time
+        if request.command == "taken":
+            with os.fdopen(request.take_extra_fd(), "wb") as output:
+                output.write(b"x")
+        return request.command
+
+    wrong = []
+
+    def caller(command):
+        reader, writer = os.pipe()
+        for _ in range(100):
+            try:
+                assert kservice.call(name, command, extra_fd=writer, timeout=TIMEOUT) == command.encode()
+                assert command == "left" or os.read(reader, 2) == b"x"
+            except (AssertionError, kservice.CallError) as error:
+                wrong.append(error)
+                break
+        os.close(writer)
+        if os.read(reader, 1) != b"":  # returns when the service has closed all it got
+            wrong.append(command)
+        os.close(reader)
+
+    with kservice.Service(name, serve, workers=2):
+        callers = [threading.Thread(target=caller, args=(command,)) for command in ["taken"] * 4 + ["left"]]
+        for thread in callers:
+            thread.start()
+        for thread in callers:
+            thread.join()
+    assert wrong == []
 
 
 def test_service_that_cannot_start_is_not_published(name):
@@ -148,6 +172,28 @@ def test_service_that_cannot_start_is_not_published(name):
     assert allowed > first_free
     assert kservice.call(name, "x") == b"x:"
     service.stop()
+
+
+@pytest.mark.parametrize("started", [0, 1, 2])
+def test_service_whose_threads_cannot_start_is_not_published(name, started, monkeypatch):
+    before = sorted(os.listdir("/proc/self/fd"))
+    service = kservice.Service(name, echo)
+    start, left = threading.Thread.start, iter(range(started))
+
+    def start_with_too_large_a_stack(thread):
+        if next(left, None) is None:
+            threading.stack_size(1 << 48)
+        start(thread)
+
+    with monkeypatch.context() as patched:
+        patched.setattr(threading.Thread, "start", start_with_too_large_a_stack)
+        with pytest.raises(RuntimeError, match="can't start new thread"):
+            service.start()
+        threading.stack_size(0)
+    assert not os.path.exists(service.path)
+    assert sorted(os.listdir("/proc/self/fd")) == before
+    with service:
+        assert kservice.call(name, "x") == b"x:"
 
 
 def test_anybody_may_call(name):
