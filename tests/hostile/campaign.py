@@ -23,29 +23,26 @@ import random
 import select
 import signal
 import socket
-import struct
 import sys
 import tempfile
 import time
 from pathlib import Path
 
-sys.path.insert(0, str(Path(__file__).resolve().parents[2] / "python"))
+sys.path.insert(0, str(Path(__file__).resolve().parents[1] / "support"))
 
-import kservice  # noqa: E402
+import load  # noqa: E402
+from load import MAIL, MAIN, PATIENCE_S, SYSV  # noqa: E402
 from kservice import _wire  # noqa: E402
 
-MAIN, MAIL = "VexHubServer-vexprod", "VexHubServer_send_mail-vexprod"
 PATHS = {name: _wire.socket_path(name) for name in (MAIN, MAIL)}
 ACTORS = 6  # processes with bad sessions
 HONEST = 2  # processes with honest calls
-PATIENCE_S = 60  # nothing here takes longer unless the daemon is stuck
 COMMANDS = [
     "test", "exec_cli", "get_tvlounge_status", "system_call_log_tool", "system_conn_log_tool", "get_sess_id",
     "system_call_no_del_share_add", "get_vpd_productnamed", "get_vpd_ext_area", "is_generic_model",
     "system_call_cloud_analysis_send", "vex_auth_add_session", "get_sms_config", "get_all_users", "get_group_members",
     "system_call_nc_notify", "update_ip_ban_list", "get_hwsn", "reverse_proxy", "cmv_cli", "vex_agent_cli",
 ]  # fmt: skip
-SYSV = ctypes.CDLL(None, use_errno=True)
 
 
 # ---- The steps of a session --------------------------------------------------------------------------------------------
@@ -689,20 +686,13 @@ def tool_that_does_not_exist(it):
 # ---- Records and signals -----------------------------------------------------------------------------------------------
 
 
-def post(key, size, record_type, fill):
-    queue = SYSV.msgget(key, 0)
-    record = struct.pack("@l", record_type) + fill
-    if queue < 0 or SYSV.msgsnd(queue, record, ctypes.c_size_t(size), 0o4000) != 0:  # IPC_NOWAIT
-        return "queue full"
-    return "posted"
-
-
 @kind()
 def records_of_every_length_and_type(chance):
-    key, longest = chance.choice(((65521, 144), (65522, 2488)))
+    key, longest = chance.choice(list(load.RECORD_SIZE.items()))
     record_type = chance.choice((1, 1, 2, 2, 3, (1 << 63) - 1, chance.randrange(1, 1 << 40)))
     fill = chance.choice((bytes(longest), b"\xff" * longest, chance.randbytes(longest)))
-    return post(key, chance.randrange(longest + 1), record_type, fill)
+    body = fill[: chance.randrange(longest + 1)]
+    return "posted" if load.post(key, body, record_type) else "queue full"
 
 
 @kind(1)
@@ -744,51 +734,7 @@ def act(number, seed, sessions):
 
 
 def honest(number, seed):
-    """Calls with a nonce, until all others have done. How many, how many replies were wrong, and the longest wait."""
-    chance = random.Random(f"{seed}/honest/{number}")
-    calls, wrong, longest = 0, 0, 0.0
-    while not DONE.is_set():
-        nonce = f"{chance.getrandbits(64):016x}"
-        request = json.dumps({"command": ["/bin/echo", nonce]}).encode()
-        began = time.monotonic()
-        try:
-            reply = json.loads(kservice.call(MAIN, "exec_cli", request, timeout=PATIENCE_S))
-            right = reply["result"] == f"{nonce}\n"
-        except (kservice.CallError, ValueError, KeyError) as error:
-            right = False
-            if wrong < 5:
-                print(f"honest caller: {error!r}", file=sys.stderr)
-        longest = max(longest, time.monotonic() - began)
-        calls += 1
-        wrong += not right
-        time.sleep(0.002)
-    return calls, wrong, longest
-
-
-def held(pid):
-    """What the daemon holds: descriptors, threads, temporary files, resident KiB."""
-    status = dict(line.split(":\t", 1) for line in Path(f"/proc/{pid}/status").read_text().splitlines() if ":\t" in line)
-    return {
-        "descriptors": len(os.listdir(f"/proc/{pid}/fd")),
-        "threads": int(status["Threads"]),
-        "temporary files": len(list(Path("/tmp").glob("vexprod-*"))),
-        "resident KiB": int(status["VmRSS"].split()[0]),
-    }
-
-
-def settled(pid, wanted=None):
-    """The same once nothing is under way: as `wanted`, or as it stays for ten seconds."""
-    last = held(pid)
-    give_up = time.monotonic() + 10
-    while time.monotonic() < give_up:
-        if wanted and all(last[name] <= wanted[name] for name in wanted if name != "resident KiB"):
-            break
-        time.sleep(0.1 if wanted else 1)
-        now = held(pid)
-        if not wanted and now == last:
-            break
-        last = now
-    return last
+    return load.call_until(DONE, random.Random(f"{seed}/honest/{number}"), pause_s=0.002)
 
 
 def campaign(seed, sessions):
@@ -816,15 +762,14 @@ def main():
 
     # What the daemon keeps for good it has after the first ten thousand. A sanitizer keeps more and more.
     campaign(f"{arguments.seed}/first", min(10000, arguments.sessions // 10))
-    maps = Path(f"/proc/{DAEMON}/maps").read_text()
-    memory_settled = arguments.sessions >= 100000 and "libasan" not in maps and "libtsan" not in maps
-    before = settled(DAEMON)
+    memory_settled = arguments.sessions >= 100000 and not load.keeps_freed_memory(DAEMON)
+    before = load.settled(load.held_by_daemon, DAEMON)
     began = time.monotonic()
     outcomes, calls = campaign(arguments.seed, arguments.sessions)
     seconds = time.monotonic() - began
     try:
-        after = settled(DAEMON, before)
-    except FileNotFoundError:
+        after = load.settled(load.held_by_daemon, DAEMON, before)
+    except ProcessLookupError:
         sys.exit("hostile: the daemon has ended")
 
     failed = []
