@@ -2,8 +2,9 @@
  *
  * "echo" answers with the request, "who" with the caller's pid, uid and gid, "print" writes "printed" to the extra
  * descriptor, "stamp" the worker's pid, and answers with the request; "hold" answers when the caller has gone, all
- * others give no reply. Says "ready" on standard output. The lines "pause" and "resume" on standard input are obeyed and
- * answered with "done"; its end is the service's. Its workers are two threads, or as many processes as it is told. */
+ * others give no reply. Says "ready" on standard output. The lines "pause" and "resume" on standard input are obeyed
+ * and answered with "done"; its end is the service's. Its workers are two threads, or as many processes as it is told.
+ */
 #include "kservice.h"
 
 #include <stdlib.h>
@@ -24,16 +25,13 @@ static int serve(const char* command, ks_io* io, int fd) {
         (void)usleep(1000);
     }
     ks_io_realloc(io, 0);
-    if (strcmp(command, "echo") == 0) {
+    if (strcmp(command, "echo") == 0 || (strcmp(command, "stamp") == 0 && dprintf(fd, "%d", (int)getpid()) > 0)) {
         (void)ks_io_write(io, request, size);
         ks_reply(io);
     } else if (strcmp(command, "who") == 0) {
         ks_io_printf(io, "%d %u %u", (int)ks_io_pid(io), ks_io_uid(io), ks_io_gid(io));
         ks_reply(io);
     } else if (strcmp(command, "print") == 0 && write(fd, "printed", 7) == 7) {
-        ks_reply(io);
-    } else if (strcmp(command, "stamp") == 0 && dprintf(fd, "%d", (int)getpid()) > 0) {
-        (void)ks_io_write(io, request, size);
         ks_reply(io);
     }
     if (fd >= 0) {
