@@ -1,6 +1,6 @@
 """Bad sessions against the running daemon, mixed with honest callers; scripts/hostile starts it in a simulated host.
 
-    campaign.py SESSIONS [--seed N] --daemon PID
+    campaign.py SESSIONS [--seed N] --build DIR --daemon PID
 
 Each session is of a random kind. A kind is a function below: what it does wrong is its name and its first line. One
 process after the other draws from its own seeded sequence, so that a seed repeats a run but for the order in which
@@ -14,6 +14,7 @@ import argparse
 import array
 import collections
 import concurrent.futures
+import contextlib
 import ctypes
 import fcntl
 import json
@@ -23,6 +24,7 @@ import random
 import select
 import signal
 import socket
+import subprocess
 import sys
 import tempfile
 import time
@@ -495,6 +497,29 @@ def process_descriptor(it):
     return fd
 
 
+class SilentFile(Descriptor):
+    """A file whose file system says nothing any more. It goes before the file is closed, which would never end."""
+
+    def __init__(self):
+        self.holder = subprocess.Popen([SILENT_FILE], stdin=subprocess.PIPE, stdout=subprocess.PIPE)
+        number = int(self.holder.stdout.readline())
+        holder = os.pidfd_open(self.holder.pid)
+        super().__init__(SYSV.syscall(438, holder, number, 0))  # pidfd_getfd
+        os.close(holder)
+
+    def close(self):
+        self.holder.communicate()
+        with contextlib.suppress(OSError):  # there is none, or its file system has ended
+            super().close()
+
+
+def file_of_a_silent_file_system(it):
+    it.owned.append(SilentFile())
+    if it.owned[-1].fileno() < 0:
+        raise Ended("no FUSE to be had here")
+    return it.owned[-1].fileno()
+
+
 def epoll(it):
     poller = select.epoll()
     poller.register(it.socket)
@@ -506,6 +531,7 @@ AARCH64 = os.uname().machine == "aarch64"
 DESCRIPTORS = [
     full_pipe, pipe_to_read, plain_file, file_in_memory_by_name, read_only_memory_file, huge_memory_file, far_offset,
     own_end_of_a_pair, the_connection_itself, another_connection_to_the_daemon, process_descriptor, epoll,
+    file_of_a_silent_file_system,
     opened("/", os.O_RDONLY | os.O_DIRECTORY), opened("/dev/null", os.O_RDWR), opened("/dev/zero", os.O_RDWR),
     opened("/dev/full", os.O_RDWR), opened("/proc/self/mem", os.O_RDWR), opened("/tmp", os.O_PATH),
     opened("/proc/self/environ", os.O_RDONLY), sealed(0x2), sealed(0x4), sealed(0x8), sealed(0x10),
@@ -525,7 +551,10 @@ def something_else_as_the_memory_file(it):
 def something_odd_as_the_extra_descriptor(it):
     it.ask(flags=1)
     it.pass_fds(it.memory_file())
-    it.pass_fds(it.chance.choice(DESCRIPTORS)(it))
+    make = it.chance.choice(DESCRIPTORS)
+    it.pass_fds(make(it))
+    if make is file_of_a_silent_file_system:
+        return it.linger()  # its worker waits for that until we let go: no defence, see SECURITY.md
 
 
 @invited()
@@ -712,6 +741,7 @@ def daemon_stopped_and_continued(chance):
 # ---- The run -----------------------------------------------------------------------------------------------------------
 
 DAEMON = 0
+SILENT_FILE = ""  # the program
 DONE = multiprocessing.Event()
 
 
@@ -755,10 +785,12 @@ def main():
     parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("sessions", type=int, metavar="SESSIONS")
     parser.add_argument("--seed", type=int, default=1)
+    parser.add_argument("--build", required=True, metavar="DIR")
     parser.add_argument("--daemon", type=int, required=True, metavar="PID")
     arguments = parser.parse_args()
-    global DAEMON
+    global DAEMON, SILENT_FILE
     DAEMON = arguments.daemon
+    SILENT_FILE = f"{arguments.build}/tests/silent_file_for_others"
 
     # What the daemon keeps for good it has after the first ten thousand. A sanitizer keeps more and more.
     campaign(f"{arguments.seed}/first", min(10000, arguments.sessions // 10))
