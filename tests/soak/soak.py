@@ -99,23 +99,23 @@ class Heard:
     def __init__(self):
         self.last = dict.fromkeys(QUEUES, -1)
         self.records = 0
-        self.out_of_order = 0  # within a session not the next one, or an earlier one once more
-        self.missed = 0  # between two sessions
+        self.out_of_order = 0
+        self.dropped = 0  # not heard before a later one: nobody listened, or did not answer in time
         self.sessions = 0
 
-    def note(self, key, number, may_have_missed):
+    def note(self, key, number):
         self.records += 1
-        if may_have_missed and number > self.last[key]:
-            self.missed += number - self.last[key] - 1
-        elif number != self.last[key] + 1:
+        if number <= self.last[key]:
             self.out_of_order += 1
-        self.last[key] = number
+        else:
+            self.dropped += number - self.last[key] - 1
+            self.last[key] = number
 
     def all(self):
         return all(self.last[key] == POSTS[key].value for key in QUEUES)
 
 
-def listen_for(heard, ksctl, stay_s, may_have_missed):
+def listen_for(heard, ksctl, stay_s):
     """One session of so many seconds, None = to the end. True = all has been heard, or never will be."""
     listener = subprocess.Popen([ksctl, "listen", NOTIFY], stdout=subprocess.PIPE)
     subprocess.run([ksctl, "wait", NOTIFY, "--timeout", str(PATIENCE_S)], check=True)
@@ -132,13 +132,11 @@ def listen_for(heard, ksctl, stay_s, may_have_missed):
 
     conclusion = threading.Thread(target=conclude)
     conclusion.start()
-    heard_before = dict.fromkeys(QUEUES, not may_have_missed)
     for line in listener.stdout:
         command, text = line.split(b" ", 1)
         key = NOTIFICATIONS if command == b"notify_event" else EVENT_LOG
         number = int(json.loads(text)["evbus_extra_info" if key == NOTIFICATIONS else "content"])
-        heard.note(key, number, not heard_before[key])
-        heard_before[key] = True
+        heard.note(key, number)
         if final.is_set() and heard.all():
             heard_all.set()
     conclusion.join()
@@ -151,7 +149,7 @@ def hear_records(seed, stays, ksctl):
     """Hears the records, all in one session or coming and going. See Heard."""
     chance = random.Random(f"{seed}/listener")
     heard = Heard()
-    while not listen_for(heard, ksctl, None if stays else chance.uniform(0.1, 2), not stays):
+    while not listen_for(heard, ksctl, None if stays else chance.uniform(0.1, 2)):
         time.sleep(chance.random() / 10)
     return heard
 
@@ -308,7 +306,7 @@ SERVICE = None  # the WorkersService, if there is one
 class Totals:
     def __init__(self):
         self.calls, self.wrong, self.longest = 0, 0, 0.0
-        self.posted, self.heard, self.out_of_order, self.missed, self.unheard, self.sessions = 0, 0, 0, 0, 0, 0
+        self.posted, self.heard, self.out_of_order, self.dropped, self.unheard, self.sessions = 0, 0, 0, 0, 0, 0
         self.worker_calls, self.worker_wrong, self.lost, self.kills, self.other_reports = 0, 0, [], [], []
 
     def put_under_load(self, seed, ksctl, seconds=None, kills=None, records=None):
@@ -342,7 +340,7 @@ class Totals:
             for heard in (each.result() for each in listeners):
                 self.heard += heard.records
                 self.out_of_order += heard.out_of_order
-                self.missed += heard.missed
+                self.dropped += heard.dropped
                 self.sessions += heard.sessions
                 self.posted += sum(POSTS[key].value + 1 for key in QUEUES)
                 self.unheard += sum(POSTS[key].value - heard.last[key] for key in QUEUES)
@@ -363,7 +361,7 @@ def looks_of(daemon):
     return watched + ([("service", load.held, SERVICE.pid)] if SERVICE else [])
 
 
-def tell(totals, logged):
+def tell(totals, logged, comes_and_goes):
     """Prints the table. Returns what is not as it should be."""
     failed = []
 
@@ -377,17 +375,17 @@ def tell(totals, logged):
         row("  answered right", totals.calls - totals.wrong)
         row("  wrong or not answered", totals.wrong, 0)
         row("  longest wait, s", f"{totals.longest:.2f}")
+    lines, torn, of_records, rotations, unseen = logged
     if totals.posted:
         row("records posted", totals.posted)
-        row("  heard", totals.heard, totals.posted - totals.missed)
-        row("  dropped while nobody listened", totals.missed)
+        row("  heard", totals.heard, totals.posted - totals.dropped)
         row("  out of order", totals.out_of_order, 0)
         row("  lost at the end", totals.unheard, 0)
+        row("  dropped", totals.dropped, None if comes_and_goes else 0)
+        row("  of those without a line in the log", max(0, totals.dropped - of_records), None if unseen else 0)
         row("  sessions of the listener", totals.sessions)
-    lines, torn, of_records, rotations, unseen = logged
     row("lines logged", lines)
     row("  torn", torn, 0)
-    row("  of dropped records", of_records, totals.missed if unseen == 0 else None)
     row("rotations", rotations)
     row("  files that went unseen", unseen)
     if totals.kills:
@@ -443,7 +441,7 @@ def main():
             sys.exit(f"soak: {error}")
         finally:
             OVER.set()
-        failed = tell(totals, log.result())
+        failed = tell(totals, log.result(), size_of == "seconds")
         if arguments.samples:
             report = {"names": [name for name, *_ in watched], "samples": samples.result()}
             arguments.samples.write_text(json.dumps(report))
