@@ -86,7 +86,7 @@ def post_number(key, number):
 
 def post_records(key, limit):
     """Posts numbered records until `limit` or ENOUGH; POSTS tells how many."""
-    LISTENS.wait()
+    LISTENS.wait(PATIENCE_S)
     while POSTS[key].value < limit and not ENOUGH.is_set():
         if not post_number(key, POSTS[key].value):
             raise TimeoutError(f"queue {key} stays full")
@@ -315,21 +315,22 @@ class Totals:
             event.clear()
         for key in QUEUES:
             POSTS[key].value = 0
-        with concurrent.futures.ProcessPoolExecutor(20) as pool:
+        with concurrent.futures.ProcessPoolExecutor(CALLERS + WORKERS_CALLERS + 4) as pool:
             callers, posters, listeners, killers, worker_callers = [], [], [], [], []
             if seconds:
                 callers = [pool.submit(call_daemon, seed, number) for number in range(CALLERS)]
             if seconds or records:
                 listeners = [pool.submit(hear_records, seed, records is not None, ksctl)]
-                posters = [pool.submit(post_records, key, records // 2 if records else float("inf")) for key in QUEUES]
+                limit = records // 2 - 1 if records else float("inf")  # the listener posts one more
+                posters = [pool.submit(post_records, key, limit) for key in QUEUES]
             if seconds or kills:
                 worker_callers = [pool.submit(call_workers, seed, number) for number in range(WORKERS_CALLERS)]
                 killers = [pool.submit(kill_workers, seed, kills or float("inf"))]
-            if seconds:
+            if records:
+                concurrent.futures.wait(posters)
+            else:  # who ends before the time has failed, but for one who has killed enough
                 everything = callers + posters + listeners + killers + worker_callers
-                concurrent.futures.wait(everything, seconds, concurrent.futures.FIRST_EXCEPTION)
-            else:
-                concurrent.futures.wait(posters + killers)
+                concurrent.futures.wait(everything, seconds, concurrent.futures.FIRST_COMPLETED)
             ENOUGH.set()
             concurrent.futures.wait(posters)
             POSTED.set()
@@ -382,7 +383,7 @@ def tell(totals, logged, comes_and_goes):
         row("  out of order", totals.out_of_order, 0)
         row("  lost at the end", totals.unheard, 0)
         row("  dropped", totals.dropped, None if comes_and_goes else 0)
-        row("  of those without a line in the log", max(0, totals.dropped - of_records), None if unseen else 0)
+        row("  dropped without a line in the log", max(0, totals.dropped - of_records), None if unseen else 0)
         row("  sessions of the listener", totals.sessions)
     row("lines logged", lines)
     row("  torn", torn, 0)
