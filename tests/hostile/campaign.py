@@ -1,6 +1,6 @@
 """Bad sessions against the running daemon, mixed with honest callers; scripts/hostile starts it in a simulated host.
 
-    campaign.py SESSIONS [--seed N] --daemon PID
+    campaign.py SESSIONS [--seed N] --build DIR --daemon PID
 
 Each session is of a random kind. A kind is a function below: what it does wrong is its name and its first line. One
 process after the other draws from its own seeded sequence, so that a seed repeats a run but for the order in which
@@ -14,6 +14,7 @@ import argparse
 import array
 import collections
 import concurrent.futures
+import contextlib
 import ctypes
 import fcntl
 import json
@@ -23,29 +24,27 @@ import random
 import select
 import signal
 import socket
-import struct
+import subprocess
 import sys
 import tempfile
 import time
 from pathlib import Path
 
-sys.path.insert(0, str(Path(__file__).resolve().parents[2] / "python"))
+sys.path.insert(0, str(Path(__file__).resolve().parents[1] / "support"))
 
-import kservice  # noqa: E402
+import load  # noqa: E402
+from load import MAIL, MAIN, PATIENCE_S, SYSV  # noqa: E402
 from kservice import _wire  # noqa: E402
 
-MAIN, MAIL = "VexHubServer-vexprod", "VexHubServer_send_mail-vexprod"
 PATHS = {name: _wire.socket_path(name) for name in (MAIN, MAIL)}
 ACTORS = 6  # processes with bad sessions
 HONEST = 2  # processes with honest calls
-PATIENCE_S = 60  # nothing here takes longer unless the daemon is stuck
 COMMANDS = [
     "test", "exec_cli", "get_tvlounge_status", "system_call_log_tool", "system_conn_log_tool", "get_sess_id",
     "system_call_no_del_share_add", "get_vpd_productnamed", "get_vpd_ext_area", "is_generic_model",
     "system_call_cloud_analysis_send", "vex_auth_add_session", "get_sms_config", "get_all_users", "get_group_members",
     "system_call_nc_notify", "update_ip_ban_list", "get_hwsn", "reverse_proxy", "cmv_cli", "vex_agent_cli",
 ]  # fmt: skip
-SYSV = ctypes.CDLL(None, use_errno=True)
 
 
 # ---- The steps of a session --------------------------------------------------------------------------------------------
@@ -498,6 +497,29 @@ def process_descriptor(it):
     return fd
 
 
+class SilentFile(Descriptor):
+    """A file whose file system says nothing any more. It goes before the file is closed, which would never end."""
+
+    def __init__(self):
+        self.holder = subprocess.Popen([SILENT_FILE], stdin=subprocess.PIPE, stdout=subprocess.PIPE)
+        number = int(self.holder.stdout.readline())
+        holder = os.pidfd_open(self.holder.pid)
+        super().__init__(SYSV.syscall(438, holder, number, 0))  # pidfd_getfd
+        os.close(holder)
+
+    def close(self):
+        self.holder.communicate()
+        with contextlib.suppress(OSError):  # there is none, or its file system has ended
+            super().close()
+
+
+def file_of_a_silent_file_system(it):
+    it.owned.append(SilentFile())
+    if it.owned[-1].fileno() < 0:
+        raise Ended("no FUSE to be had here")
+    return it.owned[-1].fileno()
+
+
 def epoll(it):
     poller = select.epoll()
     poller.register(it.socket)
@@ -509,6 +531,7 @@ AARCH64 = os.uname().machine == "aarch64"
 DESCRIPTORS = [
     full_pipe, pipe_to_read, plain_file, file_in_memory_by_name, read_only_memory_file, huge_memory_file, far_offset,
     own_end_of_a_pair, the_connection_itself, another_connection_to_the_daemon, process_descriptor, epoll,
+    file_of_a_silent_file_system,
     opened("/", os.O_RDONLY | os.O_DIRECTORY), opened("/dev/null", os.O_RDWR), opened("/dev/zero", os.O_RDWR),
     opened("/dev/full", os.O_RDWR), opened("/proc/self/mem", os.O_RDWR), opened("/tmp", os.O_PATH),
     opened("/proc/self/environ", os.O_RDONLY), sealed(0x2), sealed(0x4), sealed(0x8), sealed(0x10),
@@ -528,7 +551,10 @@ def something_else_as_the_memory_file(it):
 def something_odd_as_the_extra_descriptor(it):
     it.ask(flags=1)
     it.pass_fds(it.memory_file())
-    it.pass_fds(it.chance.choice(DESCRIPTORS)(it))
+    make = it.chance.choice(DESCRIPTORS)
+    it.pass_fds(make(it))
+    if make is file_of_a_silent_file_system:
+        return it.linger()  # its worker waits for that until we let go: no defence, see SECURITY.md
 
 
 @invited()
@@ -689,20 +715,13 @@ def tool_that_does_not_exist(it):
 # ---- Records and signals -----------------------------------------------------------------------------------------------
 
 
-def post(key, size, record_type, fill):
-    queue = SYSV.msgget(key, 0)
-    record = struct.pack("@l", record_type) + fill
-    if queue < 0 or SYSV.msgsnd(queue, record, ctypes.c_size_t(size), 0o4000) != 0:  # IPC_NOWAIT
-        return "queue full"
-    return "posted"
-
-
 @kind()
 def records_of_every_length_and_type(chance):
-    key, longest = chance.choice(((65521, 144), (65522, 2488)))
+    key, longest = chance.choice(list(load.RECORD_SIZE.items()))
     record_type = chance.choice((1, 1, 2, 2, 3, (1 << 63) - 1, chance.randrange(1, 1 << 40)))
     fill = chance.choice((bytes(longest), b"\xff" * longest, chance.randbytes(longest)))
-    return post(key, chance.randrange(longest + 1), record_type, fill)
+    body = fill[: chance.randrange(longest + 1)]
+    return "posted" if load.post(key, body, record_type) else "queue full"
 
 
 @kind(1)
@@ -722,6 +741,7 @@ def daemon_stopped_and_continued(chance):
 # ---- The run -----------------------------------------------------------------------------------------------------------
 
 DAEMON = 0
+SILENT_FILE = ""  # the program
 DONE = multiprocessing.Event()
 
 
@@ -744,51 +764,7 @@ def act(number, seed, sessions):
 
 
 def honest(number, seed):
-    """Calls with a nonce, until all others have done. How many, how many replies were wrong, and the longest wait."""
-    chance = random.Random(f"{seed}/honest/{number}")
-    calls, wrong, longest = 0, 0, 0.0
-    while not DONE.is_set():
-        nonce = f"{chance.getrandbits(64):016x}"
-        request = json.dumps({"command": ["/bin/echo", nonce]}).encode()
-        began = time.monotonic()
-        try:
-            reply = json.loads(kservice.call(MAIN, "exec_cli", request, timeout=PATIENCE_S))
-            right = reply["result"] == f"{nonce}\n"
-        except (kservice.CallError, ValueError, KeyError) as error:
-            right = False
-            if wrong < 5:
-                print(f"honest caller: {error!r}", file=sys.stderr)
-        longest = max(longest, time.monotonic() - began)
-        calls += 1
-        wrong += not right
-        time.sleep(0.002)
-    return calls, wrong, longest
-
-
-def held(pid):
-    """What the daemon holds: descriptors, threads, temporary files, resident KiB."""
-    status = dict(line.split(":\t", 1) for line in Path(f"/proc/{pid}/status").read_text().splitlines() if ":\t" in line)
-    return {
-        "descriptors": len(os.listdir(f"/proc/{pid}/fd")),
-        "threads": int(status["Threads"]),
-        "temporary files": len(list(Path("/tmp").glob("vexprod-*"))),
-        "resident KiB": int(status["VmRSS"].split()[0]),
-    }
-
-
-def settled(pid, wanted=None):
-    """The same once nothing is under way: as `wanted`, or as it stays for ten seconds."""
-    last = held(pid)
-    give_up = time.monotonic() + 10
-    while time.monotonic() < give_up:
-        if wanted and all(last[name] <= wanted[name] for name in wanted if name != "resident KiB"):
-            break
-        time.sleep(0.1 if wanted else 1)
-        now = held(pid)
-        if not wanted and now == last:
-            break
-        last = now
-    return last
+    return load.call_until(DONE, random.Random(f"{seed}/honest/{number}"), pause_s=0.002)
 
 
 def campaign(seed, sessions):
@@ -809,22 +785,23 @@ def main():
     parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("sessions", type=int, metavar="SESSIONS")
     parser.add_argument("--seed", type=int, default=1)
+    parser.add_argument("--build", required=True, metavar="DIR")
     parser.add_argument("--daemon", type=int, required=True, metavar="PID")
     arguments = parser.parse_args()
-    global DAEMON
+    global DAEMON, SILENT_FILE
     DAEMON = arguments.daemon
+    SILENT_FILE = f"{arguments.build}/tests/silent_file_for_others"
 
     # What the daemon keeps for good it has after the first ten thousand. A sanitizer keeps more and more.
     campaign(f"{arguments.seed}/first", min(10000, arguments.sessions // 10))
-    maps = Path(f"/proc/{DAEMON}/maps").read_text()
-    memory_settled = arguments.sessions >= 100000 and "libasan" not in maps and "libtsan" not in maps
-    before = settled(DAEMON)
+    memory_settled = arguments.sessions >= 100000 and not load.keeps_freed_memory(DAEMON)
+    before = load.settled(load.held_by_daemon, DAEMON)
     began = time.monotonic()
     outcomes, calls = campaign(arguments.seed, arguments.sessions)
     seconds = time.monotonic() - began
     try:
-        after = settled(DAEMON, before)
-    except FileNotFoundError:
+        after = load.settled(load.held_by_daemon, DAEMON, before)
+    except ProcessLookupError:
         sys.exit("hostile: the daemon has ended")
 
     failed = []

@@ -1,8 +1,10 @@
-/* A service made with the C library, for the callers in other languages: c_service NAME
+/* A service made with the C library, for the callers in other languages: c_service NAME [PROCESSES]
  *
  * "echo" answers with the request, "who" with the caller's pid, uid and gid, "print" writes "printed" to the extra
- * descriptor, "hold" answers when the caller has gone, all others give no reply. Says "ready" on standard output. The
- * lines "pause" and "resume" on standard input are obeyed and answered with "done"; its end is the service's. */
+ * descriptor, "stamp" the worker's pid, and answers with the request; "hold" answers when the caller has gone, all
+ * others give no reply. Says "ready" on standard output. The lines "pause" and "resume" on standard input are obeyed
+ * and answered with "done"; its end is the service's. Its workers are two threads, or as many processes as it is told.
+ */
 #include "kservice.h"
 
 #include <stdlib.h>
@@ -23,7 +25,7 @@ static int serve(const char* command, ks_io* io, int fd) {
         (void)usleep(1000);
     }
     ks_io_realloc(io, 0);
-    if (strcmp(command, "echo") == 0) {
+    if (strcmp(command, "echo") == 0 || (strcmp(command, "stamp") == 0 && dprintf(fd, "%d", (int)getpid()) > 0)) {
         (void)ks_io_write(io, request, size);
         ks_reply(io);
     } else if (strcmp(command, "who") == 0) {
@@ -43,10 +45,11 @@ static int serve(const char* command, ks_io* io, int fd) {
 int main(int argc, char** argv) {
     char line[16];
     ks_handle* service = NULL;
-    if (argc != 2) {
+    if (argc != 2 && argc != 3) {
         return 2;
     }
-    service = ks_create(argv[1], KS_STANDALONE | KS_PTHREAD_MODE, 2, serve);
+    service = argc == 2 ? ks_create(argv[1], KS_STANDALONE | KS_PTHREAD_MODE, 2, serve)
+                        : ks_create(argv[1], KS_STANDALONE | KS_PROCESS_MODE, strtoul(argv[2], NULL, 10), serve);
     ks_start(service);
     (void)puts("ready");
     (void)fflush(stdout);
