@@ -254,13 +254,17 @@ unsigned call(const char* name, const char* command, ks_io* io, const payload& r
     return code;
 }
 
-// The reply of a request that has ended with KS_OK as a malloc()ed copy, or NULL and *code: see map_reply().
+// The reply of a request that has ended with KS_OK as a malloc()ed copy, or NULL and *code when it cannot be mapped or
+// read.
 //
 // Not from a mapping: the service has the file open and could truncate it under us. But a file that is not small must
 // be mappable before memory of its size is allocated.
 void* copy_reply(ks_io* io, size_t* ret_size, unsigned* code) {
     char small[4096]; // most replies fit, and take one system call
     const ssize_t first = pread(io->memfd, small, sizeof(small), 0);
+    if (first < 0) {
+        *code = KS_DISCONNECTED;
+    }
     size_t copied = (size_t)std::max<ssize_t>(first, 0);
     size_t size = copied;
     if (copied == sizeof(small)) {
@@ -276,7 +280,12 @@ void* copy_reply(ks_io* io, size_t* ret_size, unsigned* code) {
     memcpy(reply, small, std::min(copied, size));
     while (copied < size) {
         const ssize_t count = pread(io->memfd, reply + copied, size - copied, (off_t)copied);
-        if (count <= 0) {
+        if (count < 0) {
+            free(reply);
+            *code = KS_DISCONNECTED;
+            return nullptr;
+        }
+        if (count == 0) { // truncated meanwhile
             break;
         }
         copied += (size_t)count;

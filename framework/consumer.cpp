@@ -31,6 +31,7 @@ namespace {
 
 constexpr int64_t kPatienceMs = 30000;
 constexpr int64_t kStepMs = 2000;
+constexpr int kSendAgainMs = 100;
 constexpr int64_t kLookMs = 100; // how often a caller that is over kStepMs is weighed against those that wait
 
 struct caller {
@@ -40,10 +41,14 @@ struct caller {
     const size_t* waiting; // borrowed: how many wait for a consumer
 };
 
+// A worker that the producer takes for busy would never get a caller again: without memory for the message it is sent
+// again, until something is on the link. That is a stop, or the producer's end.
 void report_ready(const ks_worker* worker) {
     directive ready = make_directive(KS_DIRECTIVE_READY);
     memcpy(ready.data, &worker->index, sizeof(worker->index));
-    (void)send_directive(worker->sockfd[0], ready); // fails when the producer is gone: the link then says so
+    pollfd link = {worker->sockfd[0], POLLIN | POLLRDHUP, {}};
+    while (!send_directive(link.fd, ready) && TEMP_FAILURE_RETRY(poll(&link, 1, kSendAgainMs)) <= 0) {
+    }
 }
 
 void hang_up(int fd) {

@@ -84,7 +84,8 @@ enum {
     KS_PAUSED = 3,       /**< The service is paused. */
     KS_REFUSED = 4,      /**< Directive 5 was received; no service of this library sends it. */
     KS_DISCONNECTED = 5, /**< The connection failed: error, hang-up, or a directive that was not 259 bytes. From
-                              ks_ez_call() also: the request could not be stored, and nothing was sent. */
+                              ks_ez_call() also: the request could not be stored, and nothing was sent; or
+                              the reply could not be read. */
     KS_BUSY = 6,         /**< The service's waiting queue is full. */
     KS_BAD_ARGUMENT = 7  /**< Service name NULL or over 64 characters, or command NULL or over 256 characters. */
 };
@@ -339,7 +340,8 @@ KS_API unsigned ks_call(const char* name, const char* command, ks_io* io, unsign
  *  @param recv   NULL, or points at a NULL pointer that receives a malloc()ed reply, not NUL-terminated; the caller
  *                frees it.
  *  @param rsize  Receives the reply's size in bytes; may be NULL.
- *  @return As ks_call(), and KS_DISCONNECTED when the request could not be stored (out of memory, RLIMIT_FSIZE).
+ *  @return As ks_call(), and KS_DISCONNECTED when the request could not be stored (out of memory, RLIMIT_FSIZE), or the
+ *  reply not be read.
  *  Aborts when `data` is NULL with a size, or *recv is not NULL. */
 KS_API unsigned ks_ez_call(const char* name, const char* command, const void* data, size_t dsize, void** recv,
                            size_t* rsize, unsigned timeout_s, int passfd);

@@ -317,6 +317,7 @@ void hear_consumer(producer* p, ks_queue* link) {
             return;
         }
         p->handle->worker[index].idle = 1;
+        close_and_clear(&p->self->consumers[index].in_transit); // an echo that could not be sent
     }
     dispatch(p);
 }

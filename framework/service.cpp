@@ -126,7 +126,10 @@ void end_run(service* self) {
     close_and_clear(&producer->sockfd[1]); // first: new callers get ECONNREFUSED at once and do not wait in vain
     close_and_clear(&producer->pollfd);
     for (const ks_worker& each : workers) {
-        (void)send_directive(each.sockfd[1], make_directive(KS_DIRECTIVE_STOP)); // fails when it is gone already
+        // Fails when it is gone already, or without memory: the link's end is a stop as well.
+        if (!send_directive(each.sockfd[1], make_directive(KS_DIRECTIVE_STOP))) {
+            (void)shutdown(each.sockfd[1], SHUT_RDWR);
+        }
     }
     if (threads) {
         locked guard(self);
