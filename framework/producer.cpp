@@ -160,7 +160,6 @@ void hand_over(producer* p, ks_worker* worker) {
         return;
     }
     worker->idle = 0;
-    close_and_clear(&p->self->consumers[worker->index].in_transit); // open if its last echo could not be sent
     p->self->consumers[worker->index].in_transit = fd;
     if (spoke_itself) {
         (void)shutdown(fd, SHUT_RDWR);
