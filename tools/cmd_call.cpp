@@ -24,7 +24,7 @@ struct call_options {
     std::string service;
     std::string command;
     std::optional<std::string> request;
-    std::string output_path;
+    std::optional<std::string> output_path;
     unsigned timeout_s = 30;
     bool pretty = false;
     bool check = false;
@@ -66,7 +66,7 @@ std::optional<std::string> request_text(const std::optional<std::string>& argume
     const char* path = argument->c_str() + 1;
     const unique_fd file = above_standard_streams(unique_fd(open(path, O_RDONLY | O_CLOEXEC)));
     if (!file.ok() || !read_to_end(file.get(), &text)) {
-        (void)fail(kFailure, "cannot read %s: %s", path, strerror(errno));
+        (void)fail(kFailure, "cannot read %s: %s", *path == '\0' ? "@" : path, strerror(errno));
         return std::nullopt;
     }
     return text;
@@ -107,11 +107,10 @@ int call(const call_options& options) {
         return fail(kFailure, "cannot store the request: %s", strerror(errno));
     }
     unique_fd output;
-    if (!options.output_path.empty()) {
-        output = above_standard_streams(
-            unique_fd(open(options.output_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644)));
+    if (options.output_path) {
+        output = unique_fd(open(options.output_path->c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
         if (!output.ok()) {
-            return fail(kFailure, "cannot write %s: %s", options.output_path.c_str(), strerror(errno));
+            return fail(kFailure, "cannot write %s: %s", options.output_path->c_str(), strerror(errno));
         }
     }
     hint_at_unknown_command(options);

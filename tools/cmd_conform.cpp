@@ -28,7 +28,8 @@ int conform_to_protocol(const conform_options& options) {
         return conform::check_client(options.words);
     }
     if (options.words.size() > 1) {
-        return fail(kUsage, "one SERVICE at a time, or --client before a client's command line (see ksctl --help)");
+        return fail(kUsage,
+                    "one SERVICE at a time, or --client before a client's command line (see ksctl conform --help)");
     }
     const std::string& service = options.words.front();
     if (!check_service_name(service)) {

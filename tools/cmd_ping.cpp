@@ -11,7 +11,6 @@
 #include <chrono>
 #include <cstdio>
 #include <cstring>
-#include <limits>
 #include <memory>
 #include <mutex>
 #include <numeric>
@@ -119,8 +118,7 @@ int ping(const ping_options& options) {
 declaration declare() {
     auto options = std::make_shared<ping_options>();
     return {{{"SERVICE", &options->service, "The service's name"},
-             {"-c,--count", &options->count, "Number of calls, one after the other", "N",
-              limits{1, std::numeric_limits<unsigned>::max()}},
+             {"-c,--count", &options->count, "Number of calls, one after the other", "N", {.least = 1}},
              {"--command", &options->command, "The command to call, with an empty request", "COMMAND"},
              {"--timeout", &options->timeout_s, "Seconds to wait for each reply, 0 = without limit; 1 to 4 count as 5",
               "S"}},

@@ -52,6 +52,11 @@ constexpr const char* kFooter =
     "\n"
     "ksctl COMMAND --help tells about one command.";
 
+// A word of the command line, as it can be seen in a message.
+std::string shown(const std::string& word) {
+    return word.empty() ? "''" : word;
+}
+
 // What the shells' completion (completions/) asks; no subcommand for people.
 constexpr std::string_view kComplete = "complete";
 
@@ -77,6 +82,21 @@ int complete(const std::vector<std::string>& words, const CLI::App& app) {
     return print(lines) ? kSuccess : kFailure;
 }
 
+// The parser's own check takes no text for 0, and "nan" for a number in every range.
+template <class Number>
+auto in_range(const limits& range) {
+    return [range](const std::string& text) {
+        Number value{};
+        const bool number = !text.empty() && CLI::detail::lexical_cast(text, value);
+        if (number && static_cast<double>(value) >= range.least && static_cast<double>(value) <= range.most) {
+            return std::string();
+        }
+        std::array<char, 64> allowed{};
+        (void)snprintf(allowed.data(), allowed.size(), "%.10g to %.10g", range.least, range.most);
+        return "Value " + shown(text) + " not in range " + allowed.data();
+    };
+}
+
 // Tells the parser of an option.
 void add(CLI::App& app, const option& declared) {
     const auto add_to = [&](auto* value) {
@@ -90,12 +110,11 @@ void add(CLI::App& app, const option& declared) {
             }
             if constexpr (!std::is_same_v<kind, std::optional<std::string>>) {
                 added->required(added->get_positional())->capture_default_str();
+            } else if (!added->get_positional()) {
+                added->check([](const std::string& text) { return text.empty() ? "Value '' is empty" : ""; });
             }
             if constexpr (std::is_arithmetic_v<kind>) {
-                if (declared.range) {
-                    const auto [least, most] = *declared.range;
-                    added->check(CLI::Range(static_cast<kind>(least), static_cast<kind>(most)).description(""));
-                }
+                added->check(in_range<kind>(declared.range));
             }
         }
     };
@@ -106,15 +125,30 @@ bool is_subcommand(std::string_view word) {
     return std::any_of(kCommands.begin(), kCommands.end(), [word](const command* each) { return word == each->name; });
 }
 
-int unknown_subcommand(const char* given) {
+int unknown_subcommand(const std::string& given) {
     std::vector<std::string> names;
     names.reserve(kCommands.size());
     for (const command* each : kCommands) {
         names.emplace_back(each->name);
     }
     const std::string question = did_you_mean(near_names(given, names));
-    return fail(kUsage, "no subcommand %s%s%s (see ksctl --help)", given, question.empty() ? "" : "; ",
+    return fail(kUsage, "no subcommand %s%s%s (see ksctl --help)", shown(given).c_str(), question.empty() ? "" : "; ",
                 question.c_str());
+}
+
+// The parser misses what is required before it looks at words that it does not know, and names those last word first.
+std::string usage_error(const CLI::App& app, const CLI::Error& error) {
+    const std::vector<std::string> unknown = app.remaining(true);
+    const int kind = error.get_exit_code();
+    if (unknown.empty() || (kind != static_cast<int>(CLI::ExitCodes::RequiredError) &&
+                            kind != static_cast<int>(CLI::ExitCodes::ExtrasError))) {
+        return error.what();
+    }
+    std::string text = "not expected:";
+    for (const std::string& word : unknown) {
+        text += ' ' + shown(word);
+    }
+    return text;
 }
 
 int parse_and_run(int argc, char** argv) {
@@ -126,7 +160,7 @@ int parse_and_run(int argc, char** argv) {
     app.failure_message([](const CLI::App* main, const CLI::Error& error) {
         const std::vector<CLI::App*> begun = main->get_subcommands(); // what the words before the mistake chose
         const std::string chosen = begun.empty() ? "" : " " + begun.front()->get_name();
-        return std::string("ksctl: ") + error.what() + " (see ksctl" + chosen + " --help)\n";
+        return "ksctl: " + usage_error(*main, error) + " (see ksctl" + chosen + " --help)\n";
     });
     std::function<int()> action;
     for (const command* each : kCommands) {

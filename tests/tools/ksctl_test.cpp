@@ -435,6 +435,7 @@ TEST_F(KsctlTest, FilesThatCannotBeUsedAreStatus1) {
     const finished directory = ksctl({"call", name_, "echo", "@" + folder_});
     EXPECT_EQ(directory.status, 1);
     EXPECT_EQ(directory.err, "ksctl: cannot read " + folder_ + ": Is a directory\n");
+    EXPECT_EQ(ksctl({"call", name_, "echo", "@"}).err, "ksctl: cannot read @: No such file or directory\n");
     const finished unwritable = ksctl({"call", name_, "echo", "--output", folder_ + "/no/where"});
     EXPECT_EQ(unwritable.status, 1);
     EXPECT_EQ(unwritable.err, "ksctl: cannot write " + folder_ + "/no/where: No such file or directory\n");
@@ -756,7 +757,18 @@ TEST_F(KsctlTest, WrongUsageIsStatus2) {
                                                       {"wait", name_, "--timeout", "-1"},
                                                       {"wait", name_, "--timeout", "nan"},
                                                       {"ping", name_, "-c", "0"},
-                                                      {"call", name_, "a", "--timeout", "x"}}) {
+                                                      {"call", name_, "a", "--timeout", "x"},
+                                                      {"call", name_, "a", "--timeout", ""},
+                                                      {"call", name_, "a", "--timeout="},
+                                                      {"call", name_, "a", "--timeout", "1.5"},
+                                                      {"call", name_, "a", "--output", ""},
+                                                      {"commands", "--service", ""},
+                                                      {"conform", name_, "--timeout", ""},
+                                                      {"describe", "test", "--service", ""},
+                                                      {"listen", "@relative", "--count", ""},
+                                                      {"ping", name_, "-c", ""},
+                                                      {"ping", name_, "--timeout", ""},
+                                                      {"wait", name_, "--timeout", ""}}) {
         const finished wrong = ksctl(arguments);
         EXPECT_EQ(wrong.status, 2);
         EXPECT_THAT(wrong.out, IsEmpty());
@@ -768,9 +780,24 @@ TEST_F(KsctlTest, WrongUsagePointsToTheHelpThatKnows) {
     EXPECT_EQ(ksctl({"cal"}).err, "ksctl: no subcommand cal; did you mean call? (see ksctl --help)\n");
     EXPECT_EQ(ksctl({"frobnicate"}).err, "ksctl: no subcommand frobnicate (see ksctl --help)\n");
     EXPECT_EQ(ksctl({"call", name_}).err, "ksctl: COMMAND is required (see ksctl call --help)\n");
-    EXPECT_THAT(ksctl({"--nope"}).err, HasSubstr("(see ksctl --help)\n"));
+    EXPECT_EQ(ksctl({"conform", "one", "two"}).err,
+              "ksctl: one SERVICE at a time, or --client before a client's command line (see ksctl conform --help)\n");
+    EXPECT_EQ(ksctl({""}).err, "ksctl: no subcommand '' (see ksctl --help)\n");
+    EXPECT_EQ(ksctl({"--nope"}).err, "ksctl: not expected: --nope (see ksctl --help)\n");
+    EXPECT_EQ(ksctl({"call", "--nope"}).err, "ksctl: not expected: --nope (see ksctl call --help)\n");
+    EXPECT_EQ(ksctl({"--timeout", "5", "call", name_, "a"}).err,
+              "ksctl: not expected: --timeout 5 (see ksctl call --help)\n");
+    EXPECT_EQ(ksctl({"call", name_, "a", "r", "--request", "", "s"}).err,
+              "ksctl: not expected: --request '' s (see ksctl call --help)\n");
+    EXPECT_EQ(ksctl({"call", name_, "a", "--timeout", ""}).err,
+              "ksctl: --timeout: Value '' not in range 0 to 4294967295 (see ksctl call --help)\n");
     for (const std::vector<std::string>& arguments : {std::vector<std::string>{"wait", name_, "--timeout", "-1"},
                                                       {"wait", name_, "--timeout", "1e300"},
+                                                      {"wait", name_, "--timeout", "nan"},
+                                                      {"call", name_, "a", "--timeout", "-1"},
+                                                      {"call", name_, "a", "--timeout", "1.5"},
+                                                      {"call", name_, "a", "--timeout", "4294967296"},
+                                                      {"listen", name_, "--count", "-1"},
                                                       {"ping", name_, "-c", "0"}}) {
         const std::string error = ksctl(arguments).err;
         EXPECT_THAT(error, HasSubstr(" not in range "));
