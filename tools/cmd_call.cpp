@@ -64,7 +64,7 @@ std::optional<std::string> request_text(const std::optional<std::string>& argume
         return std::nullopt;
     }
     const char* path = argument->c_str() + 1;
-    const unique_fd file = above_standard_streams(unique_fd(open(path, O_RDONLY | O_CLOEXEC)));
+    const unique_fd file(open(path, O_RDONLY | O_CLOEXEC));
     if (!file.ok() || !read_to_end(file.get(), &text)) {
         (void)fail(kFailure, "cannot read %s: %s", *path == '\0' ? "@" : path, strerror(errno));
         return std::nullopt;

@@ -22,7 +22,7 @@ struct conform_options {
     bool slow = false;
 };
 
-int conform_to_protocol(const conform_options& options) {
+int check(const conform_options& options) {
     conform::patience = std::chrono::seconds(options.timeout_s);
     if (options.client) {
         return conform::check_client(options.words);
@@ -42,6 +42,14 @@ int conform_to_protocol(const conform_options& options) {
                     why_absent(service, error).c_str());
     }
     return conform::check_service(path, options.command, options.request, options.slow);
+}
+
+int conform_to_protocol(const conform_options& options) {
+    try {
+        return check(options);
+    } catch (const conform::stopped& reason) {
+        return reason.status;
+    }
 }
 
 declaration declare() {

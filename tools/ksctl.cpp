@@ -14,6 +14,7 @@
 #include <cstdio>
 #include <cstring>
 #include <exception>
+#include <fcntl.h>
 #include <functional>
 #include <iostream>
 #include <string>
@@ -191,9 +192,20 @@ int parse_and_run(int argc, char** argv) {
     return action();
 }
 
+// Takes the numbers of those that are closed, so that nothing that is opened later gets what is meant for them. Reading
+// and writing go on to fail.
+void occupy_closed_standard_streams() {
+    for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) {
+        if (fcntl(fd, F_GETFD) < 0) {
+            (void)open("/", O_PATH | O_CLOEXEC); // the lowest free number is this one
+        }
+    }
+}
+
 } // namespace
 
 int run(int argc, char** argv) {
+    occupy_closed_standard_streams();
     // A reader that leaves early, or a file that grows too large, is an error to report, not a signal to die of.
     (void)signal(SIGPIPE, SIG_IGN);
     (void)signal(SIGXFSZ, SIG_IGN);

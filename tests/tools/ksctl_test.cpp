@@ -747,7 +747,34 @@ TEST_F(KsctlTest, ConformDoesNotKeepEndlessOutput) {
     EXPECT_EQ(first_trouble("head -c 20000000 /dev/zero; exec sleep 60", "3600"), "      -> it did not end");
 }
 
+TEST_F(KsctlTest, ConformEndsWhenItsReportCannotBePrinted) {
+    start_service(name_);
+    const finished closed = run_program({"/bin/sh", "-c", R"(exec "$0" conform "$1" >&-)", KSCTL_PROGRAM, name_});
+    EXPECT_EQ(closed.status, 1);
+    EXPECT_EQ(closed.err, "ksctl: cannot write to standard output: Bad file descriptor\n");
+    const finished full =
+        run_program({"/bin/sh", "-c", R"(exec "$0" conform --client -- "$0" call >/dev/full)", KSCTL_PROGRAM});
+    EXPECT_EQ(full.status, 1);
+    EXPECT_EQ(full.err, "ksctl: cannot write to standard output: No space left on device\n");
+}
+
 // ---- the command line itself
+
+// What is opened in the place of a closed stream must not be written to as if it were that.
+TEST_F(KsctlTest, ClosedStandardStreamsStayClosed) {
+    start_service(name_);
+    const auto without = [&](const std::string& closing, const std::string& words) {
+        return run_program({"/bin/sh", "-c", R"(exec "$0" )" + words + ' ' + closing, KSCTL_PROGRAM, name_});
+    };
+    const finished unread = without("<&-", R"(call "$1" echo -)");
+    EXPECT_EQ(unread.status, 1);
+    EXPECT_EQ(unread.err, "ksctl: cannot read standard input: Bad file descriptor\n");
+    EXPECT_EQ(without("<&- 2>&-", R"(call "$1" has_fd)").out, "no");
+    EXPECT_EQ(without("<&- 2>&-", R"(call "$1" print --output )" + folder_ + "/o").out, "done");
+    EXPECT_EQ(content_of(folder_ + "/o"), "printed");
+    EXPECT_EQ(without("<&- >&- 2>&-", R"(call "$1" echo text)").status, 1);
+    EXPECT_EQ(without("<&- >&- 2>&-", R"(ping "$1" -c 1)").status, 1);
+}
 
 TEST_F(KsctlTest, WrongUsageIsStatus2) {
     for (const std::vector<std::string>& arguments : {std::vector<std::string>{},
