@@ -72,15 +72,6 @@ std::optional<std::string> request_text(const std::optional<std::string>& argume
     return text;
 }
 
-// Tells of a command that the service's list does not have. The list may be older than the service, so what was asked
-// is sent all the same.
-void hint_at_unknown_command(const call_options& options) {
-    const std::string hint = about_unknown_command(options.service, options.command);
-    if (!hint.empty()) {
-        (void)fail(kSuccess, "%s", hint.c_str());
-    }
-}
-
 // Tells a person why the call failed, as far as the description knows. @param reply  Nothing = none came.
 void hint_at_reason(const call_options& options, const std::string& request, const std::optional<std::string>& reply) {
     if (!options.verbose && isatty(STDERR_FILENO) == 0) {
@@ -95,7 +86,7 @@ void hint_at_reason(const call_options& options, const std::string& request, con
 }
 
 int call(const call_options& options) {
-    if (!check_service_name(options.service)) {
+    if (!check_service_name(options.service) || !check_command(options.service, options.command)) {
         return kBadArgument;
     }
     const std::optional<std::string> text = request_text(options.request);
@@ -113,7 +104,6 @@ int call(const call_options& options) {
             return fail(kFailure, "cannot write %s: %s", options.output_path->c_str(), strerror(errno));
         }
     }
-    hint_at_unknown_command(options);
     const outcome ended =
         exchange(options.service, options.command, std::move(request), options.timeout_s, output.get());
     if (ended.status != kSuccess) {

@@ -1,4 +1,5 @@
 // ksctl conform: whether a service, or a client, keeps the rules of docs/protocol.md.
+#include "commands.h"
 #include "conform.h"
 #include "ksctl.h"
 #include "service_socket.h"
@@ -32,7 +33,7 @@ int check(const conform_options& options) {
                     "one SERVICE at a time, or --client before a client's command line (see ksctl conform --help)");
     }
     const std::string& service = options.words.front();
-    if (!check_service_name(service)) {
+    if (!check_service_name(service) || !check_command(service, options.command)) {
         return kBadArgument;
     }
     const std::string path = service_path(service);

@@ -1,4 +1,5 @@
 // ksctl ping: how long calls take.
+#include "commands.h"
 #include "exchange.h"
 #include "ksctl.h"
 #include "service_socket.h"
@@ -89,7 +90,7 @@ void call_and_note(const ping_options& options, results* found) {
 
 // The calls are made by a thread of their own, so that a signal ends a ping that waits for its service, too.
 int ping(const ping_options& options) {
-    if (!check_service_name(options.service)) {
+    if (!check_service_name(options.service) || !check_command(options.service, options.command)) {
         return kBadArgument;
     }
     const stop_signals signals;

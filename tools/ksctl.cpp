@@ -46,7 +46,7 @@ constexpr const char* kFooter =
     "  14  the service refused the call\n"
     "  15  the connection failed before the request was taken\n"
     "  16  the service is busy\n"
-    "  17  bad argument: service name over 64 or command over 256 characters\n"
+    "  17  bad argument: service name or command missing, or over 64 or 256 characters\n"
     "  18  the request was taken, and the connection ended without a reply\n"
     "  19  call --check: the reply says failure\n"
     "  20  doctor: something is not well\n"

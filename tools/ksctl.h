@@ -24,7 +24,7 @@ enum exit_status : int {
     kRefused = 14,      ///< the service refused the call
     kDisconnected = 15, ///< the connection failed before the request was taken
     kBusy = 16,         ///< the service's waiting queue is full
-    kBadArgument = 17,  ///< the service name is missing or too long, or the command is too long
+    kBadArgument = 17,  ///< the service name or the command is missing or too long
     kNoReply = 18,      ///< the request was taken, and the connection ended without a reply
     kSaysFailure = 19,  ///< there is a reply, and it says failure
     kNotWell = 20,      ///< doctor has found a problem

@@ -26,6 +26,7 @@
 #include <sys/un.h>
 #include <thread>
 #include <unistd.h>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -352,9 +353,21 @@ TEST_F(KsctlTest, ArgumentsTooLongForTheProtocolAreStatus17) {
     const finished name = ksctl({"call", std::string(65, 'n'), "echo"});
     EXPECT_EQ(name.status, 17);
     EXPECT_THAT(name.err, StartsWith("ksctl: bad argument: "));
-    const finished command = ksctl({"call", name_, std::string(257, 'c')});
-    EXPECT_EQ(command.status, 17);
-    EXPECT_THAT(command.err, StartsWith("ksctl: bad argument: "));
+    for (const std::string service : {name_.c_str(), "main"}) {
+        const finished command = ksctl({"call", service, std::string(257, 'c')});
+        EXPECT_EQ(command.status, 17);
+        EXPECT_EQ(command.err, "ksctl: bad argument: a command has at most 256 characters, this one has 257\n");
+    }
+    start_service(name_);
+    for (const std::vector<std::string>& words : {std::vector<std::string>{"call", name_, ""},
+                                                  {"ping", name_, "--command", ""},
+                                                  {"conform", name_, "--command", ""}}) {
+        const finished none = ksctl(words);
+        EXPECT_EQ(none.status, 17) << words[0];
+        EXPECT_EQ(none.err, "ksctl: bad argument: the command has no name\n");
+        EXPECT_THAT(none.out, IsEmpty());
+    }
+    ks_free(std::exchange(service_, nullptr));
     EXPECT_EQ(ksctl({"call", name_, std::string(256, 'c')}).status, 12);
     EXPECT_EQ(ksctl({"path", ""}).status, 17);
     EXPECT_EQ(ksctl({"path", "@"}).status, 17);
