@@ -403,7 +403,9 @@ TEST_F(KsctlTest, CallTimesOutWhileTheBacklogIsFull) {
     const finished call = ksctl({"call", name_, "echo", "--timeout", "6"});
     EXPECT_EQ(call.status, 11);
     EXPECT_EQ(call.err, "ksctl: time-out: " + name_ + " took no request within 6 s\n");
-    EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::seconds(6));
+    const auto took = std::chrono::steady_clock::now() - begin;
+    EXPECT_GE(took, std::chrono::seconds(6));
+    EXPECT_LT(took, std::chrono::seconds(10)); // two of the library's own tries
     for (const int caller : callers) {
         close(caller);
     }
