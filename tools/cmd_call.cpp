@@ -138,7 +138,7 @@ declaration declare() {
          {"--pretty", &options->pretty, "Indent the reply if it is JSON; otherwise it is printed as it came"},
          {"--check", &options->check,
           "End with status 19 when the reply says failure: it has an \"error_msg\", or an \"error_code\" or a \"result\" "
-          "other than 0"},
+          "other than 0, and is not the example's that ksctl describe gives"},
          {"-v,--verbose", &options->verbose,
           "Say on standard error why a request was refused or failed, as on a terminal"}},
         [options] { return call(*options); }};

@@ -856,6 +856,7 @@ TEST_F(KsctlTest, HelpOfEachCommandEndsWithAnExample) {
         EXPECT_EQ(help.status, 0);
         EXPECT_THAT(help.out, HasSubstr(std::string("\nExample:\n  ksctl ") + command));
     }
+    EXPECT_THAT(ksctl({"call", "--help"}).out, ContainsRegex("not the +example's that ksctl describe +gives"));
     EXPECT_THAT(ksctl({"call", "--help"}).out, ContainsRegex("--timeout S[^ ]*=30 "));
     EXPECT_THAT(ksctl({"wait", "--help"}).out, ContainsRegex("--timeout S[^ ]*=30 "));
     EXPECT_THAT(ksctl({"ping", "--help"}).out, ContainsRegex("--timeout S[^ ]*=5 "));
