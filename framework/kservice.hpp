@@ -183,8 +183,9 @@ inline constexpr std::chrono::seconds kShortestTimeout{5};
 
 namespace detail {
 
-inline bool has_nul(std::string_view text) {
-    return text.find('\0') != std::string_view::npos;
+/// Whether `name` is missing, or a NUL in it would cut it short. The library looks at its length.
+inline bool cannot_be_sent(std::string_view name) {
+    return name.empty() || name.find('\0') != std::string_view::npos;
 }
 
 /// A message that holds `request`, or nothing if it does not fit: a part would be a different request.
@@ -204,7 +205,7 @@ inline std::optional<message> stored(std::string_view request) {
 /// @return The reply's bytes. Any thread may call.
 inline result<std::string> call(const std::string& service, const std::string& command, std::string_view request = {},
                                 std::chrono::seconds timeout = std::chrono::seconds(30), int extra_fd = -1) {
-    if (service.empty() || detail::has_nul(service) || detail::has_nul(command)) {
+    if (detail::cannot_be_sent(service) || detail::cannot_be_sent(command)) {
         return status::bad_argument;
     }
     const std::optional<message> io = detail::stored(request);
@@ -238,7 +239,7 @@ public:
     /// @return status::ok, or why nothing was sent. Blocks while the service's backlog is full, for 5 seconds at most.
     [[nodiscard]] status add(const std::string& service, const std::string& command, std::string_view request = {},
                              std::size_t tag = 0, int extra_fd = -1) {
-        if (service.empty() || detail::has_nul(service) || detail::has_nul(command)) {
+        if (detail::cannot_be_sent(service) || detail::cannot_be_sent(command)) {
             return status::bad_argument;
         }
         std::optional<message> io = detail::stored(request);

@@ -24,7 +24,7 @@ struct call_options {
     std::string service;
     std::string command;
     std::optional<std::string> request;
-    std::string output_path;
+    std::optional<std::string> output_path;
     unsigned timeout_s = 30;
     bool pretty = false;
     bool check = false;
@@ -64,21 +64,12 @@ std::optional<std::string> request_text(const std::optional<std::string>& argume
         return std::nullopt;
     }
     const char* path = argument->c_str() + 1;
-    const unique_fd file = above_standard_streams(unique_fd(open(path, O_RDONLY | O_CLOEXEC)));
+    const unique_fd file(open(path, O_RDONLY | O_CLOEXEC));
     if (!file.ok() || !read_to_end(file.get(), &text)) {
-        (void)fail(kFailure, "cannot read %s: %s", path, strerror(errno));
+        (void)fail(kFailure, "cannot read %s: %s", *path == '\0' ? "@" : path, strerror(errno));
         return std::nullopt;
     }
     return text;
-}
-
-// Tells of a command that the service's list does not have. The list may be older than the service, so what was asked
-// is sent all the same.
-void hint_at_unknown_command(const call_options& options) {
-    const std::string hint = about_unknown_command(options.service, options.command);
-    if (!hint.empty()) {
-        (void)fail(kSuccess, "%s", hint.c_str());
-    }
 }
 
 // Tells a person why the call failed, as far as the description knows. @param reply  Nothing = none came.
@@ -95,7 +86,7 @@ void hint_at_reason(const call_options& options, const std::string& request, con
 }
 
 int call(const call_options& options) {
-    if (!check_service_name(options.service)) {
+    if (!check_service_name(options.service) || !check_command(options.service, options.command)) {
         return kBadArgument;
     }
     const std::optional<std::string> text = request_text(options.request);
@@ -107,14 +98,12 @@ int call(const call_options& options) {
         return fail(kFailure, "cannot store the request: %s", strerror(errno));
     }
     unique_fd output;
-    if (!options.output_path.empty()) {
-        output = above_standard_streams(
-            unique_fd(open(options.output_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644)));
+    if (options.output_path) {
+        output = unique_fd(open(options.output_path->c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
         if (!output.ok()) {
-            return fail(kFailure, "cannot write %s: %s", options.output_path.c_str(), strerror(errno));
+            return fail(kFailure, "cannot write %s: %s", options.output_path->c_str(), strerror(errno));
         }
     }
-    hint_at_unknown_command(options);
     const outcome ended =
         exchange(options.service, options.command, std::move(request), options.timeout_s, output.get());
     if (ended.status != kSuccess) {
@@ -149,7 +138,7 @@ declaration declare() {
          {"--pretty", &options->pretty, "Indent the reply if it is JSON; otherwise it is printed as it came"},
          {"--check", &options->check,
           "End with status 19 when the reply says failure: it has an \"error_msg\", or an \"error_code\" or a \"result\" "
-          "other than 0"},
+          "other than 0, and is not the example's that ksctl describe gives"},
          {"-v,--verbose", &options->verbose,
           "Say on standard error why a request was refused or failed, as on a terminal"}},
         [options] { return call(*options); }};

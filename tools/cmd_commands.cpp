@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <memory>
+#include <optional>
 #include <string>
 
 namespace ksctl {
@@ -33,9 +34,9 @@ int list_commands(const std::string& service) {
 }
 
 declaration declare() {
-    auto service = std::make_shared<std::string>();
+    auto service = std::make_shared<std::optional<std::string>>();
     return {{{"--service", service.get(), "Only this service's: main or mail", "NAME"}},
-            [service] { return list_commands(*service); }};
+            [service] { return list_commands(service->value_or("")); }};
 }
 
 } // namespace

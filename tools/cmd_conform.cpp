@@ -1,4 +1,5 @@
 // ksctl conform: whether a service, or a client, keeps the rules of docs/protocol.md.
+#include "commands.h"
 #include "conform.h"
 #include "ksctl.h"
 #include "service_socket.h"
@@ -22,16 +23,17 @@ struct conform_options {
     bool slow = false;
 };
 
-int conform_to_protocol(const conform_options& options) {
+int check(const conform_options& options) {
     conform::patience = std::chrono::seconds(options.timeout_s);
     if (options.client) {
         return conform::check_client(options.words);
     }
     if (options.words.size() > 1) {
-        return fail(kUsage, "one SERVICE at a time, or --client before a client's command line (see ksctl --help)");
+        return fail(kUsage,
+                    "one SERVICE at a time, or --client before a client's command line (see ksctl conform --help)");
     }
     const std::string& service = options.words.front();
-    if (!check_service_name(service)) {
+    if (!check_service_name(service) || !check_command(service, options.command)) {
         return kBadArgument;
     }
     const std::string path = service_path(service);
@@ -41,6 +43,14 @@ int conform_to_protocol(const conform_options& options) {
                     why_absent(service, error).c_str());
     }
     return conform::check_service(path, options.command, options.request, options.slow);
+}
+
+int conform_to_protocol(const conform_options& options) {
+    try {
+        return check(options);
+    } catch (const conform::stopped& reason) {
+        return reason.status;
+    }
 }
 
 declaration declare() {

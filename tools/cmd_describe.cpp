@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <memory>
+#include <optional>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -18,7 +19,7 @@ constexpr std::size_t kColumns = 80;
 
 struct describe_options {
     std::string command;
-    std::string service;
+    std::optional<std::string> service;
 };
 
 // `text` in lines of at most kColumns where its blanks allow, behind `indent` blanks, and two more from the second on.
@@ -114,10 +115,10 @@ std::string description(const documented_command& command) {
 }
 
 int describe(const describe_options& options) {
-    if (!check_has_commands(options.service, "describe")) {
+    const std::string service = full_service_name(options.service.value_or(""));
+    if (!check_has_commands(service, "describe")) {
         return kUsage;
     }
-    const std::string service = full_service_name(options.service);
     std::string text;
     std::vector<std::string> names;
     for (const documented_command& each : commands()) {

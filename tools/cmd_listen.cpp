@@ -130,7 +130,7 @@ int listen_as(const listen_options& options) {
         return status;
     }
     const stop_signals signals;
-    const unique_fd done = above_standard_streams(unique_fd(eventfd(0, EFD_CLOEXEC)));
+    const unique_fd done(eventfd(0, EFD_CLOEXEC));
     if (!signals.ok() || !done.ok()) {
         return fail(kFailure, "cannot wait for signals: %s", strerror(errno));
     }

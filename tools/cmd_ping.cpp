@@ -1,4 +1,5 @@
 // ksctl ping: how long calls take.
+#include "commands.h"
 #include "exchange.h"
 #include "ksctl.h"
 #include "service_socket.h"
@@ -11,7 +12,6 @@
 #include <chrono>
 #include <cstdio>
 #include <cstring>
-#include <limits>
 #include <memory>
 #include <mutex>
 #include <numeric>
@@ -90,11 +90,11 @@ void call_and_note(const ping_options& options, results* found) {
 
 // The calls are made by a thread of their own, so that a signal ends a ping that waits for its service, too.
 int ping(const ping_options& options) {
-    if (!check_service_name(options.service)) {
+    if (!check_service_name(options.service) || !check_command(options.service, options.command)) {
         return kBadArgument;
     }
     const stop_signals signals;
-    const unique_fd done = above_standard_streams(unique_fd(eventfd(0, EFD_CLOEXEC)));
+    const unique_fd done(eventfd(0, EFD_CLOEXEC));
     if (!signals.ok() || !done.ok()) {
         return fail(kFailure, "cannot wait for signals: %s", strerror(errno));
     }
@@ -119,8 +119,7 @@ int ping(const ping_options& options) {
 declaration declare() {
     auto options = std::make_shared<ping_options>();
     return {{{"SERVICE", &options->service, "The service's name"},
-             {"-c,--count", &options->count, "Number of calls, one after the other", "N",
-              limits{1, std::numeric_limits<unsigned>::max()}},
+             {"-c,--count", &options->count, "Number of calls, one after the other", "N", {.least = 1}},
              {"--command", &options->command, "The command to call, with an empty request", "COMMAND"},
              {"--timeout", &options->timeout_s, "Seconds to wait for each reply, 0 = without limit; 1 to 4 count as 5",
               "S"}},

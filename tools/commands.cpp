@@ -1,12 +1,20 @@
 #include "commands.h"
 
 #include "ksctl.h"
+#include "kservice.h"
 #include "near_name.h"
 #include "service_socket.h"
 
 #include <algorithm>
+#include <cstddef>
 
 namespace ksctl {
+
+namespace {
+
+constexpr std::size_t kLongestCommand = sizeof(directive::data) - 1;
+
+} // namespace
 
 const std::vector<documented_command>& commands() {
     static const std::vector<documented_command> all = read_command_document(command_text);
@@ -41,6 +49,22 @@ std::string about_unknown_command(std::string_view service, std::string_view nam
     }
     const std::string question = did_you_mean(near_names(name, own));
     return begin + "; " + (question.empty() ? "ksctl commands lists those that it has" : question);
+}
+
+bool check_command(const std::string& service, const std::string& name) {
+    if (name.empty()) {
+        (void)fail(kBadArgument, "bad argument: the command has no name");
+        return false;
+    }
+    if (name.size() > kLongestCommand) {
+        (void)fail(kBadArgument, "bad argument: a command has at most %zu characters, this one has %zu",
+                   kLongestCommand, name.size());
+        return false;
+    }
+    if (const std::string hint = about_unknown_command(service, name); !hint.empty()) {
+        (void)fail(kSuccess, "%s", hint.c_str());
+    }
+    return true;
 }
 
 bool check_has_commands(const std::string& service, const char* subcommand) {

@@ -24,6 +24,10 @@ const documented_command* find_command(std::string_view service, std::string_vie
 /// that has it. @return Nothing for a known command, and for services whose commands are unknown.
 std::string about_unknown_command(std::string_view service, std::string_view name);
 
+/// Whether `name` can be a command of `service`; if not, reports that. Also tells of one that the service's list does
+/// not have, which may be older than the service.
+[[nodiscard]] bool check_command(const std::string& service, const std::string& name);
+
 /// Whether `service`, the argument of an option --service, is empty or a service whose commands are known; if not,
 /// reports that. @param subcommand  Whose help to point to.
 [[nodiscard]] bool check_has_commands(const std::string& service, const char* subcommand);

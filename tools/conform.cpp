@@ -30,7 +30,7 @@ int report::end() {
     if (skipped_ > 0) {
         sum += ", " + std::to_string(skipped_) + " skipped";
     }
-    return print(sum + '\n') && printed_ && failed_ == 0 ? kSuccess : kFailure;
+    return print(sum + '\n') && failed_ == 0 ? kSuccess : kFailure;
 }
 
 void report::print_line(const char* mark, const char* rule, const std::string& remark) {
@@ -38,7 +38,9 @@ void report::print_line(const char* mark, const char* rule, const std::string& r
     if (!remark.empty()) {
         line += "      -> " + remark + '\n';
     }
-    printed_ = print(line) && printed_;
+    if (!print(line)) {
+        throw stopped{kFailure};
+    }
 }
 
 std::string with(const char* what, const std::string& trouble) {

@@ -17,7 +17,12 @@
 
 namespace ksctl::conform {
 
-/// Prints each check as it ends, and counts.
+/// Thrown where no further check makes sense; the reason has been reported.
+struct stopped {
+    int status; ///< ksctl's.
+};
+
+/// Prints each check as it ends, and counts. Throws `stopped` when that cannot be printed.
 class report {
 public:
     /// `trouble` is what was seen instead; empty = the rule is kept.
@@ -32,7 +37,6 @@ private:
     int passed_ = 0;
     int failed_ = 0;
     int skipped_ = 0;
-    bool printed_ = true; // so far
 };
 
 /// The result of one receive. No bytes = the connection has ended, or `silent`.
@@ -64,6 +68,8 @@ void send_descriptors(int socket, const std::vector<int>& descriptors);
 std::string content_of(int fd);
 /// A memory file that holds `text`, with its offset at the end.
 unique_fd memory_file(std::string_view text, unsigned flags = 0);
+
+// Both return the exit status, or throw `stopped`.
 
 /// Checks the service that listens at `path`, which must reply to `command` with `request`.
 /// @param slow  Also run the check that takes half a minute.

@@ -176,10 +176,14 @@ void reply(int connection, const request_seen& seen, std::string_view text) {
     (void)shutdown(connection, SHUT_RDWR);
 }
 
+// Its services are in `folder`, which is removed at scope end.
 class client_under_test {
 public:
     client_under_test(std::vector<std::string> words, std::string folder)
         : words_(std::move(words)), folder_(std::move(folder)) {}
+    ~client_under_test() { (void)rmdir(folder_.c_str()); }
+    client_under_test(const client_under_test&) = delete;
+    client_under_test& operator=(const client_under_test&) = delete;
 
     struct result {
         std::string trouble; // empty = it connected and came to an end
@@ -202,7 +206,8 @@ public:
         words.insert(words.end(), {service, command, request});
         program client(words);
         if (client.error() != 0) {
-            return {words_.front() + ": " + strerror(client.error()), -1, ""};
+            throw stopped{fail(kUsage, "cannot run %s: %s (see ksctl conform --help)", words_.front().c_str(),
+                               strerror(client.error()))};
         }
         {
             const unique_fd connection = socket.accept_from(client);
@@ -434,7 +439,6 @@ int check_client(const std::vector<std::string>& program) {
     check_call(client, checks);
     check_edges(client, checks);
     check_calls_without_a_reply(client, checks);
-    (void)rmdir(folder.c_str());
     return checks.end();
 }
 

@@ -11,6 +11,7 @@
 #include <cstring>
 #include <limits>
 #include <memory>
+#include <thread>
 #include <unistd.h>
 
 namespace ksctl {
@@ -82,10 +83,16 @@ outcome exchange(const std::string& given_service, const std::string& command, u
     const unsigned allowed_s = std::max(timeout_s, kShortestTimeoutS);
     const auto deadline = timeout_s == kNoTimeout ? steady_clock::time_point::max()
                                                   : steady_clock::now() + std::chrono::seconds(allowed_s);
-    unsigned code = KS_OK;
-    do { // connecting alone times out earlier
-        code = ks_epoll_call(epoll.get(), service.c_str(), command.c_str(), request.get(), passfd);
-    } while (code == KS_TIMEOUT && steady_clock::now() < deadline);
+    unsigned code = ks_epoll_call(epoll.get(), service.c_str(), command.c_str(), request.get(), passfd);
+    // That is given up after 5 seconds while the backlog is full; with fewer left, only a backlog with room is tried.
+    for (auto now = steady_clock::now(); code == KS_TIMEOUT && now < deadline; now = steady_clock::now()) {
+        if (deadline - now < std::chrono::seconds(kShortestTimeoutS) &&
+            probe(service_path(service)) == presence::full) {
+            std::this_thread::sleep_for(std::min<steady_clock::duration>(deadline - now, milliseconds(20)));
+        } else {
+            code = ks_epoll_call(epoll.get(), service.c_str(), command.c_str(), request.get(), passfd);
+        }
+    }
     if (code == KS_NO_SERVICE) {
         const int error = errno;
         return {kNoService,

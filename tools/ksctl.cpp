@@ -14,6 +14,7 @@
 #include <cstdio>
 #include <cstring>
 #include <exception>
+#include <fcntl.h>
 #include <functional>
 #include <iostream>
 #include <string>
@@ -45,12 +46,17 @@ constexpr const char* kFooter =
     "  14  the service refused the call\n"
     "  15  the connection failed before the request was taken\n"
     "  16  the service is busy\n"
-    "  17  bad argument: service name over 64 or command over 256 characters\n"
+    "  17  bad argument: service name or command missing, or over 64 or 256 characters\n"
     "  18  the request was taken, and the connection ended without a reply\n"
     "  19  call --check: the reply says failure\n"
     "  20  doctor: something is not well\n"
     "\n"
     "ksctl COMMAND --help tells about one command.";
+
+// A word of the command line, as it can be seen in a message.
+std::string shown(const std::string& word) {
+    return word.empty() ? "''" : word;
+}
 
 // What the shells' completion (completions/) asks; no subcommand for people.
 constexpr std::string_view kComplete = "complete";
@@ -77,6 +83,21 @@ int complete(const std::vector<std::string>& words, const CLI::App& app) {
     return print(lines) ? kSuccess : kFailure;
 }
 
+// The parser's own check takes no text for 0, and "nan" for a number in every range.
+template <class Number>
+auto in_range(const limits& range) {
+    return [range](const std::string& text) {
+        Number value{};
+        const bool number = !text.empty() && CLI::detail::lexical_cast(text, value);
+        if (number && static_cast<double>(value) >= range.least && static_cast<double>(value) <= range.most) {
+            return std::string();
+        }
+        std::array<char, 64> allowed{};
+        (void)snprintf(allowed.data(), allowed.size(), "%.10g to %.10g", range.least, range.most);
+        return "Value " + shown(text) + " not in range " + allowed.data();
+    };
+}
+
 // Tells the parser of an option.
 void add(CLI::App& app, const option& declared) {
     const auto add_to = [&](auto* value) {
@@ -90,12 +111,11 @@ void add(CLI::App& app, const option& declared) {
             }
             if constexpr (!std::is_same_v<kind, std::optional<std::string>>) {
                 added->required(added->get_positional())->capture_default_str();
+            } else if (!added->get_positional()) {
+                added->check([](const std::string& text) { return text.empty() ? "Value '' is empty" : ""; });
             }
             if constexpr (std::is_arithmetic_v<kind>) {
-                if (declared.range) {
-                    const auto [least, most] = *declared.range;
-                    added->check(CLI::Range(static_cast<kind>(least), static_cast<kind>(most)).description(""));
-                }
+                added->check(in_range<kind>(declared.range));
             }
         }
     };
@@ -106,15 +126,30 @@ bool is_subcommand(std::string_view word) {
     return std::any_of(kCommands.begin(), kCommands.end(), [word](const command* each) { return word == each->name; });
 }
 
-int unknown_subcommand(const char* given) {
+int unknown_subcommand(const std::string& given) {
     std::vector<std::string> names;
     names.reserve(kCommands.size());
     for (const command* each : kCommands) {
         names.emplace_back(each->name);
     }
     const std::string question = did_you_mean(near_names(given, names));
-    return fail(kUsage, "no subcommand %s%s%s (see ksctl --help)", given, question.empty() ? "" : "; ",
+    return fail(kUsage, "no subcommand %s%s%s (see ksctl --help)", shown(given).c_str(), question.empty() ? "" : "; ",
                 question.c_str());
+}
+
+// The parser misses what is required before it looks at words that it does not know, and names those last word first.
+std::string usage_error(const CLI::App& app, const CLI::Error& error) {
+    const std::vector<std::string> unknown = app.remaining(true);
+    const int kind = error.get_exit_code();
+    if (unknown.empty() || (kind != static_cast<int>(CLI::ExitCodes::RequiredError) &&
+                            kind != static_cast<int>(CLI::ExitCodes::ExtrasError))) {
+        return error.what();
+    }
+    std::string text = "not expected:";
+    for (const std::string& word : unknown) {
+        text += ' ' + shown(word);
+    }
+    return text;
 }
 
 int parse_and_run(int argc, char** argv) {
@@ -126,7 +161,7 @@ int parse_and_run(int argc, char** argv) {
     app.failure_message([](const CLI::App* main, const CLI::Error& error) {
         const std::vector<CLI::App*> begun = main->get_subcommands(); // what the words before the mistake chose
         const std::string chosen = begun.empty() ? "" : " " + begun.front()->get_name();
-        return std::string("ksctl: ") + error.what() + " (see ksctl" + chosen + " --help)\n";
+        return "ksctl: " + usage_error(*main, error) + " (see ksctl" + chosen + " --help)\n";
     });
     std::function<int()> action;
     for (const command* each : kCommands) {
@@ -157,9 +192,20 @@ int parse_and_run(int argc, char** argv) {
     return action();
 }
 
+// Takes the numbers of those that are closed, so that nothing that is opened later gets what is meant for them. Reading
+// and writing go on to fail.
+void occupy_closed_standard_streams() {
+    for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) {
+        if (fcntl(fd, F_GETFD) < 0) {
+            (void)open("/", O_PATH | O_CLOEXEC); // the lowest free number is this one
+        }
+    }
+}
+
 } // namespace
 
 int run(int argc, char** argv) {
+    occupy_closed_standard_streams();
     // A reader that leaves early, or a file that grows too large, is an error to report, not a signal to die of.
     (void)signal(SIGPIPE, SIG_IGN);
     (void)signal(SIGXFSZ, SIG_IGN);

@@ -24,26 +24,26 @@ enum exit_status : int {
     kRefused = 14,      ///< the service refused the call
     kDisconnected = 15, ///< the connection failed before the request was taken
     kBusy = 16,         ///< the service's waiting queue is full
-    kBadArgument = 17,  ///< the service name is missing or too long, or the command is too long
+    kBadArgument = 17,  ///< the service name or the command is missing or too long
     kNoReply = 18,      ///< the request was taken, and the connection ended without a reply
     kSaysFailure = 19,  ///< there is a reply, and it says failure
     kNotWell = 20,      ///< doctor has found a problem
 };
 
 struct limits {
-    double least;
-    double most;
+    double least = 0;
+    double most = 4294967295; // of an unsigned, which a double holds exactly
 };
 
 /// An option of a subcommand, or a word of its command line.
 struct option {
     const char* name; ///< "--name", "-n,--name", or for a word "NAME".
     /// Where the value goes; its initial content is the default. A bool is a flag. A word is required, unless it is a
-    /// std::optional; a std::vector takes all that are given.
+    /// std::optional; an option that is one takes no empty text. A std::vector takes all that are given.
     std::variant<bool*, unsigned*, double*, std::string*, std::optional<std::string>*, std::vector<std::string>*> value;
     const char* help;
-    const char* value_name = "";                ///< The help's name for an option's value.
-    std::optional<limits> range = std::nullopt; ///< Of a number.
+    const char* value_name = ""; ///< The help's name for an option's value.
+    limits range = {};           ///< Of a number.
 };
 
 /// What a subcommand declares. The parser's header takes longer to compile than all the rest of ksctl: only ksctl.cpp

@@ -14,7 +14,7 @@ stop_signals::stop_signals() {
     sigaddset(&both, SIGINT);
     sigaddset(&both, SIGTERM);
     (void)pthread_sigmask(SIG_BLOCK, &both, nullptr);
-    fd_ = above_standard_streams(unique_fd(signalfd(-1, &both, SFD_CLOEXEC)));
+    fd_.reset(signalfd(-1, &both, SFD_CLOEXEC));
 }
 
 bool stop_signals::came_before(int fd) const {

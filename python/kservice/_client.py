@@ -84,8 +84,8 @@ def call(
     """
     path = _wire.socket_path(service)
     encoded = os.fsencode(command)
-    if len(encoded) > _wire.LONGEST_COMMAND or b"\0" in encoded:
-        raise _wire.BadArgument(f"a command has at most {_wire.LONGEST_COMMAND} bytes and no NUL: {command!r}")
+    if not 0 < len(encoded) <= _wire.LONGEST_COMMAND or b"\0" in encoded:
+        raise _wire.BadArgument(f"a command has 1 to {_wire.LONGEST_COMMAND} bytes and no NUL: {command!r}")
     if extra_fd is not None:
         fcntl.fcntl(extra_fd, fcntl.F_GETFD)
     deadline = None if timeout is None else time.monotonic() + timeout

@@ -46,7 +46,7 @@ TEST_F(KserviceHppTest, CallGivesTheReplysBytes) {
     service.start();
     const std::string bytes("a\0\xFF\n", 4);
     EXPECT_EQ(call(name_, "echo", bytes).value(), "echo:" + bytes);
-    EXPECT_EQ(call(name_, "").value(), ":");
+    EXPECT_EQ(call(name_, "c").value(), "c:");
     const std::string large(5 << 20, 'x');
     EXPECT_EQ(call(name_, "echo", large).value(), "echo:" + large);
 }
@@ -70,10 +70,12 @@ TEST_F(KserviceHppTest, CallRefusesNamesThatTheLibraryWouldCut) {
     EXPECT_EQ(call("", "echo").error(), status::bad_argument);
     EXPECT_EQ(call(std::string(65, 's'), "echo").error(), status::bad_argument);
     EXPECT_EQ(call(name_ + std::string("\0x", 2), "echo").error(), status::bad_argument);
+    EXPECT_EQ(call(name_, "").error(), status::bad_argument);
     EXPECT_EQ(call(name_, std::string(257, 'c')).error(), status::bad_argument);
     EXPECT_EQ(call(name_, std::string("echo\0x", 6)).error(), status::bad_argument);
     kservice::set set;
     EXPECT_EQ(set.add("", "echo"), status::bad_argument);
+    EXPECT_EQ(set.add(name_, ""), status::bad_argument);
     EXPECT_EQ(set.add(name_, std::string("echo\0x", 6)), status::bad_argument);
     EXPECT_EQ(set.size(), 0U);
 }
@@ -139,8 +141,8 @@ TEST_F(KserviceHppTest, EachServiceHasItsOwnHandlerAlsoWhenItWasMoved) {
     const kservice::service moved = std::move(first);
     second.start();
     for (int i = 0; i < 4; ++i) { // each worker of each at least once
-        EXPECT_EQ(call(name_, "").value(), "first");
-        EXPECT_EQ(call(name_ + "2", "").value(), "second");
+        EXPECT_EQ(call(name_, "c").value(), "first");
+        EXPECT_EQ(call(name_ + "2", "c").value(), "second");
     }
 }
 
@@ -161,7 +163,7 @@ TEST_F(KserviceHppTest, ServesInProcesses) {
         name_, 2, [](kservice::request& request) { (void)request.reply(std::to_string(getpid())); },
         KS_STANDALONE | KS_PROCESS_MODE);
     service.start();
-    EXPECT_NE(call(name_, "").value(), std::to_string(getpid()));
+    EXPECT_NE(call(name_, "c").value(), std::to_string(getpid()));
 }
 
 TEST_F(KserviceHppTest, ServesInTheCallingThreadUntilStopped) {

@@ -267,7 +267,8 @@ def test_usage_errors():
     assert conform("n" * 65).returncode == 17
 
 
-def test_program_that_is_none_fails():
+def test_program_that_is_none_is_a_usage_error():
     done = conform("--client", "/no/such/program")
-    assert "/no/such/program: No such file or directory" in done.stdout
-    assert broken_rules(done)
+    assert (done.returncode, done.stdout) == (2, "")
+    said = "ksctl: cannot run /no/such/program: No such file or directory (see ksctl conform --help)\n"
+    assert done.stderr == said

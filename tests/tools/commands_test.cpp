@@ -168,6 +168,17 @@ TEST_F(KsctlSuggestionTest, NamesANearCommandAndSendsWhatWasAsked) {
     EXPECT_THAT(said(kMain, "exec_cli "), HasSubstr("did you mean exec_cli?"));
 }
 
+TEST_F(KsctlSuggestionTest, PingAndConformNameANearCommand) {
+    start(kMain);
+    const char* hint = "ksctl: VexHubServer-vexprod is not known to have a command tets; did you mean test?\n";
+    const finished ping = ksctl({"ping", kMain, "-c", "1", "--command", "tets"});
+    EXPECT_EQ(ping.status, 0);
+    EXPECT_EQ(ping.err, hint);
+    const finished conform = ksctl({"conform", kMain, "--command", "tets"});
+    EXPECT_EQ(conform.status, 0) << conform.out;
+    EXPECT_EQ(conform.err, hint);
+}
+
 TEST_F(KsctlSuggestionTest, ReachesTwoLettersFar) {
     start(kMain);
     EXPECT_THAT(said(kMain, "gtvpd_chanel"), HasSubstr("did you mean get_vpd_channel?"));      // two left out
