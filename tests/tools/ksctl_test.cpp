@@ -787,6 +787,8 @@ TEST_F(KsctlTest, ClosedStandardStreamsStayClosed) {
     EXPECT_EQ(without("<&- 2>&-", R"(call "$1" has_fd)").out, "no");
     EXPECT_EQ(without("<&- 2>&-", R"(call "$1" print --output )" + folder_ + "/o").out, "done");
     EXPECT_EQ(content_of(folder_ + "/o"), "printed");
+    EXPECT_EQ(without(">&-", R"(call "$1" print --output )" + folder_ + "/p").status, 1);
+    EXPECT_EQ(content_of(folder_ + "/p"), "printed");
     EXPECT_EQ(without("<&- >&- 2>&-", R"(call "$1" echo text)").status, 1);
     EXPECT_EQ(without("<&- >&- 2>&-", R"(ping "$1" -c 1)").status, 1);
 }
