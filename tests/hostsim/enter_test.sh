@@ -235,7 +235,8 @@ check "in place: an interrupt ends the command and what it left running" "$(in_p
 check "in place: a signal before the command starts" "$(in_place '
     mkdir /root/bin; printf "#!/bin/sh\nkill -TERM \$PPID; exec /bin/cp \"\$@\"\n" >/root/bin/cp; chmod +x /root/bin/cp
     machine >/root/before
-    PATH=/root/bin:$PATH "$@" echo started; echo $?; machine >/root/after; diff /root/before /root/after && echo same')" "143
+    PATH=/root/bin:$PATH "$@" echo started; echo $?
+    machine >/root/after; diff /root/before /root/after && echo same')" "143
 same"
 # in_killed SCRIPT: the same as in_place, behind a run that was killed.
 in_killed() {
