@@ -37,6 +37,7 @@
 #include <cstdio>
 #include <ctime>
 #include <execinfo.h>
+#include <fcntl.h>
 #include <malloc.h>
 #include <memory>
 #include <pthread.h>
@@ -54,7 +55,7 @@ constexpr unsigned kCrashSeconds = 10;
 constexpr int kExitRefused = -1;
 constexpr int kExitNoService = -2;
 
-int g_IsDaemonize = 0;
+int g_IsDaemonize;     // option -d
 int g_IsTerminate = 0; // written by a signal handler, read by the loop: through set_terminate() and is_terminate() only
 ks_handle* ks_service_handle = nullptr;
 ks_handle* ks_send_mail_service_handle = nullptr;
@@ -195,6 +196,18 @@ void start_detached(void* (*routine)(void*), service_thread* state) {
     pthread_attr_destroy(&attr);
 }
 
+// The null device takes the numbers that the starter has left closed: a file that is opened, or a descriptor that a
+// caller passes, would become a standard stream of the daemon and its children. Inherited by these.
+void fill_standard_streams() {
+    int fd{};
+    do {
+        fd = open("/dev/null", O_RDWR);
+    } while (fd >= 0 && fd <= STDERR_FILENO);
+    if (fd >= 0) {
+        close(fd);
+    }
+}
+
 // @return 0 or the exit status.
 int create_services() {
     ks_service_handle = ks_create(kMainService, KS_PTHREAD_MODE, kMainWorkers, service_handler);
@@ -272,6 +285,7 @@ void free_all_obj() {
 } // namespace
 
 int run_daemon(int argc, char** argv) {
+    fill_standard_streams();
     // A starter that ignored SIGCHLD handed that down, and then no child could be waited for.
     (void)signal(SIGCHLD, SIG_DFL);
     // The services ignore both as well, but the relays run before them, and may write to a pipe that nobody reads or to

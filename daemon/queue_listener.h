@@ -49,7 +49,7 @@ private:
     unsigned long size_;
     int id_; ///< -1 if the queue could not be opened.
     int key_;
-    int stop_ = 0; ///< Written by the stopping thread, read by the receiving one: atomically.
+    bool stop_ = false; ///< Written by the stopping thread, read by the receiving one: atomically.
     void (*callback_)(void*);
 };
 

@@ -31,7 +31,7 @@ public:
 
     template <class T>
     [[nodiscard]] T number(size_t offset) const {
-        T value = 0;
+        T value{};
         memcpy(&value, data_ + offset, sizeof(value));
         return value;
     }

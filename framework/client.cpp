@@ -8,7 +8,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <climits>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
@@ -178,7 +177,7 @@ void end_connection(const requests& of, ks_io* io) {
 // Advances the requests by one event, see ks_epoll_perform(). A directive of an unknown type does not count: the wait
 // restarts with the whole of `timeout_ms`.
 ks_io* perform(const requests& of, unsigned timeout_ms, unsigned* ret_code) {
-    uint32_t events = 0;
+    uint32_t events{};
     while (ks_io* io = wait_for_event(of, timeout_ms, &events)) {
         switch (advance(events, io, ret_code)) {
         case step::waits:
@@ -228,15 +227,17 @@ bool store(ks_io* io, const payload& request) {
 unsigned call(const char* name, const char* command, ks_io* io, const payload& request, unsigned timeout_s,
               int passfd) {
     const int64_t begin = ks::now_ms();
-    const int64_t give_up_at = begin + (int64_t)std::max(timeout_s, kMinimumTimeoutS) * 1000;
+    const int64_t allowed = (int64_t)std::max(timeout_s, kMinimumTimeoutS) * 1000;
+    const int64_t give_up_at = begin + allowed;
     unsigned code = open_request(name, command, io, passfd, give_up_at);
     if (code == KS_OK && !store(io, request)) {
         code = KS_DISCONNECTED;
     }
     if (code == KS_OK) {
-        // Less than all only when the backlog was full.
-        int64_t remaining = std::max<int64_t>(give_up_at - ks::now_ms(), 0);
-        while (perform({nullptr, io}, (unsigned)std::min<int64_t>(remaining, UINT_MAX), &code) == nullptr) {
+        int64_t remaining = allowed;
+        // Connecting has taken some of the first wait's time. After a pass, `remaining` is never the longer of the two.
+        while (perform({nullptr, io}, (unsigned)std::min<int64_t>(remaining, ks::wait_time(give_up_at)), &code) ==
+               nullptr) {
             // KEPT: each pass takes the whole time since the start off the budget, not just its own, so a request that
             // waited for a worker has less than the clock says. Callers have tuned their time-outs to it.
             const int64_t elapsed = ks::now_ms() - begin;
@@ -313,7 +314,7 @@ unsigned ks_epoll_call(ks_epoll* epoll, const char* name, const char* command, k
 
 ks_io* ks_epoll_perform(ks_epoll* epoll, unsigned timeout_ms, unsigned* status) {
     KS_REQUIRE(is_epoll(epoll), KS_EPOLL_TEXT, "cannot perform incorrect ks_epoll %p", (void*)epoll);
-    unsigned ignored = 0;
+    unsigned ignored{};
     unsigned* code = status != nullptr ? status : &ignored;
     ks_io* io = perform({epoll, nullptr}, timeout_ms, code);
     if (io != nullptr) {

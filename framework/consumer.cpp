@@ -67,12 +67,12 @@ bool wait_for_caller(const caller& who) {
     return watched[0].revents != 0 && watched[0].revents != (POLLIN | POLLHUP | POLLRDHUP);
 }
 
-// The next descriptor that the caller promised; owned by the receiver, or -1. `how` and `fd` are what has come already.
-int promised_descriptor(const caller& who, received how, int fd) {
-    while (how == received::nothing && wait_for_caller(who)) {
-        how = receive_descriptor(who.fd, MSG_DONTWAIT, &fd);
+// The next descriptor that the caller promised, which may have come already; owned by the receiver, or negative.
+int promised_descriptor(const caller& who, arrival came) {
+    while (came.how == arrival::nothing && wait_for_caller(who)) {
+        came = receive_descriptor(who.fd, MSG_DONTWAIT);
     }
-    return how == received::descriptor ? fd : -1;
+    return came.fd;
 }
 
 // The environment of the process `pid`: texts, each ended by a NUL, and one NUL more. The caller frees it; nullptr = it
@@ -205,24 +205,22 @@ void execute(const ks_worker* worker, const directive& request, int connection, 
 // Receives one request from an invited caller, and runs it. False = there is none, and `who.fd` is still open.
 bool hear_request(const ks_worker* worker, const caller& who) {
     directive request = {};
-    received how = received::nothing;
-    int memfd = -1;
+    arrival came = {};
     if (!wait_for_caller(who)) {
         return false;
     }
-    if (receive_with_descriptor(who.fd, MSG_DONTWAIT, &request, &how, &memfd) != (ssize_t)sizeof(request) ||
+    if (receive_with_descriptor(who.fd, MSG_DONTWAIT, &request, &came) != (ssize_t)sizeof(request) ||
         request.type != KS_DIRECTIVE_REQUEST) {
-        close_foreign(memfd);
+        close_foreign(came.fd);
         return false;
     }
-    memfd = promised_descriptor(who, how, memfd);
+    const int memfd = promised_descriptor(who, came);
     if (memfd < 0) {
         return false;
     }
     int extra_fd = -1;
     if ((request.flags & KS_DIRECTIVE_HAS_FD) != 0) {
-        how = receive_descriptor(who.fd, MSG_DONTWAIT, &extra_fd);
-        extra_fd = promised_descriptor(who, how, extra_fd);
+        extra_fd = promised_descriptor(who, receive_descriptor(who.fd, MSG_DONTWAIT));
         if (extra_fd < 0) {
             close_foreign(memfd);
             return false;
@@ -237,16 +235,16 @@ bool hear_request(const ks_worker* worker, const caller& who) {
     return true;
 }
 
-// A caller's descriptor follows on the link, or has arrived: `how` and `fd`. Ends with the worker ready again.
-void take_transfer(const ks_worker* worker, const size_t* waiting, const directive& transfer, received how, int fd) {
-    if (how == received::nothing) {
-        how = receive_descriptor(worker->sockfd[0], 0, &fd);
+// A caller's descriptor follows on the link, or `came` with the directive. Ends with the worker ready again.
+void take_transfer(const ks_worker* worker, const size_t* waiting, const directive& transfer, arrival came) {
+    if (came.how == arrival::nothing) {
+        came = receive_descriptor(worker->sockfd[0], 0);
     }
     (void)send_directive(worker->sockfd[0], transfer);
-    if (how == received::descriptor) {
-        const caller who = {fd, worker->sockfd[0], now_ms() + kPatienceMs, waiting};
-        if (!send_directive(fd, make_directive(KS_DIRECTIVE_ACCEPTED)) || !hear_request(worker, who)) {
-            hang_up(fd);
+    if (came.how == arrival::descriptor) {
+        const caller who = {came.fd, worker->sockfd[0], now_ms() + kPatienceMs, waiting};
+        if (!send_directive(who.fd, make_directive(KS_DIRECTIVE_ACCEPTED)) || !hear_request(worker, who)) {
+            hang_up(who.fd);
         }
     }
     report_ready(worker);
@@ -255,9 +253,8 @@ void take_transfer(const ks_worker* worker, const size_t* waiting, const directi
 // Handles a message from the producer. False = the loop must end.
 bool hear_producer(const ks_worker* worker, const size_t* waiting) {
     directive message = {};
-    received how = received::nothing;
-    int fd = -1;
-    const ssize_t got = receive_with_descriptor(worker->sockfd[0], 0, &message, &how, &fd);
+    arrival came = {};
+    const ssize_t got = receive_with_descriptor(worker->sockfd[0], 0, &message, &came);
     if (got == 0) {
         return false; // end of file: nothing will ever follow
     }
@@ -266,10 +263,10 @@ bool hear_producer(const ks_worker* worker, const size_t* waiting) {
         return true;
     }
     if (message.type == KS_DIRECTIVE_TRANSFER) {
-        take_transfer(worker, waiting, message, how, fd);
+        take_transfer(worker, waiting, message, came);
         return true;
     }
-    close_foreign(fd);
+    close_foreign(came.fd);
     return false; // "stop", or what is none of the protocol: drop the link
 }
 

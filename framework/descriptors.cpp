@@ -72,7 +72,7 @@ void close_foreign(int fd) {
     if (fd < 0) {
         return;
     }
-    int domain = 0;
+    int domain{};
     socklen_t size = sizeof(domain);
     if (fcntl(fd, F_GET_SEALS) >= 0 ||
         (getsockopt(fd, SOL_SOCKET, SO_DOMAIN, &domain, &size) == 0 && domain == AF_UNIX)) {
@@ -150,7 +150,7 @@ int take_descriptor(msghdr* message) {
         }
         const size_t count = (header->cmsg_len - CMSG_LEN(0)) / sizeof(int);
         for (size_t i = 0; i < count; ++i) {
-            int fd = -1;
+            int fd{};
             memcpy(&fd, CMSG_DATA(header) + i * sizeof(int), sizeof(fd));
             if (kept < 0) {
                 kept = fd;
@@ -195,23 +195,23 @@ size_t send_with_descriptors(int sockfd, const directive& message, std::span<con
     return (size_t)std::max(sendmmsg(sockfd, messages, (unsigned)(1 + fds.size()), MSG_DONTWAIT | MSG_NOSIGNAL), 0);
 }
 
-received receive_descriptor(int sockfd, int flags, int* ret_fd) {
+arrival receive_descriptor(int sockfd, int flags) {
     envelope letter(-1);
     letter.make_room();
     if (TEMP_FAILURE_RETRY(recvmsg(sockfd, &letter.message, flags | MSG_CMSG_CLOEXEC)) < 0) {
-        return errno == EAGAIN ? received::nothing : received::failed;
+        return {errno == EAGAIN ? arrival::nothing : arrival::failed, -1};
     }
-    *ret_fd = take_descriptor(&letter.message);
-    return *ret_fd >= 0 ? received::descriptor : received::failed;
+    const int fd = take_descriptor(&letter.message);
+    return {fd >= 0 ? arrival::descriptor : arrival::failed, fd};
 }
 
-ssize_t receive_with_descriptor(int sockfd, int flags, directive* ret_message, received* ret_how, int* ret_fd) {
+ssize_t receive_with_descriptor(int sockfd, int flags, directive* ret_message, arrival* ret_came) {
     envelope letter(-1);
     letter.make_room();
     iovec parts[] = {{ret_message, sizeof(*ret_message)}, letter.data};
     letter.message.msg_iov = parts;
     letter.message.msg_iovlen = std::size(parts);
-    *ret_how = received::nothing;
+    *ret_came = {arrival::nothing, -1};
     const ssize_t got = TEMP_FAILURE_RETRY(recvmsg(sockfd, &letter.message, flags | MSG_CMSG_CLOEXEC));
     if (got <= 0) {
         return got;
@@ -221,8 +221,7 @@ ssize_t receive_with_descriptor(int sockfd, int flags, directive* ret_message, r
         close_foreign(fd); // sent with the directive itself, where none belongs
         return got;
     }
-    *ret_fd = fd;
-    *ret_how = fd >= 0 ? received::descriptor : received::failed;
+    *ret_came = {fd >= 0 ? arrival::descriptor : arrival::failed, fd};
     return sizeof(*ret_message);
 }
 

@@ -76,23 +76,26 @@ bool send_descriptor(int sockfd, int fd, int flags);
 /// @return How many of the messages were sent, the directive included.
 size_t send_with_descriptors(int sockfd, const directive& message, std::span<const int> fds);
 
-/// How receiving a descriptor ended.
-enum class received {
-    descriptor, ///< *ret_fd is owned by the receiver, close-on-exec, numbered 3 or above
-    nothing,    ///< would block
-    failed      ///< a data byte without a descriptor, end of file, or error
+/// What receiving a descriptor brought.
+struct arrival {
+    enum {
+        nothing,    ///< would block
+        descriptor, ///< `fd` is owned by the receiver, close-on-exec, numbered 3 or above
+        failed      ///< a data byte without a descriptor, end of file, or error
+    } how;
+    int fd; ///< negative without a descriptor
 };
 
 /// Receives one data byte and its descriptor. However many descriptors a message brings, at most one is kept.
 /// @param flags  MSG_DONTWAIT or 0.
-received receive_descriptor(int sockfd, int flags, int* ret_fd);
+arrival receive_descriptor(int sockfd, int flags);
 
 /// Receives what is available of a directive and the descriptor message after it, with one system call. A descriptor
 /// sent with the directive itself is closed.
-/// @param flags    MSG_DONTWAIT or 0.
-/// @param ret_how  As receive_descriptor(); also `nothing` if only the directive was there.
+/// @param flags     MSG_DONTWAIT or 0.
+/// @param ret_came  As receive_descriptor(); also `nothing` if only the directive was there.
 /// @return The bytes of the directive, at most its size, or as recvmsg(2).
-ssize_t receive_with_descriptor(int sockfd, int flags, directive* ret_message, received* ret_how, int* ret_fd);
+ssize_t receive_with_descriptor(int sockfd, int flags, directive* ret_message, arrival* ret_came);
 
 /// A process-independent clock in milliseconds.
 int64_t now_ms();

@@ -160,6 +160,7 @@ void hand_over(producer* p, ks_worker* worker) {
         return;
     }
     worker->idle = 0;
+    close_and_clear(&p->self->consumers[worker->index].in_transit); // open if its last echo could not be sent
     p->self->consumers[worker->index].in_transit = fd;
     if (spoke_itself) {
         (void)shutdown(fd, SHUT_RDWR);
@@ -178,7 +179,7 @@ void dispatch(producer* p) {
     while (p->waiting > 0) {
         ks_worker* candidate = &p->handle->worker[at];
         if ((candidate->flags & KS_PROCESS_MODE) != 0) {
-            int status = 0;
+            int status{};
             if (waitpid(candidate->id.pid, &status, WNOHANG) != 0) {
                 restart_consumer(p, candidate, status);
             }

@@ -50,7 +50,7 @@ void set_byte(uint8_t* byte, uint8_t value) {
 // A start's value of `paused`: what ks_pause() and ks_resume() last said. They take no lock, so one that comes
 // meanwhile is looked for once more; one that comes after that look writes the byte after us.
 void restore_pause(service* self) {
-    uint8_t requested = 0;
+    uint8_t requested{};
     do {
         requested = __atomic_load_n(&self->pause_requested, __ATOMIC_SEQ_CST);
         set_byte(&self->handle.paused, requested);

@@ -190,7 +190,7 @@ int hos_get_sess_id_handler(ks_io* io, int /*fd*/) {
 
 int hos_vex_auth_add_session_handler(ks_io* io, int /*fd*/) {
     handler_call call(__func__, io);
-    std::int32_t type = 0;
+    std::int32_t type{};
     std::string user, session_id;
     if (call.take({{"type", &type}, {"user", &user}, {"sid", &session_id}})) {
         int status = -1;
@@ -207,7 +207,7 @@ int hos_vex_auth_add_session_handler(ks_io* io, int /*fd*/) {
 
 int hos_vex_auth_get_session_handler(ks_io* io, int /*fd*/) {
     handler_call call(__func__, io);
-    std::int32_t type = 0;
+    std::int32_t type{};
     std::int32_t length = 0; // KEPT: has to be in the request, and is not used
     std::string session_id;
     if (call.take({{"type", &type}, {"length", &length}, {"sid", &session_id}})) {

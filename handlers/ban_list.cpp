@@ -31,11 +31,7 @@ bool write_ban_list(const std::string& text) {
     if (!file.ok()) {
         return false;
     }
-    ssize_t written = 0;
-    do {
-        written = ::write(file.get(), text.data(), text.size());
-    } while (written < 0 && errno == EINTR);
-    return written > 0;
+    return TEMP_FAILURE_RETRY(::write(file.get(), text.data(), text.size())) > 0;
 }
 
 } // namespace

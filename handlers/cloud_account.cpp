@@ -28,7 +28,7 @@ struct T_KSERVICE_VEXPROD_CLOUD_OAUTH {
     std::string user_name;
     std::string redirect_uri;
     std::string state;
-    std::int32_t expires_in = 0;
+    std::int32_t expires_in{};
     std::string error;
     std::vector<std::string> scopes;
 };

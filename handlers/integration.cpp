@@ -52,8 +52,8 @@ int hos_system_call_findly_list_add_handler(ks_io* io, int /*fd*/) {
 // "get_vpd_ext_area": the tool's exit status is not looked at; one that prints nothing gives an empty area.
 int hos_get_vpd_ext_area_handler(ks_io* io, int /*fd*/) {
     handler_call call(__func__, io);
-    std::int32_t offset = 0;
-    std::int32_t length = 0;
+    std::int32_t offset{};
+    std::int32_t length{};
     if (!call.take({{"offest", &offset}, {"length", &length}})) { // KEPT: "offest" is the protocol's spelling
         return call.send();
     }
@@ -128,9 +128,9 @@ int hos_system_get_tiermount_cloud_usage_handler(ks_io* io, int /*fd*/) {
 // "notify_return": only "cmd" 3 is served.
 int hos_return_handler(ks_io* io, int /*fd*/) {
     handler_call call(__func__, io);
-    std::int32_t cmd = 0;
-    std::int32_t type = 0;
-    std::int32_t acy = 0;
+    std::int32_t cmd{};
+    std::int32_t type{};
+    std::int32_t acy{};
     if (call.take({{"cmd", &cmd}, {"type", &type}, {"acy", &acy}})) {
         int status = -1;
         if (cmd == 3) {

@@ -89,7 +89,7 @@ int hos_system_call_cloud_analysis_unregister_handler(ks_io* io, int /*fd*/) {
 
 int hos_system_call_log_tool_handler(ks_io* io, int /*fd*/) {
     handler_call call(__func__, io);
-    std::int32_t log_type = 0;
+    std::int32_t log_type{};
     std::string message;
     if (call.take({{"log_type", &log_type}, {"log_mseg", &message}})) { // KEPT: "log_mseg" is the protocol's spelling
         const std::vector<std::string> arguments = {"-t", std::to_string(log_type), "-a", message};
@@ -105,9 +105,9 @@ int hos_system_call_log_tool_handler(ks_io* io, int /*fd*/) {
 
 int hos_system_conn_log_tool_handler(ks_io* io, int /*fd*/) {
     handler_call call(__func__, io);
-    std::int32_t log_type = 0;
-    std::int32_t service_type = 0;
-    std::int32_t action_type = 0;
+    std::int32_t log_type{};
+    std::int32_t service_type{};
+    std::int32_t action_type{};
     std::string message;
     std::string user;
     std::string ip;

@@ -20,7 +20,6 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
-#include <sys/un.h>
 #include <system_error>
 #include <thread>
 #include <unistd.h>
@@ -90,9 +89,7 @@ std::string process(pid_t pid) {
 // Who listens on the socket, as the kernel has noted. @return 0 when that cannot be learnt.
 pid_t listener_of(const std::string& path) {
     const unique_fd connection(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-    sockaddr_un address = {};
-    address.sun_family = AF_UNIX;
-    path.copy(address.sun_path, sizeof(address.sun_path) - 1);
+    const sockaddr_un address = socket_address(path);
     ucred who = {};
     socklen_t size = sizeof(who);
     const bool known = connect(connection.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0 &&
@@ -312,7 +309,7 @@ void look_at_descriptors(report& findings, pid_t daemon) {
     const std::string subject = "descriptors";
     const std::string process_folder = "/proc/" + std::to_string(daemon);
     std::ifstream limits(process_folder + "/limits");
-    size_t limit = 0;
+    size_t limit{};
     for (std::string line; std::getline(limits, line);) {
         (void)sscanf(line.c_str(), "Max open files %zu", &limit); // NOLINT(cert-err34-c): the kernel's own text
     }

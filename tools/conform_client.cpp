@@ -18,7 +18,6 @@
 #include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
-#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <utility>
@@ -90,7 +89,7 @@ public:
         if (process.ok() && TEMP_FAILURE_RETRY(poll(&watched, 1, static_cast<int>(patience.count()))) <= 0) {
             return std::nullopt;
         }
-        int status = 0;
+        int status{};
         (void)waitpid(pid_, &status, 0);
         pid_ = -1;
         return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
@@ -107,9 +106,7 @@ class listener {
 public:
     explicit listener(std::string path)
         : path_(std::move(path)), socket_(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)) {
-        sockaddr_un address = {};
-        address.sun_family = AF_UNIX;
-        path_.copy(address.sun_path, sizeof(address.sun_path) - 1);
+        const sockaddr_un address = socket_address(path_);
         made_ = bind(socket_.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0;
         listens_ = made_ && listen(socket_.get(), 8) == 0;
     }

@@ -1,6 +1,7 @@
 // Plays a caller, well-behaved and not, and looks at what the service does.
 #include "conform.h"
 #include "kservice.h"
+#include "service_socket.h"
 
 #include <array>
 #include <cerrno>
@@ -13,7 +14,6 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/time.h>
-#include <sys/un.h>
 #include <sys/vfs.h>
 #include <unistd.h>
 #include <utility>
@@ -30,9 +30,7 @@ public:
     explicit caller(const std::string& path) : socket_(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
         const timeval longest = {patience.count() / 1000, 0};
         (void)setsockopt(get(), SOL_SOCKET, SO_SNDTIMEO, &longest, sizeof(longest)); // bounds the connect, too
-        sockaddr_un address = {};
-        address.sun_family = AF_UNIX;
-        path.copy(address.sun_path, sizeof(address.sun_path) - 1);
+        const sockaddr_un address = socket_address(path);
         if (connect(socket_.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
             trouble_ = std::string("connect: ") + strerror(errno);
         }
@@ -127,7 +125,7 @@ struct watched_pipe {
     bool closed_everywhere() {
         writer.reset();
         std::array<char, 4096> ignored{};
-        ssize_t count = 0;
+        ssize_t count{};
         do {
             pollfd watched = {reader.get(), POLLIN, 0};
             if (TEMP_FAILURE_RETRY(poll(&watched, 1, static_cast<int>(patience.count()))) <= 0) {

@@ -12,7 +12,6 @@
 #include <filesystem>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <system_error>
 #include <unistd.h>
 #include <vector>
@@ -60,11 +59,15 @@ std::string service_path(const std::string& given) {
     return path.data();
 }
 
+sockaddr_un socket_address(const std::string& path) {
+    sockaddr_un address = {AF_UNIX, {}};
+    path.copy(address.sun_path, sizeof(address.sun_path)); // needs no NUL, see unix(7)
+    return address;
+}
+
 presence probe(const std::string& path) {
     const unique_fd connection(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-    sockaddr_un address = {};
-    address.sun_family = AF_UNIX;
-    path.copy(address.sun_path, sizeof(address.sun_path)); // needs no NUL, see unix(7)
+    const sockaddr_un address = socket_address(path);
     if (connect(connection.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0) {
         return presence::up;
     }

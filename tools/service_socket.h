@@ -3,6 +3,7 @@
 
 #include <array>
 #include <string>
+#include <sys/un.h>
 
 namespace ksctl {
 
@@ -26,6 +27,9 @@ std::string full_service_name(const std::string& given);
 
 /// The path at which callers look for the service `name`, which may be an alias.
 std::string service_path(const std::string& name);
+
+/// The address of the socket `path`, of which it holds the first 108 characters.
+sockaddr_un socket_address(const std::string& path);
 
 enum class presence {
     up,   ///< accepts connections

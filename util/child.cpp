@@ -46,7 +46,7 @@ void close_listed_descriptors(int spare_fd) noexcept {
     (void)::close(spare_fd);
     const int directory_fd = ::open("/proc/self/fd", O_RDONLY | O_CLOEXEC);
     alignas(dirent64) std::array<char, 2048> entries;
-    long size_bytes = 0;
+    long size_bytes{};
     while ((size_bytes = ::syscall(SYS_getdents64, directory_fd, entries.data(), entries.size())) > 0) {
         for (long offset = 0; offset < size_bytes;) {
             const auto* entry = reinterpret_cast<const dirent64*>(&entries[static_cast<std::size_t>(offset)]);
@@ -125,10 +125,6 @@ become_program(const child_orders& orders) noexcept {
 }
 
 int wait_for_child(pid_t pid) noexcept {
-    int status = 0;
-    pid_t waited = 0;
-    do {
-        waited = ::waitpid(pid, &status, 0);
-    } while (waited < 0 && errno == EINTR);
-    return waited < 0 ? -1 : status;
+    int status{};
+    return TEMP_FAILURE_RETRY(::waitpid(pid, &status, 0)) < 0 ? -1 : status;
 }

@@ -77,7 +77,7 @@ bool has_ended(pid_t pid) noexcept {
 
 // How much can be read from a pipe without waiting.
 std::size_t bytes_waiting(int fd) noexcept {
-    int count = 0;
+    int count{};
     return ::ioctl(fd, FIONREAD, &count) == 0 ? static_cast<std::size_t>(count) : 0;
 }
 

@@ -722,6 +722,24 @@ TEST(ClientTimeoutTest, EachPassTakesTheWholeTimeOffTheBudget) {
     EXPECT_LT(result.took.count(), 4500);
 }
 
+// What connecting took is taken off once, like any other time before the invitation.
+TEST(ClientTimeoutTest, WaitingToConnectIsTakenOffTheBudgetOnce) {
+    const scripted_service full(0);
+    const support::raw_caller only(full.path());
+    ASSERT_TRUE(only.connected());
+    std::thread server([&] {
+        std::this_thread::sleep_for(std::chrono::seconds(3)); // the passing of time is what is tested
+        const descriptor first = full.accept_one();
+        const descriptor caller = full.accept_one();
+        say(caller, make_record(7));
+        std::this_thread::sleep_for(std::chrono::milliseconds(500));
+        say(caller, make_record(9));
+    });
+    const outcome result = timed_call(full.name(), 5);
+    server.join();
+    EXPECT_EQ(result.code, 0U) << "two seconds were left for the reply";
+}
+
 // Each wait may take the whole time: the last word comes later than that, and is heard nevertheless.
 TEST(ClientTimeoutTest, UnknownDirectiveStartsTheSameWaitAgain) {
     // Says `words` unknown ones and then `last`, 800 ms apart; the passing of time is what is tested.

@@ -17,6 +17,7 @@
 #include <fstream>
 #include <iterator>
 #include <linux/fuse.h>
+#include <linux/sockios.h>
 #include <string>
 #include <sys/epoll.h>
 #include <sys/ioctl.h>
@@ -102,6 +103,27 @@ TEST_F(ConsumerTest, HandsOverTheExtraDescriptor) {
                 caller.send_fds({extra.get()}));
     EXPECT_EQ(caller.receive(), make_record(9));
     EXPECT_EQ(contents(file), "name|text|extra");
+}
+
+// No number stands for a descriptor that has not come: least of all 0, which is somebody's.
+TEST_F(ConsumerTest, PromisedDescriptorsThatNeverComeAreNoneOfOurs) {
+    int ends[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
+    const descriptor one(ends[0]);
+    const descriptor other(ends[1]);
+    ASSERT_EQ(dup2(one.get(), 0), 0); // a socket would be closed at once
+    const descriptor file = memory_file("text");
+    for (const bool extra : {false, true}) {
+        raw_caller caller = invited_caller();
+        EXPECT_TRUE(caller.send(make_record(8, extra ? 1 : 0, "c")) && (!extra || caller.send_fds({file.get()})));
+        ASSERT_TRUE(eventually([&] { // it has been read: what is promised is waited for
+            int unread = -1;
+            return ioctl(caller.fd(), SIOCOUTQ, &unread) == 0 && unread == 0;
+        }));
+        caller.close();
+        expect_it_serves();
+        EXPECT_NE(fcntl(0, F_GETFD), -1) << (extra ? "the extra descriptor" : "the memory file");
+    }
 }
 
 TEST_F(ConsumerTest, WaitsForDescriptorsThatComeLate) {

@@ -175,6 +175,11 @@ def test_broken_client_is_found(printed_client, old, new, rule):
         ),
         ("| 0x04 | 0x08 | 0x10", "& 0", "REFUSES is sealed"),
         (
+            "if fcntl.fcntl(fd, fcntl.F_GETFL) & os.O_ACCMODE != os.O_RDWR:\n            return False",
+            'os.dup2(os.open(f"/proc/self/fd/{fd}", os.O_RDWR), fd)',
+            "REFUSES is not open for reading and writing",
+        ),
+        (
             "if fcntl.fcntl(fd, fcntl.F_GETFL)",
             'if "memfd" not in os.readlink(f"/proc/self/fd/{fd}") or fcntl.fcntl(fd, fcntl.F_GETFL)',
             "REFUSES is not a memory file",

@@ -6,6 +6,7 @@ source "$(dirname "$0")/../support/check.sh"
 cd "$1" || exit
 library=$2
 command -v abidiff >/dev/null || { echo "skip: no abidiff" && exit 77; }
+readelf -SW "$library" | grep -qF .debug_info || { echo "skip: the library has no debug information" && exit 77; }
 
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT

@@ -120,6 +120,12 @@ TEST(KsctlDescribeTest, NamesANearCommandOnceAndTheServiceThatHasIt) {
                              "(VexHubServer_send_mail-vexprod) has it\n");
 }
 
+TEST(KsctlDescribeTest, IndentsWhatALineCannotHold) {
+    EXPECT_THAT(ksctl({"describe", "sendmail"}).out,
+                HasSubstr("\n  config_file (string): the program's configuration, a file in\n"
+                          "    `/tmp/vexsurveillance_sendmail`\n"));
+}
+
 // Answers with the command that it was sent.
 int serve(const char* command, ks_io* io, int fd) {
     const std::string_view reply = command;

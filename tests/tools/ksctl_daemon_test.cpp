@@ -7,6 +7,7 @@
 #include "run_program.h"
 #include "stopped_process.h"
 #include "unique_fd.h"
+#include "wait.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -18,9 +19,11 @@
 #include <cstring>
 #include <fcntl.h>
 #include <filesystem>
+#include <iterator>
 #include <string>
 #include <sys/mount.h>
 #include <sys/msg.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <vector>
@@ -157,6 +160,17 @@ TEST_F(KsctlDaemonTest, DoctorFindsAllWell) {
     }
     EXPECT_THAT(doctor.out, HasSubstr(" in use by process " + std::to_string(daemon_.pid()) + " (vexprod)\n"));
     EXPECT_THAT(doctor.out, Not(HasSubstr("BAD")));
+}
+
+TEST_F(KsctlDaemonTest, DoctorCountsTheDaemonsDescriptors) {
+    rlimit limit = {};
+    ASSERT_EQ(prlimit(daemon_.pid(), RLIMIT_NOFILE, nullptr, &limit), 0);
+    const std::filesystem::path open = "/proc/" + std::to_string(daemon_.pid()) + "/fd";
+    EXPECT_TRUE(wait_until([&] { // the doctor's own connections are being closed meanwhile
+        const auto count = std::distance(std::filesystem::directory_iterator(open), {});
+        const std::string line = "descriptors: " + std::to_string(count) + " of " + std::to_string(limit.rlim_cur);
+        return ksctl({"doctor"}).out.find(line + " in use by process ") != std::string::npos;
+    }));
 }
 
 TEST_F(KsctlDaemonTest, DoctorFindsADaemonThatIsGone) {
