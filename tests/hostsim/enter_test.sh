@@ -257,6 +257,16 @@ check "in place: and leaves the project that does it" "$(in_killed 'mkdir -p /tm
 
 /tmp/new_one:
 project"
+check "in place: a run that is killed while it puts back" "$(in_place '
+    mkdir /root/bin; cat >/root/bin/cp <<-"END"
+		#!/bin/sh
+		case $2 in *before/etc/old) kill -KILL $PPID ;; *) exec /bin/cp "$@" ;; esac
+	END
+    chmod +x /root/bin/cp
+    machine >/root/before
+    PATH=/root/bin:$PATH "$@" sh -c "rm /etc/old; touch /tmp/new"; echo $?
+    "$@" true; machine >/root/after; diff /root/before /root/after && echo same' 2>/dev/null)" "137
+same"
 check "in place: what cannot be put back is kept for the next run" "$(in_place '
     mkdir /root/bin; cat >/root/bin/cp <<-"END"
 		#!/bin/sh
