@@ -170,8 +170,9 @@ fi
 
 # --- In place: laid over a machine that may be overwritten, which here is a host itself --------------------------------
 # in_place SCRIPT: runs it in such a machine, with a host in it as "$@".
+project=${1%/hostsim/enter}
 in_place() {
-    "${enter[@]}" bash -c "HOSTSIM= HOSTSIM_IN_PLACE=1; export HOSTSIM HOSTSIM_IN_PLACE
+    "${enter[@]}" bash -c "cd '$project'; HOSTSIM= HOSTSIM_IN_PLACE=1; export HOSTSIM HOSTSIM_IN_PLACE
         machine() { find /etc /tmp /run /share /usr /var -xdev ! -name 'hostsim-in-place*' \\
             \( -type d -printf '%p %m\\n' -o -printf '%p %m %s\\n' \) | sort; }
         echo old >/etc/old; echo old >/etc/vpd.conf; rm /sbin/hwctl; $1" sh "${enter[@]}"
