@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstring>
+#include <exception>
 #include <sys/ipc.h>
 #include <sys/msg.h>
 #include <vector>
@@ -88,7 +89,11 @@ void* T_MSGQ_service::do_msg_recv(void* self) {
             // A shorter record must not show the rest of the one before.
             const size_t end = sizeof(long) + static_cast<size_t>(got);
             memset(record.data() + end, 0, record.size() - end);
-            service->callback_(record.data());
+            try {
+                service->callback_(record.data());
+            } catch (const std::exception& why) { // out of memory: costs this record, not the daemon
+                print_error("record of queue %d dropped: %s\n", service->key_, why.what());
+            }
             continue;
         }
         if (error == EIDRM) {

@@ -16,7 +16,8 @@ class T_MSGQ_service {
 public:
     /// Opens the queue, or creates it, readable by all and writable by its owner. A failure is not reported.
     /// @param callback  Receives each record, type word first, padded with zeros to its full size. Called on the
-    ///                  listener's thread, one record at a time, in queue order; it must copy what it keeps.
+    ///                  listener's thread, one record at a time, in queue order; it must copy what it keeps. One that
+    ///                  throws loses its record, which is reported on standard error.
     /// @param size      Bytes of a record's body, without the type word.
     T_MSGQ_service(int key, void (*callback)(void*), unsigned long size);
     T_MSGQ_service(const T_MSGQ_service&) = delete;
