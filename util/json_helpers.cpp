@@ -7,6 +7,7 @@
 
 #include <cstdint>
 #include <cstring>
+#include <exception>
 #include <memory>
 #include <utility>
 
@@ -32,7 +33,7 @@ bool json_parse(const std::string& text, Json::Value* ret_root) {
         }
         *ret_root = std::move(root);
         return true;
-    } catch (const Json::Exception&) { // nested too deeply
+    } catch (const std::exception&) { // nested too deeply
         return false;
     }
 }
@@ -52,7 +53,7 @@ bool json_parse_stream(const std::string& text, Json::Value* ret_root, std::stri
             *ret_root = std::move(root);
             return true;
         }
-    } catch (const Json::Exception& refusal) { // nested too deeply
+    } catch (const std::exception& refusal) { // nested too deeply
         error = refusal.what();
     }
     if (ret_error != nullptr) {

@@ -1,5 +1,5 @@
 // Requests and replies as JSON. Only json_helpers.cpp uses the library's deprecated reader and writers: they define
-// what clients see (the reply's layout, the texts that still parse). Nothing here throws on any request but std::bad_alloc.
+// what clients see (the reply's layout, the texts that still parse). Nothing here throws on any request.
 #ifndef VEXPROD_UTIL_JSON_HELPERS_H
 #define VEXPROD_UTIL_JSON_HELPERS_H
 
