@@ -17,6 +17,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <dlfcn.h>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -73,19 +74,19 @@ public:
         std::vector<char**> room(kMostMembers, &mark);
         room[0] = nullptr;
         count_ = list(group, room.data());
+        const bool is_address = count_ <= 0 || room[1] == &mark;
+        const std::unique_ptr<char*, decltype(&release)> owner(is_address ? room[0] : nullptr, &release);
         if (count_ <= 0) {
-            release(room[0]);
             return;
         }
         const auto count = static_cast<std::size_t>(count_);
         set_.resize(count);
-        if (room[1] != &mark) {
+        if (!is_address) {
             for (std::size_t i = 0; i < std::min(count, kMostMembers); ++i) {
                 set_[i] = room[i] != nullptr && room[i] != &mark;
             }
         } else if (room[0] != nullptr) {
             std::transform(room[0], room[0] + count, set_.begin(), [](const char* entry) { return entry != nullptr; });
-            release(room[0]);
         } else {
             count_ = -1; // members, and no list of them
         }

@@ -30,7 +30,9 @@ int repeat(const char* command, ks_io* io, int fd) {
     const std::string_view expected = strcmp(command, "large") == 0 ? large_request : small_request;
     size_t size = 0;
     const void* data = ks_io_read(io, &size);
-    memcpy(copy, data, data != nullptr ? size : 0);
+    if (data != nullptr) {
+        memcpy(copy, data, size);
+    }
     if (fd >= 0) {
         close(fd);
     }
@@ -63,7 +65,7 @@ struct one_call {
     std::string judge(const std::string& request) {
         const std::string_view text(static_cast<const char*>(reply), reply == nullptr ? 0 : size);
         const bool right = code != KS_OK || text == request;
-        const std::string outcome = right ? name_of(code) : "a wrong reply of " + std::to_string(size) + " bytes";
+        std::string outcome = right ? name_of(code) : "a wrong reply of " + std::to_string(size) + " bytes";
         free(reply);
         *this = {};
         return outcome;
