@@ -42,12 +42,12 @@ std::pair<std::string, argument_vector> read_command(const Json::Value& command)
 } // namespace
 
 int exec_cli(const std::string& input, std::string& output) {
-    Json::Value request;
-    if (!json_parse(input, &request) || !has_command(request)) {
-        output = "Read command fail.";
-        return -1;
-    }
     try {
+        Json::Value request;
+        if (!json_parse(input, &request) || !has_command(request)) {
+            output = "Read command fail.";
+            return -1;
+        }
         const auto [path, argv] = read_command(request["command"]);
         const temp_file capture;
         // KEPT: what became of the program is not looked at; one that could not be run has printed nothing.
