@@ -156,7 +156,7 @@ TEST_F(UtilFaultsTest, LineOfTheLog) {
         [&] { (void)unlink(log.c_str()); },
         [&] {
             errno = EDOM;
-            dbg_printf2("[%s][%d] %s", __func__, __LINE__, "line");
+            dbg_printf2("a %s", "line");
             kept = errno;
         },
         [&]() -> std::string {
@@ -179,7 +179,7 @@ TEST_F(UtilFaultsTest, RotationOfTheLog) {
             write_file(log, "");
             ASSERT_EQ(truncate(log.c_str(), 0x80000), 0);
         },
-        [] { dbg_printf2("[%s][%d] %s", __func__, __LINE__, "line"); },
+        [] { dbg_printf2("a %s", "line"); },
         [&]() -> std::string {
             const std::string text = read_file(log);
             return std::string(file_exists(old) ? "" : "not rotated, ") +
