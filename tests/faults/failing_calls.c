@@ -79,7 +79,7 @@ static int fails(const char* name) {
 
 #define MAY_FAIL(type, failed, name, parameters, arguments)                                                            \
     type name parameters {                                                                                             \
-        static type(*real) parameters;                                                                                 \
+        static __typeof__(name)* real;                                                                                 \
         if (real == NULL) {                                                                                            \
             FIND(real, #name);                                                                                         \
         }                                                                                                              \
