@@ -20,6 +20,7 @@
 #include <linux/seccomp.h>
 #include <map>
 #include <mutex>
+#include <new>
 #include <set>
 #include <sstream>
 #include <sys/prctl.h>
@@ -50,6 +51,14 @@ void keep(void* record) {
     while (callback_waits) {
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
+}
+
+// Has no memory for a record that begins with '!'.
+void keep_if_possible(void* record) {
+    if (static_cast<const char*>(record)[sizeof(long)] == '!') {
+        throw std::bad_alloc();
+    }
+    keep(record);
 }
 
 std::vector<std::string> received_records() {
@@ -168,6 +177,18 @@ TEST_F(QueueListenerTest, AShorterRecordDoesNotShowTheRestOfTheOneBefore) {
     ASSERT_TRUE(wait_until([] { return received_records().size() == 3; }));
     listener.server_stop();
     EXPECT_THAT(received_records(), ElementsAre(whole(1, "0123456789abcdef"), whole(2, "xyz"), whole(3, "")));
+}
+
+TEST_F(QueueListenerTest, ARecordWhoseCallbackThrowsIsReportedAndCostsOnlyItself) {
+    const stderr_in_file err;
+    T_MSGQ_service listener(kKey, keep_if_possible, kBody);
+    listener.server_start();
+    ASSERT_TRUE(post(kKey, record_of(1, "!")));
+    ASSERT_TRUE(post(kKey, record_of(2, "next")));
+    ASSERT_TRUE(wait_until([] { return received_records().size() == 1; }));
+    listener.server_stop();
+    EXPECT_EQ(received_records()[0], whole(2, "next"));
+    EXPECT_EQ(err.first_line(), "record of queue 4711 dropped: std::bad_alloc");
 }
 
 TEST_F(QueueListenerTest, StopEndsABlockedReceivePromptlySilentlyAndRemovesTheQueue) {

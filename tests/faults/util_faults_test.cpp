@@ -220,7 +220,7 @@ TEST_F(UtilFaultsTest, ExecCli) {
         },
         nullptr,
         {{"-2 malloc fail.", "malloc"},
-         {"-1 Read command fail.", "malloc"}, // the JSON library's own: it tells this like a text that it rejects
+         {"-1 Read command fail.", "malloc"}, // the parser's own: told like a text that it rejects
          {"done, file left", "unlink"},
          {"no output"}}, // what became of the program is not looked at
     });

@@ -853,6 +853,7 @@ TEST(ConsumerPatienceTest, SilentAndPromisingCallersAreDroppedAfterThirtySeconds
     const service one(5, 4, echo);
     const descriptor file = memory_file("text");
     const auto begin = std::chrono::steady_clock::now();
+    const int64_t cpu_before = support::cpu_ms();
     const raw_caller says_nothing(one.path());
     const raw_caller no_memory_file(one.path());
     const raw_caller no_extra(one.path());
@@ -867,6 +868,7 @@ TEST(ConsumerPatienceTest, SilentAndPromisingCallersAreDroppedAfterThirtySeconds
         EXPECT_GE(waited, std::chrono::milliseconds(29900));
         EXPECT_LT(waited, std::chrono::seconds(40));
     }
+    EXPECT_LT(support::cpu_ms() - cpu_before, 5000) << "the consumers spun while they waited";
     EXPECT_EQ(contents(file), "text");
     for (int i = 0; i < 4; ++i) {
         EXPECT_EQ(support::call(one.name(), "c", "", &reply), 0U);

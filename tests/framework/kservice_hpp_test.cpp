@@ -126,9 +126,12 @@ TEST_F(KserviceHppTest, WhatAHandlerThrowsEndsThatRequestOnly) {
         echo(request);
     });
     service.start();
+    testing::internal::CaptureStderr();
     EXPECT_EQ(call(name_, "throw").error(), status::disconnected);
     EXPECT_EQ(call(name_, "throw a number").error(), status::disconnected);
     EXPECT_EQ(call(name_, "echo").value(), "echo:");
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "kservice: throw: as asked\nkservice: throw a number: unknown exception\n");
 }
 
 TEST_F(KserviceHppTest, EachServiceHasItsOwnHandlerAlsoWhenItWasMoved) {
