@@ -197,7 +197,7 @@ void start_detached(void* (*routine)(void*), service_thread* state) {
 }
 
 // The null device takes the numbers that the starter has left closed: a file that is opened, or a descriptor that a
-// caller passes, would become a standard stream of the daemon and its children. Inherited by these.
+// caller passes, would be a standard stream of the daemon and of a child, if only for a moment. Inherited by these.
 void fill_standard_streams() {
     int fd{};
     do {

@@ -34,11 +34,11 @@ int T_MSGQ_service::server_stop() {
 }
 
 void T_MSGQ_service::announce_stop() {
-    __atomic_store_n(&stop_, true, __ATOMIC_RELEASE);
+    __atomic_store_n(&stop_, 1, __ATOMIC_RELEASE);
 }
 
 bool T_MSGQ_service::is_stopping() const {
-    return __atomic_load_n(&stop_, __ATOMIC_ACQUIRE);
+    return __atomic_load_n(&stop_, __ATOMIC_ACQUIRE) != 0;
 }
 
 void T_MSGQ_service::remove_msgq() const {

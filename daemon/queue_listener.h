@@ -50,7 +50,7 @@ private:
     unsigned long size_;
     int id_; ///< -1 if the queue could not be opened.
     int key_;
-    bool stop_ = false; ///< Written by the stopping thread, read by the receiving one: atomically.
+    int stop_ = 0; ///< 1 once stopping. Written by the stopping thread, read by the receiving one: atomically.
     void (*callback_)(void*);
 };
 
