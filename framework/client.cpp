@@ -235,7 +235,7 @@ unsigned call(const char* name, const char* command, ks_io* io, const payload& r
     }
     if (code == KS_OK) {
         int64_t remaining = allowed;
-        // Connecting has taken some of the first wait's time. After a pass, `remaining` is never the longer of the two.
+        // Connecting has taken some of the first wait's time. After a pass, `remaining` has it taken off, too.
         while (perform({nullptr, io}, (unsigned)std::min<int64_t>(remaining, ks::wait_time(give_up_at)), &code) ==
                nullptr) {
             // KEPT: each pass takes the whole time since the start off the budget, not just its own, so a request that

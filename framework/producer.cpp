@@ -5,9 +5,9 @@
 //
 // Ownership of a caller's connection: the waiting queue's entry owns it; with the hand-over it is "in transit": the
 // consumer receives its own descriptor by message, and the number here stays open, noted in in_transit, until the
-// consumer's echo says that its copy has arrived. A consumer that dies or stops in between never echoes; the number is
-// then closed by the restart or by the end of the run. A consumer has at most one caller in transit, since it reports
-// ready only after its echo.
+// consumer's echo says that its copy has arrived; its ready message says so, too, should the echo not have been sent. A
+// consumer that dies or stops in between never echoes; the number is then closed by the restart or by the end of the
+// run. A consumer has at most one caller in transit, since it reports ready only after its echo.
 //
 // An event of a batch may concern an entry that an earlier event of the same batch has freed, or a link that it has
 // replaced: so freeing or replacing removes the pointer from the rest of the batch (forget).
