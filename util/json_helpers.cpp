@@ -33,7 +33,7 @@ bool json_parse(const std::string& text, Json::Value* ret_root) {
         }
         *ret_root = std::move(root);
         return true;
-    } catch (const std::exception&) { // nested too deeply
+    } catch (const std::exception&) { // nested too deeply, or no memory
         return false;
     }
 }
@@ -53,7 +53,7 @@ bool json_parse_stream(const std::string& text, Json::Value* ret_root, std::stri
             *ret_root = std::move(root);
             return true;
         }
-    } catch (const std::exception& refusal) { // nested too deeply
+    } catch (const std::exception& refusal) { // nested too deeply, or no memory
         error = refusal.what();
     }
     if (ret_error != nullptr) {

@@ -21,7 +21,7 @@ std::string request_text(const ks_io* io);
 
 /// Parses JSON (comments are allowed and kept).
 /// @param ret_root  Untouched on failure.
-/// @return False for whatever the library rejects, including too deep nesting.
+/// @return False for whatever the library rejects, including too deep nesting and a text it has no memory for.
 bool json_parse(const std::string& text, Json::Value* ret_root);
 
 /// The same with the library's newer reader, whose rules and error texts a few commands use.
