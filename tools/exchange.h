@@ -28,7 +28,7 @@ struct outcome {
 /// A new request that holds `payload`. @return Null and errno if that does not fit into the memory file.
 unique_io make_request(std::string_view payload);
 
-/// Calls `service` and waits.
+/// Calls `service` and waits. Its name and the command have been checked: check_service_name(), check_command().
 /// @param service    May be an alias.
 /// @param request    Taken over.
 /// @param timeout_s  At least kShortestTimeoutS; kNoTimeout waits for ever.
