@@ -824,6 +824,9 @@ TEST_F(KsctlTest, WrongUsagePointsToTheHelpThatKnows) {
     EXPECT_EQ(ksctl({"cal"}).err, "ksctl: no subcommand cal; did you mean call? (see ksctl --help)\n");
     EXPECT_EQ(ksctl({"frobnicate"}).err, "ksctl: no subcommand frobnicate (see ksctl --help)\n");
     EXPECT_EQ(ksctl({"call", name_}).err, "ksctl: COMMAND is required (see ksctl call --help)\n");
+    EXPECT_EQ(ksctl({"call", name_, "--"}).err, "ksctl: COMMAND is required (see ksctl call --help)\n");
+    EXPECT_EQ(ksctl({"call", name_, "a", "--", "r", "x"}).err, "ksctl: not expected: x (see ksctl call --help)\n");
+    EXPECT_EQ(ksctl({"conform", "--client", "--"}).err, "ksctl: WORDS is required (see ksctl conform --help)\n");
     EXPECT_EQ(ksctl({"conform", "one", "two"}).err,
               "ksctl: one SERVICE at a time, or --client before a client's command line (see ksctl conform --help)\n");
     EXPECT_EQ(ksctl({""}).err, "ksctl: no subcommand '' (see ksctl --help)\n");
