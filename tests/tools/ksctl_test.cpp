@@ -1,6 +1,8 @@
 // ksctl as its users have it: the real program against real services.
 #include "kservice.h"
 #include "run_program.h"
+#include "stopped_process.h"
+#include "wait.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -16,6 +18,7 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <memory>
 #include <numeric>
 #include <poll.h>
 #include <sstream>
@@ -411,6 +414,36 @@ TEST_F(KsctlTest, CallTimesOutWhileTheBacklogIsFull) {
     }
 }
 
+// How often the process has gone to sleep: once for as long as it connects, again and again between tries of its own.
+size_t sleeps_of(const running_program& program) {
+    const std::string status = content_of("/proc/" + std::to_string(program.pid()) + "/status");
+    const std::string label = "\nvoluntary_ctxt_switches:";
+    const size_t found = status.find(label);
+    return found == std::string::npos ? 0 : std::stoul(status.substr(found + label.size()));
+}
+
+// Also when the library has given up once and there is no time for another of its tries.
+TEST_F(KsctlTest, CallIsMadeOnceTheBacklogHasRoom) {
+    running_program listen({KSCTL_PROGRAM, "listen", name_});
+    ASSERT_EQ(ksctl({"wait", name_}).status, 0);
+    auto stopped = std::make_unique<stopped_process>(listen.pid());
+    std::vector<int> callers;
+    do {
+        callers.push_back(try_to_connect(folder_ + "/s"));
+    } while (callers.back() >= 0);
+    callers.pop_back();
+    running_program call({KSCTL_PROGRAM, "call", name_, "echo", "--timeout", "9"});
+    const size_t in_connect = settled([&] { return sleeps_of(call); });
+    EXPECT_TRUE(wait_until([&] { return sleeps_of(call) > in_connect; }));
+    for (const int caller : callers) {
+        close(caller);
+    }
+    stopped.reset();
+    const finished ended = call.wait();
+    EXPECT_EQ(ended.status, 0) << ended.err;
+    EXPECT_EQ(ended.out, "{}");
+}
+
 TEST_F(KsctlTest, TimeoutZeroWaitsWithoutALimit) {
     start_service(name_);
     const finished call = ksctl({"call", name_, "late", "--timeout", "0"});
@@ -758,6 +791,14 @@ TEST_F(KsctlTest, ConformWaitsForAClientsEndOnceOnly) {
     EXPECT_EQ(first_trouble("while sleep 0.1; do echo retry; done", "1"), "      -> it did not end");
 }
 
+// SIGPIPE, which ksctl itself ignores.
+TEST_F(KsctlTest, ConformLetsASignalEndAClientAndSaysWhich) {
+    const finished conform =
+        ksctl({"conform", "--client", "--", "/bin/sh", "-c", R"("$0" call "$@"; kill -PIPE $$)", KSCTL_PROGRAM});
+    EXPECT_EQ(conform.status, 1);
+    EXPECT_THAT(conform.out, HasSubstr("-> it ended with status 141\n"));
+}
+
 TEST_F(KsctlTest, ConformDoesNotKeepEndlessOutput) {
     EXPECT_EQ(first_trouble("head -c 20000000 /dev/zero; exec sleep 60", "3600"), "      -> it did not end");
 }
@@ -789,6 +830,8 @@ TEST_F(KsctlTest, ClosedStandardStreamsStayClosed) {
     EXPECT_EQ(content_of(folder_ + "/o"), "printed");
     EXPECT_EQ(without(">&-", R"(call "$1" print --output )" + folder_ + "/p").status, 1);
     EXPECT_EQ(content_of(folder_ + "/p"), "printed");
+    EXPECT_EQ(without("2>&-", "call @/absent print --output " + folder_ + "/q").status, 12);
+    EXPECT_THAT(content_of(folder_ + "/q"), IsEmpty());
     EXPECT_EQ(without("<&- >&- 2>&-", R"(call "$1" echo text)").status, 1);
     EXPECT_EQ(without("<&- >&- 2>&-", R"(ping "$1" -c 1)").status, 1);
 }
