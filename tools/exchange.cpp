@@ -116,14 +116,17 @@ outcome exchange(const std::string& given_service, const std::string& command, u
     return {kSuccess, "", std::move(request)};
 }
 
-std::string read_all(ks_io* reply) {
-    // Not from the mapping: the service holds the file, too, and could shorten it meanwhile.
-    std::string text(ks_io_size(reply), '\0');
+std::optional<std::string> read_all(ks_io* io) {
+    // Not from the mapping: the other side holds the file, too, and could shorten it meanwhile.
+    std::string text(ks_io_size(io), '\0');
     size_t filled = 0;
     while (filled < text.size()) {
         const ssize_t count =
-            pread(ks_io_fileno(reply), text.data() + filled, text.size() - filled, static_cast<off_t>(filled));
-        if (count <= 0) {
+            pread(ks_io_fileno(io), text.data() + filled, text.size() - filled, static_cast<off_t>(filled));
+        if (count < 0) {
+            return std::nullopt;
+        }
+        if (count == 0) { // shortened
             break;
         }
         filled += static_cast<size_t>(count);

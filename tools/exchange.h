@@ -5,6 +5,7 @@
 
 #include "scoped.h"
 
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -36,7 +37,7 @@ unique_io make_request(std::string_view payload);
 outcome exchange(const std::string& service, const std::string& command, unique_io request, unsigned timeout_s,
                  int passfd);
 
-/// All bytes of a reply.
-std::string read_all(ks_io* reply);
+/// All bytes of what the other side has written. @return Nothing and errno if they cannot be read.
+std::optional<std::string> read_all(ks_io* io);
 
 } // namespace ksctl

@@ -516,6 +516,35 @@ TEST_F(KsctlTest, ReplyThatListenCannotStoreIsNotSentCutShort) {
     EXPECT_EQ(ended.err, "ksctl: cannot store the reply: File too large\n");
 }
 
+// A part of a request or of a reply could be taken for another one.
+TEST_F(KsctlTest, WhatCannotBeReadIsNotPrintedCutShort) {
+    start_service(name_);
+    // The loader takes a blank for the end of a name, and a sanitizer's library wants to be the first one.
+    std::filesystem::copy_file(BROKEN_READ, folder_ + "/broken");
+    const auto blind = [&](const std::vector<std::string>& arguments) {
+        std::vector<std::string> argv = {
+            "/bin/sh", "-c",
+            R"(export LD_PRELOAD="$0" ASAN_OPTIONS="$ASAN_OPTIONS:verify_asan_link_order=0"; exec "$@")",
+            folder_ + "/broken", KSCTL_PROGRAM};
+        argv.insert(argv.end(), arguments.begin(), arguments.end());
+        return argv;
+    };
+    const finished call = run_program(blind({"call", name_, "test"}));
+    EXPECT_EQ(call.status, 1);
+    EXPECT_THAT(call.out, IsEmpty());
+    EXPECT_EQ(call.err, "ksctl: cannot read the reply: Input/output error\n");
+
+    const std::string name = name_ + "2";
+    running_program listen(blind({"listen", name}));
+    ASSERT_EQ(ksctl({"wait", name}).status, 0);
+    EXPECT_EQ(ksctl({"call", name, "command", "a request"}).status, 18);
+    listen.kill(SIGTERM);
+    const finished ended = listen.wait();
+    EXPECT_EQ(ended.status, 0);
+    EXPECT_THAT(ended.out, IsEmpty());
+    EXPECT_EQ(ended.err, "ksctl: cannot read the request: Input/output error\n");
+}
+
 TEST_F(KsctlTest, StandardOutputThatNobodyReadsIsStatus1) {
     start_service(name_);
     running_program call({KSCTL_PROGRAM, "call", name_, "echo", "-"});
