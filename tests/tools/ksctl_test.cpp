@@ -27,6 +27,7 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
+#include <system_error>
 #include <thread>
 #include <unistd.h>
 #include <utility>
@@ -414,6 +415,14 @@ TEST_F(KsctlTest, CallTimesOutWhileTheBacklogIsFull) {
     }
 }
 
+bool has_socket(const running_program& program) {
+    const std::filesystem::directory_iterator descriptors("/proc/" + std::to_string(program.pid()) + "/fd");
+    return std::any_of(begin(descriptors), end(descriptors), [](const auto& each) {
+        std::error_code closed; // meanwhile
+        return std::filesystem::read_symlink(each, closed).string().starts_with("socket:");
+    });
+}
+
 // How often the process has gone to sleep: once for as long as it connects, again and again between tries of its own.
 size_t sleeps_of(const running_program& program) {
     const std::string status = content_of("/proc/" + std::to_string(program.pid()) + "/status");
@@ -433,8 +442,9 @@ TEST_F(KsctlTest, CallIsMadeOnceTheBacklogHasRoom) {
     } while (callers.back() >= 0);
     callers.pop_back();
     running_program call({KSCTL_PROGRAM, "call", name_, "echo", "--timeout", "9"});
-    const size_t in_connect = settled([&] { return sleeps_of(call); });
-    EXPECT_TRUE(wait_until([&] { return sleeps_of(call) > in_connect; }));
+    EXPECT_TRUE(wait_until([&] { return has_socket(call); }));
+    const size_t before = sleeps_of(call);
+    EXPECT_TRUE(wait_until([&] { return sleeps_of(call) > before + 5; }));
     for (const int caller : callers) {
         close(caller);
     }
