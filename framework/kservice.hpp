@@ -46,7 +46,7 @@ enum class status : unsigned {
     no_service = KS_NO_SERVICE,
     paused = KS_PAUSED,
     refused = KS_REFUSED,
-    disconnected = KS_DISCONNECTED, ///< also: the request could not be stored, and was not sent
+    disconnected = KS_DISCONNECTED, ///< also: the request could not be stored, and was not sent; the reply not be read
     busy = KS_BUSY,
     bad_argument = KS_BAD_ARGUMENT,
 };
@@ -156,13 +156,17 @@ public:
     }
 
     /// A copy of all its bytes, not made from the mapping, as the peer may truncate the file at any moment.
-    [[nodiscard]] std::string text() const {
+    /// @return status::disconnected if they cannot be read.
+    [[nodiscard]] result<std::string> read() const {
         std::string bytes(ks_io_size(get()), '\0');
         std::size_t filled = 0;
         while (filled < bytes.size()) {
             const ssize_t count =
                 pread(ks_io_fileno(get()), bytes.data() + filled, bytes.size() - filled, static_cast<off_t>(filled));
-            if (count <= 0) {
+            if (count < 0) {
+                return status::disconnected;
+            }
+            if (count == 0) { // truncated meanwhile
                 break;
             }
             filled += static_cast<std::size_t>(count);
@@ -170,6 +174,8 @@ public:
         bytes.resize(filled);
         return bytes;
     }
+    /// The same; if they cannot be read, as result::value().
+    [[nodiscard]] std::string text() const { return read().value(); }
 
 private:
     struct free_io {
@@ -219,7 +225,7 @@ inline result<std::string> call(const std::string& service, const std::string& c
     if (code != KS_OK) {
         return static_cast<status>(code);
     }
-    return io->text();
+    return io->read();
 }
 
 /// Requests in flight at the same time. Owns them and their ks_epoll. One thread at a time.
@@ -297,7 +303,7 @@ private:
         if (code != status::ok) {
             return {tag, code};
         }
-        return {tag, finished.text()};
+        return {tag, finished.read()};
     }
 
     std::unique_ptr<ks_epoll, free_epoll> epoll_;
@@ -317,7 +323,7 @@ public:
     }
 
     [[nodiscard]] const std::string& command() const noexcept { return command_; }
-    /// What the caller sent; valid until reply().
+    /// What the caller sent; valid until reply(). If it cannot be read, as message::text().
     [[nodiscard]] std::string text() const { return io_.text(); }
     /// The caller's extra descriptor, closed with this object; -1 = none.
     [[nodiscard]] int extra_fd() const noexcept { return extra_fd_; }

@@ -113,12 +113,15 @@ int call(const call_options& options) {
         }
         return ended.status;
     }
-    const std::string reply = read_all(ended.reply.get());
-    if (!print(options.pretty ? indent_json(reply) : reply)) {
+    const std::optional<std::string> reply = read_all(ended.reply.get());
+    if (!reply) {
+        return fail(kFailure, "cannot read the reply: %s", strerror(errno));
+    }
+    if (!print(options.pretty ? indent_json(*reply) : *reply)) {
         return kFailure;
     }
     hint_at_reason(options, *text, reply);
-    const bool failed = options.check && says_failure(find_command(options.service, options.command), reply);
+    const bool failed = options.check && says_failure(find_command(options.service, options.command), *reply);
     return failed ? kSaysFailure : kSuccess;
 }
 

@@ -17,6 +17,7 @@
 #include <cstring>
 #include <filesystem>
 #include <memory>
+#include <optional>
 #include <string>
 #include <sys/eventfd.h>
 #include <system_error>
@@ -83,7 +84,12 @@ int serve(const char* command, ks_io* request, int fd) {
     if (state.ended) {
         return 0; // the last one has been served: hang up
     }
-    const std::string text = one_line(read_all(io.get()));
+    const std::optional<std::string> sent = read_all(io.get());
+    if (!sent) {
+        (void)fail(kFailure, "cannot read the request: %s", strerror(errno)); // and hang up
+        return 0;
+    }
+    const std::string text = one_line(*sent);
     const bool printed = print(one_line(command) + (text.empty() ? "" : " ") + text + '\n');
     ks_io_realloc(io.get(), 0);
     if (write_all(io.get(), state.reply)) {

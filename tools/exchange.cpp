@@ -41,8 +41,6 @@ outcome failure(unsigned code, bool taken, const std::string& service, const std
         return {kRefused, "service refused the call: " + service, nullptr};
     case KS_BUSY:
         return {kBusy, "service is busy: " + service, nullptr};
-    case KS_BAD_ARGUMENT:
-        return {kBadArgument, "bad argument: a service name has at most 64 characters, a command at most 256", nullptr};
     default:
         break;
     }
@@ -85,6 +83,8 @@ outcome exchange(const std::string& given_service, const std::string& command, u
                                                   : steady_clock::now() + std::chrono::seconds(allowed_s);
     unsigned code = ks_epoll_call(epoll.get(), service.c_str(), command.c_str(), request.get(), passfd);
     // That is given up after 5 seconds while the backlog is full; with fewer left, only a backlog with room is tried.
+    // The probe fills a place until the service accepts it: where that was the only one, the call may end 5 seconds
+    // late.
     for (auto now = steady_clock::now(); code == KS_TIMEOUT && now < deadline; now = steady_clock::now()) {
         if (deadline - now < std::chrono::seconds(kShortestTimeoutS) &&
             probe(service_path(service)) == presence::full) {
@@ -116,14 +116,17 @@ outcome exchange(const std::string& given_service, const std::string& command, u
     return {kSuccess, "", std::move(request)};
 }
 
-std::string read_all(ks_io* reply) {
-    // Not from the mapping: the service holds the file, too, and could shorten it meanwhile.
-    std::string text(ks_io_size(reply), '\0');
+std::optional<std::string> read_all(ks_io* io) {
+    // Not from the mapping: the other side holds the file, too, and could shorten it meanwhile.
+    std::string text(ks_io_size(io), '\0');
     size_t filled = 0;
     while (filled < text.size()) {
         const ssize_t count =
-            pread(ks_io_fileno(reply), text.data() + filled, text.size() - filled, static_cast<off_t>(filled));
-        if (count <= 0) {
+            pread(ks_io_fileno(io), text.data() + filled, text.size() - filled, static_cast<off_t>(filled));
+        if (count < 0) {
+            return std::nullopt;
+        }
+        if (count == 0) { // shortened
             break;
         }
         filled += static_cast<size_t>(count);

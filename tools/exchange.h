@@ -5,6 +5,7 @@
 
 #include "scoped.h"
 
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -28,7 +29,7 @@ struct outcome {
 /// A new request that holds `payload`. @return Null and errno if that does not fit into the memory file.
 unique_io make_request(std::string_view payload);
 
-/// Calls `service` and waits.
+/// Calls `service` and waits. Its name and the command have been checked: check_service_name(), check_command().
 /// @param service    May be an alias.
 /// @param request    Taken over.
 /// @param timeout_s  At least kShortestTimeoutS; kNoTimeout waits for ever.
@@ -36,7 +37,7 @@ unique_io make_request(std::string_view payload);
 outcome exchange(const std::string& service, const std::string& command, unique_io request, unsigned timeout_s,
                  int passfd);
 
-/// All bytes of a reply.
-std::string read_all(ks_io* reply);
+/// All bytes of what the other side has written. @return Nothing and errno if they cannot be read.
+std::optional<std::string> read_all(ks_io* io);
 
 } // namespace ksctl

@@ -138,8 +138,10 @@ int unknown_subcommand(const std::string& given) {
 }
 
 // The parser misses what is required before it looks at words that it does not know, and names those last word first.
+// It counts a "--" among them.
 std::string usage_error(const CLI::App& app, const CLI::Error& error) {
-    const std::vector<std::string> unknown = app.remaining(true);
+    std::vector<std::string> unknown = app.remaining(true);
+    std::erase(unknown, "--");
     const int kind = error.get_exit_code();
     if (unknown.empty() || (kind != static_cast<int>(CLI::ExitCodes::RequiredError) &&
                             kind != static_cast<int>(CLI::ExitCodes::ExtrasError))) {

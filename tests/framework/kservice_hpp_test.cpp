@@ -1,4 +1,5 @@
 // The C++ header against real services.
+#include "framework_support.h"
 #include "kservice.hpp"
 
 #include <gmock/gmock.h>
@@ -6,6 +7,7 @@
 
 #include <array>
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <fcntl.h>
 #include <filesystem>
@@ -13,6 +15,7 @@
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <sys/syscall.h>
 #include <thread>
 #include <unistd.h>
 #include <utility>
@@ -62,6 +65,28 @@ TEST_F(KserviceHppTest, CallTellsWhyThereIsNoReply) {
     EXPECT_EQ(call(name_, "echo").error(), status::disconnected);
     service.stop();
     EXPECT_EQ(call(name_, "echo").error(), status::no_service);
+}
+
+// A part of a reply, or of a request, would be another one.
+TEST_F(KserviceHppTest, TextThatCannotBeReadIsNone) {
+    const auto reads_none = [&] {
+        support::end_within(60s);
+        kservice::service service(name_, 1, [](kservice::request& request) {
+            (void)request.reply(request.command() == "read" ? request.text() : "reply");
+        });
+        service.start();
+        kservice::set requests;
+        kservice::message io;
+        (void)io.write("a request");
+        support::fail_system_call(SYS_pread64, EIO);
+        const bool called = call(name_, "reply").error() == status::disconnected;
+        const bool added = requests.add(name_, "reply") == status::ok;
+        const auto ended = requests.wait(50s);
+        const bool waited = added && ended && ended->reply.error() == status::disconnected;
+        const bool served = ks_call(name_.c_str(), "read", io.get(), 30, -1) == KS_DISCONNECTED;
+        _exit((called ? 0 : 1) + (waited ? 0 : 2) + (served ? 0 : 4));
+    };
+    EXPECT_EXIT(reads_none(), testing::ExitedWithCode(0), "");
 }
 
 TEST_F(KserviceHppTest, CallRefusesNamesThatTheLibraryWouldCut) {

@@ -63,6 +63,12 @@ def test_services_conform(name, c_service):
         assert all_passed(conform(name + "3"))
 
 
+def test_slow_check_waits_for_the_services_patience(name, c_service):
+    done = conform(name, "--command", "echo", "--slow")
+    assert all_passed(done)
+    assert "ok    From 7 until the request and all its descriptors are there\n" in done.stdout
+
+
 def test_daemon_conforms():
     daemon = subprocess.Popen([PROGRAMS / "vexprod"], stdin=subprocess.DEVNULL)
     subprocess.run([PROGRAMS / "ksctl", "wait", "VexHubServer-vexprod"], check=True)
@@ -85,8 +91,10 @@ def printed_client(tmp_path):
     return write
 
 
-def test_clients_conform(printed_client):
-    assert all_passed(conform("--client", str(PROGRAMS / "ksctl"), "call"))
+def test_clients_conform(printed_client, tmp_path):
+    call = [str(PROGRAMS / "ksctl"), "call"]
+    assert all_passed(conform("--client", *call))
+    assert all_passed(conform("--client", "--", *call, "--output", str(tmp_path / "extra")))
     assert all_passed(conform("--client", os.environ["CPP_PEER"], "call"))
     assert all_passed(conform("--client", "--", *PYTHON, "-m", "kservice"))
     assert all_passed(conform("--client", "--", *PYTHON, printed_client()))
@@ -190,7 +198,7 @@ def test_broken_client_is_found(printed_client, old, new, rule):
         ("directive(_wire.REPLY)", "directive(_wire.REPLY, 1)", "bit 0 (value 1)"),
         (
             "_wire.send_directive(request._c",
-            "os.lseek(request._memory_file, 0, 0); _wire.send_directive(request._c",
+            "os.lseek(request._received[0], 0, 0); _wire.send_directive(request._c",
             "Hence step 2",
         ),
         ("| 0x04 | 0x08 | 0x10", "& 0", "REFUSES is sealed"),
@@ -221,6 +229,16 @@ def test_broken_client_is_found(printed_client, old, new, rule):
             "!= _wire.REQUEST:\n            _wire.send_directive(caller, _wire.directive(9))\n",
             "The connection ends without 9",
         ),
+        (
+            "command = os.fsdecode(",
+            "message[-1] == 0 or caller.recv(1)\n            command = os.fsdecode(",
+            "256 bytes; longer ones",
+        ),
+        (
+            "if message is None",
+            "if message is None: raise SystemExit\n        if message is None",
+            "A caller may hang up at any time",
+        ),
     ],
 )
 def test_broken_service_is_found(name, tmp_path, old, new, rule):
@@ -233,6 +251,8 @@ def test_broken_service_is_found(name, tmp_path, old, new, rule):
         broken = broken_rules(conform(name, "--timeout", "2"))
     rule = rule.replace("REFUSES", "The service refuses a file, by closing the connection, that")
     assert any(each.startswith(rule) for each in broken), broken
+    if rule == "Hence step 2":  # which whatever else breaks the reply breaks, too
+        assert len(broken) == 1, broken
 
 
 def test_rules_are_the_documents_sentences(name, c_service):

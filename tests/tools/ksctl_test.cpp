@@ -1,6 +1,8 @@
 // ksctl as its users have it: the real program against real services.
 #include "kservice.h"
 #include "run_program.h"
+#include "stopped_process.h"
+#include "wait.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -16,6 +18,7 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <memory>
 #include <numeric>
 #include <poll.h>
 #include <sstream>
@@ -24,6 +27,7 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
+#include <system_error>
 #include <thread>
 #include <unistd.h>
 #include <utility>
@@ -411,6 +415,45 @@ TEST_F(KsctlTest, CallTimesOutWhileTheBacklogIsFull) {
     }
 }
 
+bool has_socket(const running_program& program) {
+    const std::filesystem::directory_iterator descriptors("/proc/" + std::to_string(program.pid()) + "/fd");
+    return std::any_of(begin(descriptors), end(descriptors), [](const auto& each) {
+        std::error_code closed; // meanwhile
+        return std::filesystem::read_symlink(each, closed).string().starts_with("socket:");
+    });
+}
+
+// How often the process has gone to sleep: once for as long as it connects, again and again between tries of its own.
+size_t sleeps_of(const running_program& program) {
+    const std::string status = content_of("/proc/" + std::to_string(program.pid()) + "/status");
+    const std::string label = "\nvoluntary_ctxt_switches:";
+    const size_t found = status.find(label);
+    return found == std::string::npos ? 0 : std::stoul(status.substr(found + label.size()));
+}
+
+// Also when the library has given up once and there is no time for another of its tries.
+TEST_F(KsctlTest, CallIsMadeOnceTheBacklogHasRoom) {
+    running_program listen({KSCTL_PROGRAM, "listen", name_});
+    ASSERT_EQ(ksctl({"wait", name_}).status, 0);
+    auto stopped = std::make_unique<stopped_process>(listen.pid());
+    std::vector<int> callers;
+    do {
+        callers.push_back(try_to_connect(folder_ + "/s"));
+    } while (callers.back() >= 0);
+    callers.pop_back();
+    running_program call({KSCTL_PROGRAM, "call", name_, "echo", "--timeout", "9"});
+    EXPECT_TRUE(wait_until([&] { return has_socket(call); }));
+    const size_t before = sleeps_of(call);
+    EXPECT_TRUE(wait_until([&] { return sleeps_of(call) > before + 5; }));
+    for (const int caller : callers) {
+        close(caller);
+    }
+    stopped.reset();
+    const finished ended = call.wait();
+    EXPECT_EQ(ended.status, 0) << ended.err;
+    EXPECT_EQ(ended.out, "{}");
+}
+
 TEST_F(KsctlTest, TimeoutZeroWaitsWithoutALimit) {
     start_service(name_);
     const finished call = ksctl({"call", name_, "late", "--timeout", "0"});
@@ -481,6 +524,35 @@ TEST_F(KsctlTest, ReplyThatListenCannotStoreIsNotSentCutShort) {
     EXPECT_EQ(ended.status, 0);
     EXPECT_EQ(ended.out, "command\n");
     EXPECT_EQ(ended.err, "ksctl: cannot store the reply: File too large\n");
+}
+
+// A part of a request or of a reply could be taken for another one.
+TEST_F(KsctlTest, WhatCannotBeReadIsNotPrintedCutShort) {
+    start_service(name_);
+    // The loader takes a blank for the end of a name, and a sanitizer's library wants to be the first one.
+    std::filesystem::copy_file(BROKEN_READ, folder_ + "/broken");
+    const auto blind = [&](const std::vector<std::string>& arguments) {
+        std::vector<std::string> argv = {
+            "/bin/sh", "-c",
+            R"(export LD_PRELOAD="$0" ASAN_OPTIONS="$ASAN_OPTIONS:verify_asan_link_order=0"; exec "$@")",
+            folder_ + "/broken", KSCTL_PROGRAM};
+        argv.insert(argv.end(), arguments.begin(), arguments.end());
+        return argv;
+    };
+    const finished call = run_program(blind({"call", name_, "test"}));
+    EXPECT_EQ(call.status, 1);
+    EXPECT_THAT(call.out, IsEmpty());
+    EXPECT_EQ(call.err, "ksctl: cannot read the reply: Input/output error\n");
+
+    const std::string name = name_ + "2";
+    running_program listen(blind({"listen", name}));
+    ASSERT_EQ(ksctl({"wait", name}).status, 0);
+    EXPECT_EQ(ksctl({"call", name, "command", "a request"}).status, 18);
+    listen.kill(SIGTERM);
+    const finished ended = listen.wait();
+    EXPECT_EQ(ended.status, 0);
+    EXPECT_THAT(ended.out, IsEmpty());
+    EXPECT_EQ(ended.err, "ksctl: cannot read the request: Input/output error\n");
 }
 
 TEST_F(KsctlTest, StandardOutputThatNobodyReadsIsStatus1) {
@@ -758,6 +830,14 @@ TEST_F(KsctlTest, ConformWaitsForAClientsEndOnceOnly) {
     EXPECT_EQ(first_trouble("while sleep 0.1; do echo retry; done", "1"), "      -> it did not end");
 }
 
+// SIGPIPE, which ksctl itself ignores.
+TEST_F(KsctlTest, ConformLetsASignalEndAClientAndSaysWhich) {
+    const finished conform =
+        ksctl({"conform", "--client", "--", "/bin/sh", "-c", R"("$0" call "$@"; kill -PIPE $$)", KSCTL_PROGRAM});
+    EXPECT_EQ(conform.status, 1);
+    EXPECT_THAT(conform.out, HasSubstr("-> it ended with status 141\n"));
+}
+
 TEST_F(KsctlTest, ConformDoesNotKeepEndlessOutput) {
     EXPECT_EQ(first_trouble("head -c 20000000 /dev/zero; exec sleep 60", "3600"), "      -> it did not end");
 }
@@ -789,6 +869,8 @@ TEST_F(KsctlTest, ClosedStandardStreamsStayClosed) {
     EXPECT_EQ(content_of(folder_ + "/o"), "printed");
     EXPECT_EQ(without(">&-", R"(call "$1" print --output )" + folder_ + "/p").status, 1);
     EXPECT_EQ(content_of(folder_ + "/p"), "printed");
+    EXPECT_EQ(without("2>&-", "call @/absent print --output " + folder_ + "/q").status, 12);
+    EXPECT_THAT(content_of(folder_ + "/q"), IsEmpty());
     EXPECT_EQ(without("<&- >&- 2>&-", R"(call "$1" echo text)").status, 1);
     EXPECT_EQ(without("<&- >&- 2>&-", R"(ping "$1" -c 1)").status, 1);
 }
@@ -824,6 +906,9 @@ TEST_F(KsctlTest, WrongUsagePointsToTheHelpThatKnows) {
     EXPECT_EQ(ksctl({"cal"}).err, "ksctl: no subcommand cal; did you mean call? (see ksctl --help)\n");
     EXPECT_EQ(ksctl({"frobnicate"}).err, "ksctl: no subcommand frobnicate (see ksctl --help)\n");
     EXPECT_EQ(ksctl({"call", name_}).err, "ksctl: COMMAND is required (see ksctl call --help)\n");
+    EXPECT_EQ(ksctl({"call", name_, "--"}).err, "ksctl: COMMAND is required (see ksctl call --help)\n");
+    EXPECT_EQ(ksctl({"call", name_, "a", "--", "r", "x"}).err, "ksctl: not expected: x (see ksctl call --help)\n");
+    EXPECT_EQ(ksctl({"conform", "--client", "--"}).err, "ksctl: WORDS is required (see ksctl conform --help)\n");
     EXPECT_EQ(ksctl({"conform", "one", "two"}).err,
               "ksctl: one SERVICE at a time, or --client before a client's command line (see ksctl conform --help)\n");
     EXPECT_EQ(ksctl({""}).err, "ksctl: no subcommand '' (see ksctl --help)\n");

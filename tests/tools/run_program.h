@@ -28,6 +28,7 @@ public:
     void close_stdin();
     void close_stdout(); ///< Nobody reads any more.
     void kill(int signum) const;
+    [[nodiscard]] pid_t pid() const { return pid_; }
     finished wait(); ///< `out` is what read_line() has not taken.
 
 private:
