@@ -13,6 +13,7 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <fcntl.h>
 #include <filesystem>
 #include <fstream>
 #include <string>
@@ -286,7 +287,8 @@ void look_at_log(report& findings) {
                      "mount it writable or make room; vexprod serves on, and logs nothing meanwhile");
         return;
     }
-    if (access(log.c_str(), W_OK) == 0 || (errno == ENOENT && access(folder.c_str(), W_OK | X_OK) == 0)) {
+    const unique_fd file(open(log.c_str(), O_WRONLY | O_APPEND | O_NONBLOCK | O_CLOEXEC));
+    if (file.ok() || (errno == ENOENT && access(folder.c_str(), W_OK | X_OK) == 0)) {
         findings.good(subject, log + " is writable");
     } else if (geteuid() == 0) {
         findings.bad(subject, log + ": " + strerror(errno), "take away what stands there, or its attributes (lsattr)");

@@ -48,6 +48,8 @@ TEST(CompletionTest, FirstComesASubcommand) {
 
 TEST(CompletionTest, ServicesAndTheirCommands) {
     EXPECT_THAT(complete({"call", "ma"}), ElementsAre("main", "mail"));
+    EXPECT_THAT(complete({"call", ""}), ElementsAre("main", "mail", "VexHubServer-vexprod",
+                                                    "VexHubServer_send_mail-vexprod", "VexHubServer_notify-vexprod"));
     EXPECT_THAT(complete({"wait", "VexHubServer_n"}), ElementsAre("VexHubServer_notify-vexprod"));
     EXPECT_THAT(complete({"conform", "ma"}), ElementsAre("main", "mail"));
     EXPECT_THAT(complete({"call", "mail", ""}), ElementsAre("test", "sendmail"));
@@ -55,12 +57,14 @@ TEST(CompletionTest, ServicesAndTheirCommands) {
                 ElementsAre("get_vpd_eepkey", "get_vpd_ext_area"));
     EXPECT_THAT(complete({"describe", "sendm"}), ElementsAre("sendmail"));
     EXPECT_THAT(complete({"call", "other", ""}), IsEmpty());
+    EXPECT_THAT(complete({"path", "main", ""}), IsEmpty()) << "it takes one service";
 }
 
 TEST(CompletionTest, OptionsAndTheirValues) {
     EXPECT_THAT(complete({"call", "--"}), AllOf(Contains("--timeout"), Contains("--check"), Not(Contains("--count"))));
     EXPECT_THAT(complete({"call", "--timeout", ""}), IsEmpty());
     EXPECT_THAT(complete({"call", "--timeout", "9", "--pretty", "mai"}), ElementsAre("main", "mail"));
+    EXPECT_THAT(complete({"call", "-v", "mai"}), ElementsAre("main", "mail"));
     EXPECT_THAT(complete({"commands", "--service", "m"}), ElementsAre("main", "mail"));
     EXPECT_THAT(complete({"ping", "mail", "--command", "s"}), ElementsAre("sendmail"));
 }
@@ -68,12 +72,29 @@ TEST(CompletionTest, OptionsAndTheirValues) {
 TEST(CompletionTest, RequestsAndTheirKeys) {
     EXPECT_THAT(complete({"call", "main", "get_sess_id", ""}), ElementsAre(R"({"user":"","pwd":""})"));
     EXPECT_THAT(complete({"call", "main", "notify_return", ""}), ElementsAre(R"({"cmd":0,"type":0,"acy":0})"));
+    EXPECT_THAT(complete({"call", "main", "exec_cli", ""}), ElementsAre(R"({"command":[]})"));
+    EXPECT_THAT(complete({"call", "main", "reverse_proxy", ""}), IsEmpty()) << "no key is needed";
     EXPECT_THAT(complete({"call", "main", "get_sess_id", R"({")"}), ElementsAre(R"({"user":)", R"({"pwd":)"));
+    EXPECT_THAT(complete({"call", "main", "reverse_proxy", R"({")"}), ElementsAre(R"({"action":)", R"({"rule_list":)"));
+    EXPECT_THAT(complete({"call", "main", "get_sess_id", "\""}), IsEmpty());
+    EXPECT_THAT(complete({"call", "main", "get_sess_id", "{"}), IsEmpty());
     EXPECT_THAT(complete({"call", "main", "get_sess_id", R"({"user":"x","p)"}), ElementsAre(R"({"user":"x","pwd":)"));
     EXPECT_THAT(complete({"call", "main", "get_sess_id", R"({"user":"x)"}), IsEmpty()) << "a value";
     EXPECT_THAT(complete({"call", "main", "reverse_proxy", R"({"action":"add","rule_list":[{"GU)"}),
                 ElementsAre(R"({"action":"add","rule_list":[{"GUID":)"));
     EXPECT_THAT(complete({"call", "main", "get_vpd_channel", ""}), IsEmpty()) << "it has no keys";
+    EXPECT_THAT(complete({"call", "main", "unknown", ""}), IsEmpty());
+}
+
+TEST(CompletionTest, CandidatesComeWithTheirMeaning) {
+    const auto printed = [](std::vector<std::string> words) {
+        words.insert(words.begin(), {KSCTL_PROGRAM, "complete"});
+        return run_program(words).out;
+    };
+    EXPECT_EQ(printed({"doctor"}), "doctor\tLook whether all is well with the daemon\n");
+    EXPECT_EQ(printed({"call", "mail"}), "mail\tVexHubServer_send_mail-vexprod\n");
+    EXPECT_EQ(printed({"describe", "sendmail"}), "sendmail\tGives a prepared mail to the host's mail program.\n");
+    EXPECT_EQ(printed({"call", "main", "get_sess_id", R"({"u)"}), "{\"user\":\tstring: the user's name\n");
 }
 
 // What a shell makes of it. Each prints one candidate a line; `line` is the command line up to the cursor.

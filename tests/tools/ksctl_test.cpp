@@ -565,6 +565,17 @@ TEST_F(KsctlTest, StandardOutputThatNobodyReadsIsStatus1) {
     EXPECT_EQ(ended.err, "ksctl: cannot write to standard output: Broken pipe\n");
 }
 
+TEST_F(KsctlTest, OutputThatCannotBeWrittenIsStatus1) {
+    start_service("VexHubServer_notify-vexprod");
+    for (const char* words : {"commands", "complete ''", "describe test", "doctor", "list", "path main",
+                              "ping VexHubServer_notify-vexprod -c 1"}) {
+        const finished full =
+            run_program({"/bin/sh", "-c", std::string(R"(exec "$0" )") + words + " > /dev/full", KSCTL_PROGRAM});
+        EXPECT_EQ(full.status, 1) << words;
+        EXPECT_EQ(full.err, "ksctl: cannot write to standard output: No space left on device\n") << words;
+    }
+}
+
 // ---- path, list, wait
 
 TEST_F(KsctlTest, PathFollowsTheNamingRule) {
@@ -681,6 +692,7 @@ TEST_F(KsctlTest, ListenServesNoMoreThanItsCount) {
     ASSERT_EQ(ksctl({"wait", name_}).status, 0);
     std::atomic<int> answered = 0;
     std::vector<std::thread> callers;
+    callers.reserve(20);
     for (int i = 0; i < 20; ++i) {
         callers.emplace_back(
             [&] { answered += ks_ez_call(name_.c_str(), "c", nullptr, 0, nullptr, nullptr, 60, -1) == KS_OK; });
@@ -920,8 +932,14 @@ TEST_F(KsctlTest, WrongUsagePointsToTheHelpThatKnows) {
               "ksctl: not expected: --request '' s (see ksctl call --help)\n");
     EXPECT_EQ(ksctl({"call", name_, "a", "--timeout", ""}).err,
               "ksctl: --timeout: Value '' not in range 0 to 4294967295 (see ksctl call --help)\n");
+    start_service(name_); // what is let through wrongly does not wait
+    EXPECT_EQ(ksctl({"wait", name_, "--timeout", "1000001"}).err,
+              "ksctl: --timeout: Value 1000001 not in range 0 to 1000000 (see ksctl wait --help)\n");
+    EXPECT_EQ(ksctl({"conform", name_, "--timeout", "3601"}).err,
+              "ksctl: --timeout: Value 3601 not in range 1 to 3600 (see ksctl conform --help)\n");
     for (const std::vector<std::string>& arguments : {std::vector<std::string>{"wait", name_, "--timeout", "-1"},
                                                       {"wait", name_, "--timeout", "1e300"},
+                                                      {"conform", name_, "--timeout", "0"},
                                                       {"wait", name_, "--timeout", "nan"},
                                                       {"call", name_, "a", "--timeout", "-1"},
                                                       {"call", name_, "a", "--timeout", "1.5"},
