@@ -85,10 +85,8 @@ const char* bus_time() {
     const tm local = local_time(time(nullptr));
     timeval fine = {};
     gettimeofday(&fine, nullptr);
-    // The remainders change nothing; they show the compiler that the text fits.
-    (void)snprintf(text, sizeof(text), "%02d/%02d/%02d %02d:%02d:%02d:%06d", local.tm_year % 100,
-                   (local.tm_mon + 1) % 100, local.tm_mday % 100, local.tm_hour % 100, local.tm_min % 100,
-                   local.tm_sec % 100, static_cast<int>(fine.tv_usec % 1000000));
+    const size_t length = strftime(text, sizeof(text), "%y/%m/%d %H:%M:%S", &local);
+    (void)snprintf(text + length, sizeof(text) - length, ":%06d", static_cast<int>(fine.tv_usec));
     return text;
 }
 
