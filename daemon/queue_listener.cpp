@@ -66,10 +66,13 @@ void T_MSGQ_service::recv_thread_create() {
     pthread_attr_destroy(&attr);
 }
 
-// The flag first: a thread that is not inside msgrcv() at this moment finds it, one that is wakes with EIDRM.
+// The flag first: a thread that is not inside msgrcv() at this moment finds it, one that is wakes with EIDRM, or by an
+// empty record when the queue could not be removed. (If that is full, the thread does not wait.)
 void T_MSGQ_service::recv_thread_destroy() {
     announce_stop();
     remove_msgq();
+    const long empty_record = 1;
+    (void)msgsnd(id_, &empty_record, 0, IPC_NOWAIT);
     if (thread_ != pthread_t{}) {
         pthread_join(thread_, nullptr);
         thread_ = {};

@@ -2,9 +2,10 @@
 //
 // The reporter runs in a signal handler of a process that may have just corrupted its heap or died inside malloc(), so
 // it takes nothing from the heap and no lock of the C library: ks_backtrace() makes the first backtrace() call, which
-// loads the unwinder; the report's object stands on the stack; symbol texts go straight from the loader's tables
-// into a memory file (backtrace_symbols_fd(3)), which is read back line by line; and lines are put together in buffers
-// on the stack. (add_frame() puts back what only backtrace_symbols(3) writes.) What is knowingly left: the unwinder
+// loads the unwinder; symbol texts go straight from the loader's tables into a memory file (backtrace_symbols_fd(3)),
+// which is read back line by line; lines are put together in buffers on the stack, and the report behind the texts. A
+// ks_io for it would abort when memory is short, and the report would be of that. (add_frame() puts back what only
+// backtrace_symbols(3) writes.) What is knowingly left: the unwinder
 // reads a stack that may be damaged, and the loader's tables are read under its lock, which a crash inside dlopen()
 // itself would hold. A second fault then ends the process at once, because the disposition resets itself.
 #include "internal.h"
@@ -48,10 +49,12 @@ struct line_buffer {
     }
     void add(const char* more) { add(more, strlen(more)); }
 
-    // Ends the line with a newline, for which the last character makes room.
-    void end() {
+    // Ends the line with a newline, for which the last character makes room, and writes it.
+    void end(int fd) {
         size -= size == sizeof(text) ? 1 : 0;
         add("\n", 1);
+        [[maybe_unused]] const ssize_t written = write(fd, text, size); // the other lines matter none the less
+        size = 0;
     }
 
     void add_number(unsigned value) {
@@ -84,12 +87,12 @@ void add_frame(line_buffer* line, const char* text, size_t length) {
     line->add(text + place, length - place);
 }
 
-// "%2d. %s\n" of each frame after our own, one symbol text a line of `symbols_fd`.
-void report_frames(int symbols_fd, ks_io* report) {
-    (void)lseek(symbols_fd, 0, SEEK_SET);
+// Adds "%2d. %s\n" of each frame after our own to the memory file, whose first `size` bytes are a symbol text a line.
+void report_frames(int fd, off_t size) {
     line_buffer frame;
     unsigned number = 1;
-    for (char next = '\0'; read(symbols_fd, &next, 1) > 0;) {
+    char next = '\0';
+    for (off_t at = 0; at < size && pread(fd, &next, 1, at) == 1; ++at) {
         if (next != '\n') {
             frame.add(&next, 1);
             continue;
@@ -99,8 +102,7 @@ void report_frames(int symbols_fd, ks_io* report) {
         line.add_number(number++);
         line.add(". ");
         add_frame(&line, frame.text, frame.size);
-        line.end();
-        (void)ks_io_write(report, line.text, line.size);
+        line.end(fd);
         frame.size = 0;
     }
 }
@@ -117,19 +119,16 @@ void add_description(line_buffer* line, int sig) {
 
 // The kernel takes one record a write, of at most about a thousand bytes, and a few records in five seconds: as many
 // whole lines at a time as a record holds.
-void copy_lines(const char* text, size_t size, int log_fd) {
-    while (size > 0) {
-        size_t length = size;
-        if (length > kRecordSize) {
-            const void* end = memrchr(text, '\n', kRecordSize);
-            length = end != nullptr ? (size_t)(static_cast<const char*>(end) - text) + 1 : kRecordSize;
-        }
+void copy_lines(int fd, off_t at, int log_fd) {
+    char text[kRecordSize];
+    for (ssize_t size = 0; (size = pread(fd, text, sizeof(text), at)) > 0;) {
+        const void* end = memrchr(text, '\n', (size_t)size);
+        const size_t length = end != nullptr ? (size_t)(static_cast<const char*>(end) - text) + 1 : (size_t)size;
         const ssize_t written = write(log_fd, text, length);
         if (written < 1) {
             return;
         }
-        text += written;
-        size -= (size_t)written;
+        at += written;
     }
 }
 
@@ -174,38 +173,28 @@ void ks_backtrace(void) {
 __attribute__((noinline)) void _ks_backtrace(int sig) {
     line_buffer line;
     add_description(&line, sig);
-    line.end();
-    [[maybe_unused]] const ssize_t told = write(STDERR_FILENO, line.text, line.size); // the kernel log matters more
+    line.end(STDERR_FILENO);
     const int log_fd = ks::above_stdio(open("/dev/kmsg", O_WRONLY | O_CLOEXEC));
     if (log_fd == -1) {
         _exit(1);
     }
     void* frames[kFrames];
     const int count = backtrace(frames, kFrames);
-    const int symbols_fd = ks::above_stdio(memfd_create("kservice-symbols", MFD_CLOEXEC));
-    if (count < kOwnFrames || symbols_fd == -1) {
+    const int report_fd = ks::above_stdio(memfd_create("kservice-report", MFD_CLOEXEC));
+    if (count < kOwnFrames || report_fd == -1) {
         _exit(1);
     }
-    backtrace_symbols_fd(frames + kOwnFrames, count - kOwnFrames, symbols_fd);
-
-    ks_io report = {}; // ks_io_create() would need the heap
-    report.magic = KS_IO_MAGIC;
-    report.memfd = -1;
-    report.sockfd = -1;
-    line.size = 0;
+    backtrace_symbols_fd(frames + kOwnFrames, count - kOwnFrames, report_fd);
+    const off_t symbols_size = lseek(report_fd, 0, SEEK_CUR);
     add_description(&line, sig);
     line.add(" (pid ");
     line.add_number((unsigned)getpid());
     line.add(") ");
     line.add(program_invocation_name);
     line.add(":");
-    line.end();
-    (void)ks_io_write(&report, line.text, line.size);
-    report_frames(symbols_fd, &report);
-
-    size_t size = 0;
-    const char* text = static_cast<const char*>(ks_io_read(&report, &size));
-    copy_lines(text, size, log_fd);
+    line.end(report_fd);
+    report_frames(report_fd, symbols_size);
+    copy_lines(report_fd, symbols_size, log_fd);
     (void)fsync(log_fd);
     _exit(1);
 }

@@ -30,8 +30,9 @@ void dbg_printf(const char* file, const char* fmt, ...) __attribute__((format(pr
 /// Renames `file`, with ".bak" appended, over an older one, when it has reached 524288 bytes.
 void log_file_rotation(const char* file);
 
-/// Writes the calling thread's stack to the log, one line per frame, innermost first, and the program's name. For the
-/// fatal-signal handler: it allocates, which is accepted as the process's last action.
+/// Writes the calling thread's stack to the log, one line per frame, innermost first, and the program's name; the name
+/// alone when there is no memory for the frames'. For the fatal-signal handler: it allocates, which is accepted as the
+/// process's last action.
 void vexprod_debug_backtrace_dump();
 
 #endif

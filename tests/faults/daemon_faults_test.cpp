@@ -8,6 +8,7 @@
 #include "faults.h"
 #include "host_records.h"
 #include "kservice.h"
+#include "lifecycle.h"
 #include "log.h"
 #include "queue_listener.h"
 #include "relays.h"
@@ -18,12 +19,16 @@
 #include <json/value.h>
 
 #include <atomic>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <optional>
 #include <set>
 #include <string>
+#include <sys/inotify.h>
+#include <sys/msg.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -204,6 +209,46 @@ void relay(void* record) {
     eventlog_handler(record);
 }
 
+// How many services' sockets have been made since it was last asked.
+int published(int watch) {
+    char events[4096];
+    const ssize_t size = read(watch, events, sizeof(events));
+    int count = 0;
+    for (ssize_t at = 0; at < size; ++count) {
+        inotify_event event = {};
+        memcpy(&event, events + at, sizeof(event));
+        at += (ssize_t)(sizeof(event) + event.len);
+    }
+    return count;
+}
+
+// What became of a daemon that has ended: what it was, and what it has left on the host, which is removed.
+std::string life_of(const siginfo_t& end, int services) {
+    int sockets = 0;
+    for (const auto& each : fs::directory_iterator("/var/run/ks")) {
+        sockets += fs::remove(each.path()) ? 1 : 0;
+    }
+    int queues = 0;
+    for (const int key : {kNotifyQueueKey, kEventLogQueueKey}) {
+        queues += msgctl(msgget(key, 0), IPC_RMID, nullptr) == 0 ? 1 : 0;
+    }
+    if (end.si_code == CLD_KILLED && (end.si_status == SIGKILL || end.si_status == SIGABRT)) {
+        const bool memory = read_file("/proc/self/fd/2").find("instance of 'std::bad_alloc'") != std::string::npos;
+        return memory ? "out of memory" : faults::kAborted;
+    }
+    if (end.si_code == CLD_EXITED && end.si_status == 255) {
+        return "refused";
+    }
+    if (end.si_code != CLD_EXITED || end.si_status != 0) {
+        return "ended with " + std::to_string(end.si_status);
+    }
+    // The mail service's socket stays.
+    return services != 2  ? "a service missing"
+           : queues != 0  ? "a queue left"
+           : sockets != 1 ? "a socket left"
+                          : faults::kDone;
+}
+
 TEST(RelayFaultsTest, Record) {
     const host_record record =
         host_record::event(1700000000, "a user whose name takes memory", "a text that does, too");
@@ -239,6 +284,41 @@ TEST(RelayFaultsTest, Record) {
             ks_free(service);
         },
         {{"dropped"}, {"not sent: 100", "msgget"}, {"not sent: 102", "msgsnd"}},
+    });
+}
+
+// The daemon from its first line to its last, by the start-stop run: a stop by a signal calls nothing else that can
+// fail.
+TEST(LifeFaultsTest, StartAndStop) {
+    constexpr const char* kSockets = "/var/run/ks";
+    int watch = -1;
+    siginfo_t end = {};
+    faults::run({
+        "life",
+        [&] {
+            (void)mkdir(kSockets, 0755);
+            watch = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
+            ASSERT_NE(inotify_add_watch(watch, kSockets, IN_CREATE), -1);
+        },
+        nullptr,
+        [&] {
+            end = faults::run_in_child([] {
+                char program[] = "vexprod";
+                char option[] = "-t";
+                char* arguments[] = {program, option, nullptr};
+                exit(run_daemon(2, arguments));
+            });
+        },
+        [&] { return life_of(end, published(watch)); },
+        [&] { close(watch); },
+        {{"refused"}, // no install path
+         {"out of memory", "malloc"},
+         {"a service missing", "pthread_create"},
+         {"a service missing", "calloc"}, // a thread's own data
+         {"a queue left", "msgctl"},
+         {"a socket left", "unlink"},
+         {"a socket left", "epoll_create"}, // a worker that cannot listen to its producer ends the service
+         {"a socket left", "epoll_ctl"}},
     });
 }
 

@@ -131,7 +131,6 @@ MAY_FAIL(int, -1, dup2, (int fd, int number), (fd, number))
 MAY_FAIL(int, -1, dup3, (int fd, int number, int flags), (fd, number, flags))
 MAY_FAIL(int, -1, close_range, (unsigned first, unsigned last, int flags), (first, last, flags))
 MAY_FAIL(FILE*, NULL, fopen, (const char* path, const char* mode), (path, mode))
-MAY_FAIL(FILE*, NULL, freopen, (const char* path, const char* mode, FILE* stream), (path, mode, stream))
 MAY_FAIL(FILE*, NULL, fdopen, (int fd, const char* mode), (fd, mode))
 MAY_FAIL(int, EOF, fflush, (FILE * stream), (stream))
 MAY_FAIL(DIR*, NULL, opendir, (const char* path), (path))
@@ -231,6 +230,19 @@ int fclose(FILE* stream) {
     FIND(real, "fclose");
     const int closed = real(stream);
     return fails("fclose") ? EOF : closed;
+}
+
+/* What the stream was open on is closed whatever this returns. */
+FILE* freopen(const char* path, const char* mode, FILE* stream) {
+    static FILE* (*real)(const char*, const char*, FILE*);
+    FIND(real, "freopen");
+    if (!fails("freopen")) {
+        return real(path, mode, stream);
+    }
+    const int error = errno;
+    (void)real("", mode, stream); /* the name of no file */
+    errno = error;
+    return NULL;
 }
 
 /* Without a child there is none to wait for, so it is waited for first. Not asked to wait, the call does not fail. */

@@ -17,6 +17,7 @@
 #include <map>
 #include <string_view>
 #include <sys/mman.h>
+#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -346,7 +347,8 @@ bool run_point(const scenario& what, const point& at, tally* sum) {
     ++sum->points;
     const std::string where = what.name + ": " + at.function + " " + strerrorname_np(at.error) + " at call " +
                               std::to_string(at.nth) + (at.for_good ? " and from there on" : "");
-    if (WIFSIGNALED(status) && WTERMSIG(status) == SIGABRT) {
+    const bool aborted = WIFSIGNALED(status) && WTERMSIG(status) == SIGABRT;
+    if (aborted || (told.finished && std::string_view(told.outcome) == kAborted)) {
         ++sum->aborted;
         EXPECT_TRUE(are_last_words(at.function, said)) << where << ": aborted with: " << said << told.wrong;
     } else if (!told.finished) {
@@ -384,6 +386,20 @@ void run_points(const scenario& what, const char* function, int error, unsigned 
 }
 
 } // namespace
+
+siginfo_t run_in_child(const std::function<void()>& body) {
+    prctl(PR_SET_CHILD_SUBREAPER, 1);
+    const pid_t pid = _Fork();
+    if (pid == 0) {
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        [&body]() noexcept { body(); }(); // as main() is where an exception is concerned
+        _exit(0);
+    }
+    siginfo_t end = {};
+    while (waitid(P_PID, static_cast<id_t>(pid), &end, WEXITED) != 0 && errno == EINTR) {
+    }
+    return end;
+}
 
 void run(const scenario& what) {
     std::string said;

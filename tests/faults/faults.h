@@ -6,6 +6,7 @@
 // may end the process, with the line that is documented for that function.
 #pragma once
 
+#include <csignal>
 #include <functional>
 #include <string>
 #include <vector>
@@ -14,6 +15,9 @@ namespace faults {
 
 /// The outcome of an action that has done all it should.
 inline constexpr const char* kDone = "done";
+
+/// The outcome of an action whose own process has ended with the line that is documented for the function.
+inline constexpr const char* kAborted = "aborted";
 
 /// A way in which a fault may end the action, by the documents.
 struct outcome {
@@ -31,6 +35,10 @@ struct scenario {
     std::function<void()> end; ///< Before the process is looked at for children. May be null.
     std::vector<outcome> outcomes;
 };
+
+/// For an action that takes a process of its own, which no function that fails has made: runs `body` in one.
+/// @return How that process has ended. What it leaves running becomes the caller's.
+siginfo_t run_in_child(const std::function<void()>& body);
 
 /// Runs the scenario's points: three for each way in which a function fails, or as many as FAULTS_POINTS in the
 /// environment says, of which 0 is all. Fails the test for each that ends in another way, and prints how many there

@@ -2,6 +2,7 @@
 #include "faults.h"
 #include "framework_support.h"
 #include "kservice.h"
+#include "test_files.h"
 
 #include <gtest/gtest.h>
 
@@ -14,6 +15,8 @@
 #include <string_view>
 #include <sys/wait.h>
 #include <unistd.h>
+
+using namespace std::string_literals;
 
 namespace {
 
@@ -244,6 +247,64 @@ TEST(FrameworkFaultsTest, MessageObject) {
                                              : "not told"; },
         nullptr,
         {{"told"}},
+    });
+}
+
+TEST(FrameworkFaultsTest, ReopenedStream) {
+    ssize_t written = 0;
+    bool reopened = false;
+    char text[16];
+    faults::run({
+        "freopen",
+        nullptr,
+        [] { ASSERT_NE(freopen("/dev/null", "re", stdin), nullptr); },
+        [&] {
+            ks_io* io = ks_io_create();
+            written = ks_io_write(io, "text", 5);
+            reopened = ks_io_freopen(io, "r", stdin) == stdin;
+            text[0] = '\0';
+            if (reopened) {
+                (void)fgets(text, sizeof(text), stdin);
+            }
+            ks_io_free(io);
+        },
+        [&]() -> std::string {
+            if (!reopened) {
+                return fcntl(STDIN_FILENO, F_GETFD) == -1 ? "no stream" : "no stream, descriptor left";
+            }
+            return written == -1 && text[0] == '\0'  ? "nothing written"
+                   : written == 5 && text == "text"s ? faults::kDone
+                                                     : "a wrong text";
+        },
+        nullptr,
+        {{"no stream", "freopen"}, {"nothing written", "write"}},
+    });
+}
+
+// Whatever fails, the report is of the crash, and the status 1.
+TEST(FrameworkFaultsTest, CrashReport) {
+    siginfo_t end = {};
+    faults::run({
+        "crash-report",
+        nullptr,
+        [] { ASSERT_EQ(truncate("/dev/kmsg", 0), 0); },
+        [&] {
+            end = faults::run_in_child([] {
+                ks_backtrace();
+                (void)raise(SIGSEGV);
+            });
+        },
+        [&]() -> std::string {
+            const std::string log = read_file("/dev/kmsg");
+            if (end.si_code != CLD_EXITED || end.si_status != 1 || log.find("Aborted") != std::string::npos) {
+                return "ended by " + std::to_string(end.si_status) + " with " + log;
+            }
+            const bool starts = log.starts_with("Segmentation fault (pid ");
+            const bool ends = log.ends_with("]\n") && log.find("\n 5. ") != std::string::npos;
+            return log.empty() ? "no report" : starts && ends ? faults::kDone : "part of a report";
+        },
+        nullptr,
+        {{"no report"}, {"part of a report", "write"}, {"part of a report", "pread"}},
     });
 }
 

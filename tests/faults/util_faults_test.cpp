@@ -191,6 +191,26 @@ TEST_F(UtilFaultsTest, RotationOfTheLog) {
     });
 }
 
+// What the daemon writes when it crashes.
+TEST_F(UtilFaultsTest, StackInTheLog) {
+    const std::string log = folder_ / kLogFileName;
+    faults::run({
+        "log-stack",
+        [&] { log_set_dir(folder_.path().c_str()); },
+        [&] { (void)unlink(log.c_str()); },
+        [] { vexprod_debug_backtrace_dump(); },
+        [&]() -> std::string {
+            const std::string text = read_file(log);
+            const bool frames = text.find(" [0x") != std::string::npos;
+            const bool separator = text.find("]==========================\n") != std::string::npos;
+            const bool program = text.ends_with(std::string("]") + program_invocation_name + "\n");
+            return !separator || !program ? "lines lost" : frames ? faults::kDone : "no frames";
+        },
+        nullptr,
+        {{"no frames", "malloc"}, {"no frames", "backtrace_symbols"}, {"lines lost", "write"}, {"lines lost", "open"}},
+    });
+}
+
 TEST_F(UtilFaultsTest, ExecCli) {
     const std::string command = R"({"command":["/bin/echo","a long line of text that needs memory of its own"]})";
     std::string output;
