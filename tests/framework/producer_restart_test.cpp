@@ -178,6 +178,8 @@ TEST(ProducerRestartTest, WaitingCallerWhoseSpeechCausedTheHandOverIsShutDown) {
         ASSERT_TRUE(waiting->send(make_record(8)));
         EXPECT_TRUE(waiting->hung_up());
         EXPECT_TRUE(beginning.await());
+        EXPECT_TRUE(eventually([sockets] { return support::open_sockets() == sockets + 2; }))
+            << "closed before the echo";
         beginning.open();
     }
     here.open();
