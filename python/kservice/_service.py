@@ -127,8 +127,8 @@ class Service:
         """Withdraws the socket, ends the workers after their current request and waits for them. Does nothing on a
         service that does not run. Not for the service's own handler."""
         if self._running:
-            running, self._running = self._running, None
-            running.close()
+            self._running.close()
+            self._running = None
 
     def pause(self) -> None:
         """Turns new callers away; those already waiting keep their place."""
