@@ -3,6 +3,7 @@
 #include "error_output.h"
 
 #include <cerrno>
+#include <climits>
 #include <csignal>
 #include <cstring>
 #include <exception>
@@ -66,15 +67,17 @@ void T_MSGQ_service::recv_thread_create() {
     pthread_attr_destroy(&attr);
 }
 
-// The flag first: a thread that is not inside msgrcv() at this moment finds it, one that is wakes with EIDRM, or by an
-// empty record when the queue could not be removed. (If that is full, the thread does not wait.)
+// The flag first: a thread that is not inside msgrcv() at this moment finds it, one that is wakes with EIDRM. Where the
+// queue cannot be removed, an empty record of a type of its own wakes it, and is taken back if nobody took it. (Before
+// a full queue the thread does not wait.)
 void T_MSGQ_service::recv_thread_destroy() {
     announce_stop();
     remove_msgq();
-    const long empty_record = 1;
-    (void)msgsnd(id_, &empty_record, 0, IPC_NOWAIT);
     if (thread_ != pthread_t{}) {
+        long empty_record = LONG_MAX;
+        (void)msgsnd(id_, &empty_record, 0, IPC_NOWAIT);
         pthread_join(thread_, nullptr);
+        (void)msgrcv(id_, &empty_record, 0, LONG_MAX, IPC_NOWAIT);
         thread_ = {};
     }
 }

@@ -450,6 +450,33 @@ TEST_F(QueueListenerTest, ALookUpThatFailsOtherwiseGives100) {
     }));
 }
 
+// The stop's own record wakes a receive; a callback under way leaves it in the queue, and the next daemon must not find
+// it.
+TEST_F(QueueListenerTest, StopEndsAndLeavesNoRecordWhereTheQueueCannotBeRemoved) {
+    EXPECT_TRUE(passes_in_own_process([] {
+        const auto stop = [](T_MSGQ_service* listener) {
+            forbid({SYS_msgctl}, EPERM); // for this thread
+            listener->server_stop();
+        };
+        T_MSGQ_service idle(kKey, keep, kBody);
+        idle.server_start();
+        ASSERT_TRUE(receive_is_entered());
+        std::thread(stop, &idle).join();
+
+        T_MSGQ_service busy(kKey, keep, kBody);
+        callback_waits = true;
+        busy.server_start();
+        ASSERT_TRUE(post(kKey, record_of(1, "x")));
+        ASSERT_TRUE(wait_until([] { return callbacks_begun == 1; }));
+        std::thread stopping(stop, &busy);
+        EXPECT_TRUE(wait_until([] { return queue_length(kKey) == 1; }));
+        callback_waits = false;
+        stopping.join();
+        EXPECT_EQ(queue_length(kKey), 0);
+        busy.remove_msgq();
+    }));
+}
+
 TEST_F(QueueListenerTest, OneThatGetsNoThreadStopsAllTheSame) {
     EXPECT_TRUE(passes_in_own_process([] {
         T_MSGQ_service listener(kKey, keep, kBody);

@@ -229,8 +229,12 @@ std::string life_of(const siginfo_t& end, int services) {
         sockets += fs::remove(each.path()) ? 1 : 0;
     }
     int queues = 0;
+    msglen_t records = 0;
     for (const int key : {kNotifyQueueKey, kEventLogQueueKey}) {
-        queues += msgctl(msgget(key, 0), IPC_RMID, nullptr) == 0 ? 1 : 0;
+        msqid_ds left = {};
+        queues += msgctl(msgget(key, 0), IPC_STAT, &left) == 0 ? 1 : 0;
+        records += left.msg_qnum;
+        (void)msgctl(msgget(key, 0), IPC_RMID, nullptr);
     }
     if (end.si_code == CLD_KILLED && (end.si_status == SIGKILL || end.si_status == SIGABRT)) {
         const bool memory = read_file("/proc/self/fd/2").find("instance of 'std::bad_alloc'") != std::string::npos;
@@ -244,6 +248,7 @@ std::string life_of(const siginfo_t& end, int services) {
     }
     // The mail service's socket stays.
     return services != 2  ? "a service missing"
+           : records != 0 ? "a record left"
            : queues != 0  ? "a queue left"
            : sockets != 1 ? "a socket left"
                           : faults::kDone;
