@@ -255,6 +255,10 @@ struct crash {
 crash last_crash(const std::string& log) {
     crash last;
     for (const std::string& path : {log + ".bak", log}) {
+        std::error_code error;
+        if (!fs::is_regular_file(path, error)) { // a pipe would be waited for
+            continue;
+        }
         std::ifstream file(path);
         for (std::string line; std::getline(file, line);) {
             if (line.find("[vexprod_debug_backtrace_dump]") != std::string::npos &&

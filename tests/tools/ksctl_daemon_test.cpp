@@ -98,6 +98,9 @@ TEST(KsctlDoctorTest, FindsWhatStandsInTheLogsPlace) {
     std::filesystem::create_directories(kDaemonLog);
     EXPECT_THAT(ksctl({"doctor"}).out, HasSubstr(std::string("BAD   log: ") + kDaemonLog +
                                                  ": Is a directory\n      remedy: take away what stands there"));
+    std::filesystem::remove(kDaemonLog);
+    ASSERT_EQ(mkfifo(kDaemonLog, 0600), 0);
+    EXPECT_THAT(ksctl({"doctor"}).out, HasSubstr(std::string("BAD   log: ") + kDaemonLog + ": No such device or"));
     std::filesystem::remove_all(std::filesystem::path(kDaemonLog).parent_path());
 }
 
