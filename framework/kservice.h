@@ -362,8 +362,8 @@ KS_API void ks_signal(int signum, ks_signal_callback callback);
 KS_API void ks_signal_handler(int sig);
 /** Installs the crash reporter for SIGABRT, SIGBUS, SIGFPE and SIGSEGV, and makes every routed signal one-shot. */
 KS_API void ks_backtrace(void);
-/** The crash reporter: writes the numbered stack to the kernel log and ends the process with status 1. What cannot be
- *  had of the stack when resources are exhausted is missing there. */
+/** The crash reporter: writes the numbered stack to the kernel log and ends the process with status 1. What
+ *  cannot be had of the stack when resources are exhausted is missing there; without a memory file there is none. */
 KS_API void _ks_backtrace(int sig); /* NOLINT(clang-diagnostic-reserved-identifier): the callers' name for it */
 
 /* ---- Helpers: ks_helpers(3) ------------------------------------------------------------------------------------ */

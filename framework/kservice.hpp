@@ -12,9 +12,9 @@
 //     kservice::service service("my-service", 2, [](kservice::request& request) { (void)request.reply("pong"); });
 //     service.start();
 //
-// Only result::value(), on an error, and the C++ library (std::bad_alloc) throw; the header compiles with
-// -fno-exceptions, where value() aborts instead. Misuse (a service name that is too long, a service started twice)
-// and exhausted descriptors abort with one line, as kservice.h says.
+// Only result::value() and text(), on an error, and the C++ library (std::bad_alloc) throw; the header compiles with
+// -fno-exceptions, where value() and text() abort instead, and read() does not. Misuse (a service name that is too
+// long, a service started twice) and exhausted descriptors abort with one line, as kservice.h says.
 #ifndef KSERVICE_HPP
 #define KSERVICE_HPP
 
@@ -172,7 +172,7 @@ public:
             filled += static_cast<std::size_t>(count);
         }
         bytes.resize(filled);
-        return bytes;
+        return result<std::string>(std::move(bytes));
     }
     /// The same; if they cannot be read, as result::value().
     [[nodiscard]] std::string text() const { return read().value(); }
@@ -323,7 +323,8 @@ public:
     }
 
     [[nodiscard]] const std::string& command() const noexcept { return command_; }
-    /// What the caller sent; valid until reply(). If it cannot be read, as message::text().
+    /// What the caller sent; valid until reply(). If it cannot be read, as of a message.
+    [[nodiscard]] result<std::string> read() const { return io_.read(); }
     [[nodiscard]] std::string text() const { return io_.text(); }
     /// The caller's extra descriptor, closed with this object; -1 = none.
     [[nodiscard]] int extra_fd() const noexcept { return extra_fd_; }
