@@ -21,8 +21,8 @@ struct documented_line {
 struct documented_key {
     std::string name;
     std::string type;     ///< One word.
-    bool of_rule = false; ///< A member of the rules in `rule_list`, not of the request itself.
-    bool required = true; ///< The request is rejected without it.
+    bool of_rule{};       ///< A member of the rules in `rule_list`, not of the request itself.
+    bool required{};      ///< The request is rejected without it.
     std::string standard; ///< The default's text, or empty.
     std::string meaning;
 };
